@@ -1,0 +1,37 @@
+// IPv6 and IPv4 addresses and their text in log lines.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <netinet/in.h>
+
+// Sixteen bytes in network order. Byte alignment on purpose: addresses lie at odd offsets in packets and frames.
+using ipv6_address = std::array<std::uint8_t, 16>;
+
+inline constexpr ipv6_address In6AddrAny{};                // ::, stands for all sources or any host
+inline constexpr ipv6_address IPv6McastPrefix{0xff, 0x02}; // ff02::
+
+// First byte of every IPv6 multicast address (RFC 4291, section 2.7).
+inline constexpr std::uint8_t IPV6_MULTICAST_FIRST_BYTE = 0xff;
+
+struct address_text {
+  std::array<char, 40> characters; // eight groups of four digits, seven colons, NUL
+};
+
+// Eight groups of four hexadecimal digits, never compressed: "ff0e:0000:...:0003".
+address_text address_to_log_text(const ipv6_address &address);
+
+// Argument for a "%s" of a log line; the text lives until the end of that statement.
+#define ADDRESS_TEXT(address) (address_to_log_text(address).characters.data())
+
+// ff02::/16, the link-local scope: never tracked, never forwarded.
+bool is_link_local_group(const ipv6_address &group);
+
+in6_addr to_in6_addr(const ipv6_address &address);
+ipv6_address from_in6_addr(const in6_addr &address);
+
+// Result buffer of my_inet_ntoa: every call overwrites it.
+extern std::array<char, 16> MyInAddr;
+
+// Dotted text of an IPv4 word, most significant octet first; returns `MyInAddr`.
+const char *my_inet_ntoa(const std::uint32_t *address);

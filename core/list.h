@@ -1,0 +1,42 @@
+// Intrusive singly linked list. A record's link is its first member, so a node and its record share an address;
+// the list neither allocates nor frees.
+#pragma once
+
+struct list_node {
+  list_node *next;
+};
+
+struct list {
+  list_node *head;
+};
+
+// Inserts at the front, so lists iterate newest first. Returns the previous head, null if the list was empty.
+list_node *list_add(list *into, list_node *node);
+
+// Appends all nodes of `from` at the tail of `into`. `from` keeps its head: clear it (or use list_move_all), or both
+// headers reach the same nodes and the next append makes a cycle.
+void list_cat(list *into, const list *from);
+
+// Appends all nodes of `from` at the tail of `into` and leaves `from` empty.
+void list_move_all(list *into, list *from);
+
+// Appends one node that is on no list.
+void list_append(list *into, list_node *node);
+
+// Pops the first node; null if the list is null or empty.
+list_node *list_remove(list *from);
+
+// Unlinks a node. Returns 0, or -1 if the list is null or empty or does not hold the node.
+int list_remove_node(list *from, list_node *node);
+
+list_node *list_get_head(const list *of);
+list_node *list_get_next(const list_node *node);
+
+// The same three steps for callers that know which records the list holds.
+template <typename record> record *list_first(const list *of) { return reinterpret_cast<record *>(list_get_head(of)); }
+
+template <typename record> record *list_after(const record *current) {
+  return reinterpret_cast<record *>(list_get_next(&current->link));
+}
+
+template <typename record> record *list_pop(list *from) { return reinterpret_cast<record *>(list_remove(from)); }

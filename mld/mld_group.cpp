@@ -1,0 +1,102 @@
+#include "mld/mld_group.h"
+
+#include "mld/mld_wire.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::uint32_t tenths_per_second = 10;
+
+mld_query *take_query(const ipv6_address &group) {
+  mld_query *query = list_pop<mld_query>(&MldRouter.free_queries);
+  if (query != nullptr) {
+    *query = mld_query{};
+    query->type = ICMPV6_MGM_QUERY;
+    query->max_resp = MldRouter.last_member_query_interval * tenths_per_second;
+    query->group = group;
+  }
+  return query;
+}
+
+} // namespace
+
+mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address) {
+  mld_group *group = list_first<mld_group>(&intr->groups);
+  while (group != nullptr && group->group != address) {
+    group = list_after(group);
+  }
+  return group;
+}
+
+mld_group *mld_take_group(log_site site, const ipv6_address &address) {
+  mld_group *group = list_pop<mld_group>(&MldRouter.free_groups);
+  if (group == nullptr) {
+    log_error(site, "No more free group available. Dropping membership request.");
+    return nullptr;
+  }
+  *group = mld_group{};
+  group->owner = &MldRouter.upstream_name;
+  group->group = address;
+  group->group_timer = static_cast<std::int32_t>(MldRouter.group_membership_interval);
+  group->state = MLD_GROUP_MEMBERS_PRESENT;
+  group->report_count = 1;
+  return group;
+}
+
+void mld_return_queries(mld_group *group) { list_move_all(&MldRouter.free_queries, &group->queries); }
+
+void mld_cancel_queries(mld_group *group) {
+  if (group->state == MLD_GROUP_CHECKING_MEMBERSHIP) {
+    mld_return_queries(group);
+  }
+}
+
+void mld_clear_group(mld_group *group) {
+  mld_return_queries(group);
+  group->state = MLD_GROUP_NO_MEMBERS;
+  group->source_count = 0;
+}
+
+void mld_release_group(mld_group *group) {
+  mld_clear_group(group);
+  list_add(&MldRouter.free_groups, &group->link);
+}
+
+bool mld_queue_queries(mld_group *group) {
+  for (std::uint32_t i = 1; i < MldRouter.last_member_query_count; ++i) {
+    mld_query *query = take_query(group->group);
+    if (query == nullptr) {
+      return false;
+    }
+    list_append(&group->queries, &query->link);
+  }
+  return true;
+}
+
+mld_source *mld_find_source(mld_group *group, const ipv6_address &address) {
+  for (mld_source &slot : mld_sources(group)) {
+    if (slot.address == address) {
+      return &slot;
+    }
+  }
+  return nullptr;
+}
+
+mld_source *mld_append_source(mld_group *group, const ipv6_address &address, std::uint32_t forward) {
+  const std::size_t used = mld_sources(group).size();
+  if (used == group->sources.size()) {
+    return nullptr;
+  }
+  mld_source &slot = group->sources[used];
+  slot.address = address;
+  slot.source_timer = static_cast<std::int32_t>(MldRouter.source_interval);
+  slot.forward = forward;
+  group->source_count = static_cast<std::int32_t>(used + 1);
+  return &slot;
+}
+
+std::span<mld_source> mld_sources(mld_group *group) {
+  const auto used = static_cast<std::size_t>(std::clamp(group->source_count, 0, MLD_MAX_SOURCES));
+  return std::span<mld_source>(group->sources).first(used);
+}

@@ -1,0 +1,38 @@
+// Group records between the pool and an interface's list, and their source slots.
+#pragma once
+
+#include "core/log.h"
+#include "mld/mld_router.h"
+
+#include <span>
+
+// The interface's record of a group; null if it has none.
+mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address);
+
+// Takes a record from the pool for a group with members: zeroed, full group timer, no sources, on no list yet. When
+// the pool is dry, logs for `site` and returns null; the report is lost then.
+mld_group *mld_take_group(log_site site, const ipv6_address &address);
+
+// Gives the group's pending queries back to their pool.
+void mld_return_queries(mld_group *group);
+
+// The same, if queries are what the group waits for: a report cancels them.
+void mld_cancel_queries(mld_group *group);
+
+// Ends a group that was unlinked from its interface: queries back, state 0, no sources. The record is then pushed on
+// `free_groups` by the caller or with mld_release_group.
+void mld_clear_group(mld_group *group);
+void mld_release_group(mld_group *group);
+
+// Queues `last_member_query_count` - 1 queries for the group. Returns false at the first one for which the pool is
+// dry (the caller says so); those queued before stay.
+bool mld_queue_queries(mld_group *group);
+
+// Slot of a source; null if the group has none for it. With :: it finds the any-source slot.
+mld_source *mld_find_source(mld_group *group, const ipv6_address &address);
+
+// Appends a slot with a full source timer. Returns null when all slots are taken: the source is not recorded.
+mld_source *mld_append_source(mld_group *group, const ipv6_address &address, std::uint32_t forward);
+
+// The used slots; never more than there are.
+std::span<mld_source> mld_sources(mld_group *group);

@@ -1,0 +1,90 @@
+#include "mld/mld_shutdown.h"
+
+#include "core/memory.h"
+#include "mld/mld_group.h"
+#include "mld/mld_membership.h"
+#include "mld/mld_options.h"
+
+#include <cstring>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+// A group is off the list before it is dropped, so the last interface that holds it leaves it upstream.
+void drop_groups(log_site site, mld_interface *intr) {
+  for (mld_group *group = list_pop<mld_group>(&intr->groups); group != nullptr;
+       group = list_pop<mld_group>(&intr->groups)) {
+    log_debug(site, "group address: %s", ADDRESS_TEXT(group->group));
+    mld_proxy_drop_membership(group);
+    mld_return_queries(group);
+    list_add(&MldRouter.free_groups, &group->link);
+  }
+}
+
+void restore_flags(log_site site, int ioctl_socket, const mld_interface *intr) {
+  ifreq request{};
+  std::memcpy(request.ifr_name, intr->name.data(), sizeof(request.ifr_name));
+  request.ifr_flags = static_cast<short>(intr->saved_flags);
+  if (ioctl(ioctl_socket, SIOCSIFFLAGS, &request) < 0) {
+    log_error(site, "Unable to restore interface flags for %s.", intr->name.data());
+  }
+}
+
+void delete_mif(log_site site, const mld_interface *intr) {
+  mif6ctl request{};
+  request.mif6c_mifi = static_cast<mifi_t>(intr->vif_index);
+  kernel_request(site, request_log::both, MldRouter.socket, MLD_OPTION_MRT6_DEL_MIF, request);
+}
+
+void free_pool(list *pool) {
+  for (list_node *record = list_remove(pool); record != nullptr; record = list_remove(pool)) {
+    my_free(record);
+  }
+}
+
+void stop_interfaces() {
+  for (mld_interface *intr = list_pop<mld_interface>(&MldRouter.interfaces); intr != nullptr;
+       intr = list_pop<mld_interface>(&MldRouter.interfaces)) {
+    list_move_all(&MldRouter.free_hosts, &intr->hosts);
+    if (intr->role != MLD_ROLE_UPSTREAM) {
+      mld_proxy_clean_interface(intr);
+      my_free(intr);
+    }
+  }
+  // Not there when start-up failed before it was found.
+  if (MldRouter.upstream_interface != nullptr) {
+    mld_proxy_clean_interface(MldRouter.upstream_interface);
+    my_free(MldRouter.upstream_interface);
+    MldRouter.upstream_interface = nullptr;
+  }
+}
+
+} // namespace
+
+void mld_proxy_clean_interface(mld_interface *intr) {
+  log_debug(MLD_HERE, "Cleaning interface: %s.", intr->name.data());
+  drop_groups(MLD_HERE, intr);
+  const int ioctl_socket = socket(AF_INET, SOCK_DGRAM, 0);
+  if (ioctl_socket < 0) {
+    log_error(MLD_HERE, "Unable to open socket for cleaning up.");
+    return;
+  }
+  restore_flags(MLD_HERE, ioctl_socket, intr);
+  delete_mif(MLD_HERE, intr);
+  close(ioctl_socket);
+  close(intr->socket);
+}
+
+void mld_proxy_stop() {
+  log_debug(MLD_HERE, "Stop MLD Proxy.");
+  stop_interfaces();
+  free_pool(&MldRouter.free_hosts);
+  free_pool(&MldRouter.free_queries);
+  free_pool(&MldRouter.free_groups);
+  // No option value: the kernel drops the MIFs and entries that are left, among them the (::, G) ones.
+  const int on = 1;
+  kernel_request(MLD_HERE, request_log::both, MldRouter.socket, MLD_OPTION_MRT6_DONE, &on, 0);
+  log_memory_report(MLD_HERE, "MLD");
+}

@@ -1,0 +1,37 @@
+#include "mld/mld_snooping.h"
+
+#include "core/log.h"
+#include "core/shell.h"
+#include "core/state_file.h"
+
+#include <arpa/inet.h>
+
+namespace {
+
+// Room for 15 characters, as in the record that the snooping program reads: a longer address leaves the line without
+// one, and the program then looks at all its groups.
+using short_address_text = std::array<char, INET_ADDRSTRLEN>;
+
+short_address_text to_short_text(const ipv6_address &address) {
+  short_address_text text{};
+  if (inet_ntop(AF_INET6, address.data(), text.data(), text.size()) == nullptr) {
+    text.fill('\0');
+  }
+  return text;
+}
+
+} // namespace
+
+void mld_snooping_leave(const ipv6_address &source, const ipv6_address &group) {
+  FILE *record = open_state_file("/tmp/tarnwick_leave_record");
+  if (record == nullptr) {
+    log_error(MLD_HERE, "Open file \"/tmp/tarnwick_leave_record\" failed.");
+    return;
+  }
+  if (source != In6AddrAny) {
+    std::fprintf(record, "src=%s\n", to_short_text(source).data());
+  }
+  std::fprintf(record, "grp=%s\n", to_short_text(group).data());
+  std::fclose(record);
+  run_shell_command("killall -USR2 igmp_snooping");
+}

@@ -1,0 +1,87 @@
+#include "platform/nvram_file.h"
+
+#include "platform/nvram.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// The file as read, cut into NUL-terminated lines; values are handed out as pointers into it.
+struct nvram_store {
+  std::array<char, NVRAM_FILE_LIMIT_BYTES + 1> text;
+  std::size_t length;
+  bool is_loaded;
+};
+
+nvram_store Store;
+
+const char *nvram_path() {
+  const char *chosen = std::getenv(NVRAM_PATH_VARIABLE);
+  return chosen != nullptr && chosen[0] != '\0' ? chosen : NVRAM_DEFAULT_PATH;
+}
+
+// A missing file is normal (every key is absent); any other failure deserves a word.
+void read_file(const char *path) {
+  FILE *file = std::fopen(path, "re");
+  if (file == nullptr) {
+    if (errno != ENOENT) {
+      std::fprintf(stderr, "%s: %s; every NVRAM key counts as absent\n", path, std::strerror(errno));
+    }
+    return;
+  }
+  Store.length = std::fread(Store.text.data(), 1, NVRAM_FILE_LIMIT_BYTES, file);
+  if (std::fgetc(file) != EOF) {
+    std::fprintf(stderr, "%s: larger than %zu bytes, the rest is not read\n", path, NVRAM_FILE_LIMIT_BYTES);
+  }
+  std::fclose(file);
+}
+
+bool is_passed_over(const char *line) { return line[0] == '\0' || line[0] == '#'; }
+
+// Cuts the text into lines and names those that say nothing.
+void split_lines(const char *path) {
+  char *const end = Store.text.data() + Store.length;
+  *end = '\0';
+  int number = 1;
+  for (char *line = Store.text.data(); line < end; ++number) {
+    char *newline = static_cast<char *>(std::memchr(line, '\n', static_cast<std::size_t>(end - line)));
+    char *const line_end = newline != nullptr ? newline : end;
+    *line_end = '\0';
+    if (!is_passed_over(line) && std::strchr(line, '=') == nullptr) {
+      std::fprintf(stderr, "%s:%d: no '=' in this line, skipped\n", path, number);
+    }
+    line = line_end + 1;
+  }
+}
+
+void load() {
+  Store.is_loaded = true;
+  Store.length = 0;
+  const char *path = nvram_path();
+  read_file(path);
+  split_lines(path);
+}
+
+} // namespace
+
+// The last line of a key wins. Values are taken to the letter, trailing blanks included.
+char *nvram_get(const char *key) {
+  if (!Store.is_loaded) {
+    load();
+  }
+  const std::size_t key_length = std::strlen(key);
+  char *const end = Store.text.data() + Store.length;
+  char *found = nullptr;
+  for (char *line = Store.text.data(); line < end; line += std::strlen(line) + 1) {
+    if (!is_passed_over(line) && std::strncmp(line, key, key_length) == 0 && line[key_length] == '=') {
+      found = line + key_length + 1;
+    }
+  }
+  return found;
+}
+
+void nvram_file_forget() { Store.is_loaded = false; }
