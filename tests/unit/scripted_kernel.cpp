@@ -239,6 +239,12 @@ void append_control(msghdr *header, std::size_t &used, int level, int type, cons
 
 void fill_packet_information(const message &given, msghdr *header) {
   std::size_t used = 0;
+  if (!given.control.empty()) {
+    used = std::min<std::size_t>(given.control.size(), header->msg_controllen);
+    std::memcpy(header->msg_control, given.control.data(), used);
+    header->msg_controllen = used;
+    return;
+  }
   if (given.ifindex && given.destination.empty()) {
     in6_pktinfo info{};
     info.ipi6_ifindex = static_cast<unsigned int>(*given.ifindex);

@@ -38,10 +38,11 @@ struct interface {
 // One message for recvmsg.
 struct message {
   std::vector<std::uint8_t> bytes;
-  std::string sender;           // IPv6 or IPv4 text; empty: the kernel fills no name
-  std::optional<int> ifindex;   // none: no packet information
-  std::string destination = ""; // IPv4 packet information only
-  int error = 0;                // not 0: recvmsg fails with it
+  std::string sender;                     // IPv6 or IPv4 text; empty: the kernel fills no name
+  std::optional<int> ifindex;             // none: no packet information
+  std::string destination = "";           // IPv4 packet information only
+  int error = 0;                          // not 0: recvmsg fails with it
+  std::vector<std::uint8_t> control = {}; // ancillary data as it stands, instead of packet information
 };
 
 // One return of select.
