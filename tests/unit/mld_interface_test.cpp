@@ -1,3 +1,4 @@
+#include "mld/mld_shutdown.h"
 #include "mld_discovery_fixture.h"
 
 #include <cerrno>
@@ -130,6 +131,25 @@ TEST_F(mld_discovery, wan_name_goes_through_every_step_before_it_is_given_up) {
   then(opened + upstream_found + named("ppp0") + looked_up("ppp0", 9) + flagged("ppp0") + given_socket +
        lines{debug("Detected ppp0 as non-DOWNSTREAM interface.")} + downstream_found("br0", 3) + closed);
   EXPECT_EQ(result, 0);
+}
+
+TEST_F(mld_discovery, wan_name_that_was_given_up_is_not_restored_by_a_stop) {
+  Kernel.interfaces.push_back({"ppp0", 9, 0x1003, "fe80::9"});
+  given_downstream({"ppp0", "br0"});
+  when_discovered();
+  then_anything();
+  when([] { mld_proxy_stop(); });
+  const lines happened = take_transcript();
+  const auto count = [&](const std::string &part) {
+    return std::count_if(happened.begin(), happened.end(), [&](const std::string &line) {
+      return is_request(line) && line.find(part) != std::string::npos;
+    });
+  };
+  EXPECT_EQ(count("SIOCSIFFLAGS"), 2);
+  EXPECT_EQ(count("MRT6_DEL_MIF"), 2);
+  EXPECT_EQ(count("ppp0"), 0);
+  EXPECT_EQ(count("close(fd 1102)"), 0) << "its socket";
+  EXPECT_EQ(malloc_counter, free_counter);
 }
 
 TEST_F(mld_discovery, upstream_may_have_a_wan_name) {
