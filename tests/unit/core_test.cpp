@@ -6,8 +6,8 @@
 #include "platform/nvram_file.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -89,6 +89,17 @@ std::string error_output_of(const std::function<void()> &code) {
   testing::internal::CaptureStderr();
   code();
   return testing::internal::GetCapturedStderr();
+}
+
+std::set<int> open_descriptors() {
+  constexpr int more_than_a_test_opens = 512;
+  std::set<int> open;
+  for (int descriptor = 0; descriptor < more_than_a_test_opens; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) != -1) {
+      open.insert(descriptor);
+    }
+  }
+  return open;
 }
 
 } // namespace scripted

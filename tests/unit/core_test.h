@@ -3,6 +3,7 @@
 
 #include "proxy_test.h"
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ struct core_test : proxy_test {
 
 // Runs code, with what it writes to standard error as the result.
 std::string error_output_of(const std::function<void()> &code);
+
+// Descriptors that the test program has open.
+std::set<int> open_descriptors();
 
 // The eight usage lines as they stand in the transcript.
 extern const lines usage_lines;

@@ -28,6 +28,7 @@ struct main_loop : core_test {
     br0 = my_malloc_record<mld_interface>();
     br0->name = copy_interface_name("br0");
     br0->role = MLD_ROLE_DOWNSTREAM;
+    br0->socket = MLD_SOCKET + 3; // no descriptor of the test program
     br0->other_querier_timer = 100;
     list_add(&MldRouter.interfaces, &br0->link);
   }
@@ -93,9 +94,17 @@ TEST_F(main_loop, tick_that_interrupts_the_wait_runs_the_timers) {
   given_wake_ups({interrupted_by({SIGALRM}), interrupted_by({SIGALRM}), interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, tick, read_ticks, timer_run(100), //
-      wait, tick, read_ticks, timer_run(99),  //
-      wait, tick, read_ticks,                 //
+      wait,
+      tick,
+      read_ticks,
+      timer_run(100), //
+      wait,
+      tick,
+      read_ticks,
+      timer_run(99), //
+      wait,
+      tick,
+      read_ticks, //
       stopped,
   }));
 }
@@ -104,8 +113,13 @@ TEST_F(main_loop, tick_found_ready_runs_the_timers) {
   given_wake_ups({{{PIPE_READ_END}, 0, 0, {SIGALRM}}, interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, tick, read_ticks, timer_run(100), //
-      wait, tick, read_ticks,                 //
+      wait,
+      tick,
+      read_ticks,
+      timer_run(100), //
+      wait,
+      tick,
+      read_ticks, //
       stopped,
   }));
 }
@@ -122,9 +136,21 @@ TEST_F(main_loop, fifth_queued_tick_is_left_for_the_next_turn) {
                   interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, tick, tick, tick, tick, tick, read_ticks, timer_run(100), //
-      wait, read_ticks, timer_run(99),                                //
-      wait, tick, read_ticks, stopped,
+      wait,
+      tick,
+      tick,
+      tick,
+      tick,
+      tick,
+      read_ticks,
+      timer_run(100), //
+      wait,
+      read_ticks,
+      timer_run(99), //
+      wait,
+      tick,
+      read_ticks,
+      stopped,
   }));
 }
 
@@ -133,8 +159,13 @@ TEST_F(main_loop, message_is_read_when_the_socket_is_ready) {
   given_wake_ups({{{MLD_SOCKET}}, interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, "recvmsg(mld)", logged_error("mld_network_socket_read_data", "MLD Unable to read MLD data."), //
-      wait, tick, read_ticks, stopped,
+      wait,
+      "recvmsg(mld)",
+      logged_error("mld_network_socket_read_data", "MLD Unable to read MLD data."), //
+      wait,
+      tick,
+      read_ticks,
+      stopped,
   }));
 }
 
@@ -143,9 +174,16 @@ TEST_F(main_loop, timers_run_before_the_message_of_the_same_wake_up) {
   given_wake_ups({{{PIPE_READ_END, MLD_SOCKET}, 0, 0, {SIGALRM}}, interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, tick, read_ticks, timer_run(100),                                                       //
-      "recvmsg(mld)", logged_error("mld_network_socket_read_data", "MLD Unable to read MLD data."), //
-      wait, tick, read_ticks, stopped,
+      wait,
+      tick,
+      read_ticks,
+      timer_run(100), //
+      "recvmsg(mld)",
+      logged_error("mld_network_socket_read_data", "MLD Unable to read MLD data."), //
+      wait,
+      tick,
+      read_ticks,
+      stopped,
   }));
 }
 
@@ -235,8 +273,11 @@ TEST_F(main_loop, error_number_of_the_wait_is_not_that_of_a_handler) {
   given_wake_ups({{{}, -1, ENOMEM, {SIGALRM}}});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, tick, logged_error("router_tick", "Timer write failed."), //
-      logged_error("main", "Select failed Error Number:" + std::to_string(ENOMEM) + "."), stopped,
+      wait,
+      tick,
+      logged_error("router_tick", "Timer write failed."), //
+      logged_error("main", "Select failed Error Number:" + std::to_string(ENOMEM) + "."),
+      stopped,
   }));
 }
 
@@ -298,9 +339,16 @@ TEST_F(main_loop, failed_tick_is_logged_and_the_loop_goes_on) {
   given_wake_ups({interrupted_by({SIGALRM}), interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);
   then(prepared({
-      wait, tick, logged_error("router_tick", "Timer write failed."), //
-      read_ticks, tick, timer_run(100),                               //
-      wait, tick, read_ticks, stopped,
+      wait,
+      tick,
+      logged_error("router_tick", "Timer write failed."), //
+      read_ticks,
+      tick,
+      timer_run(100), //
+      wait,
+      tick,
+      read_ticks,
+      stopped,
   }));
 }
 

@@ -66,17 +66,16 @@ TEST_F(options, option_without_its_argument_gets_the_usage_text) {
 
 TEST_F(options, usage_text_is_the_same_byte_for_byte) {
   when([] { print_usage(); });
-  EXPECT_EQ(Kernel.output,
-            "Usage: tarnwick [-v] [-b] -u <interface name> -d <ignore interface name> -q <non-querier> "
-            "-m <4to4/4to6/6to6 mode>.\n"
-            "-v                   \t\t: Verbose mode - Print debug messages\n"
-            "-b                   \t\t: Daemon mode - Run in background\n"
-            "-u <interface name>  \t\t: Name of the interface on which the router is present\n"
-            "-d <interface name>  \t\t: Name of the interface on which the proxy is present\n"
-            "-q <non-querier>  \t\t: \"1\"--force to be non-querier, otherwise \"0\".\n"
-            "-m <4to4/4to6/6to6 mode>  \t: Specify IGMP/MLD mode for Lan to Wan\n"
-            "Example: tarnwick -v -u br1 -d br0\n"
-            "\n");
+  EXPECT_EQ(Kernel.output, "Usage: tarnwick [-v] [-b] -u <interface name> -d <ignore interface name> -q <non-querier> "
+                           "-m <4to4/4to6/6to6 mode>.\n"
+                           "-v                   \t\t: Verbose mode - Print debug messages\n"
+                           "-b                   \t\t: Daemon mode - Run in background\n"
+                           "-u <interface name>  \t\t: Name of the interface on which the router is present\n"
+                           "-d <interface name>  \t\t: Name of the interface on which the proxy is present\n"
+                           "-q <non-querier>  \t\t: \"1\"--force to be non-querier, otherwise \"0\".\n"
+                           "-m <4to4/4to6/6to6 mode>  \t: Specify IGMP/MLD mode for Lan to Wan\n"
+                           "Example: tarnwick -v -u br1 -d br0\n"
+                           "\n");
   then(usage_lines);
 }
 
