@@ -26,6 +26,12 @@ void reset_igmp() {
   NatptIndex = 0;
 }
 
+// Every key is absent, whatever the machine that runs the tests has.
+void empty_nvram() {
+  setenv(NVRAM_PATH_VARIABLE, (Kernel.directory + "/no-nvram").c_str(), 1);
+  nvram_file_forget();
+}
+
 void forget_nvram() {
   unsetenv(NVRAM_PATH_VARIABLE);
   nvram_file_forget();
@@ -132,7 +138,7 @@ std::string received_line(const std::string &sender, const std::string &destinat
 
 igmp_test::igmp_test() {
   reset_igmp();
-  forget_nvram();
+  empty_nvram();
   ProxyMode = PROXY_MODE_4TO4;
   UpstreamInterfacesName = "wan0";
   run([] {
@@ -229,7 +235,7 @@ void igmp_test::when_ticked(int ticks) {
 
 igmp_start_test::igmp_start_test() {
   reset_igmp();
-  forget_nvram();
+  empty_nvram();
   ProxyMode = PROXY_MODE_4TO4;
 }
 
