@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import signal
 
 import kernel_view
@@ -11,6 +12,14 @@ DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"
 FAST_TICK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_tick.so"
 MLDV2_ROUTERS = "ff02::16"
+USUAL_OPTIONS = ("-u", "wan0", "-d", "br0")
+START_DEADLINE_S = 15
+SHORT_LOG_BYTES = 1 << 16
+# For builds with sanitizers: stdbuf preloads a library too; what the daemon loses on purpose is listed.
+ENVIRONMENT = {
+    "TARNWICK_NVRAM": "/tmp/nvram",
+    "ASAN_OPTIONS": "verify_asan_link_order=0",
+    "LSAN_OPTIONS": f"suppressions={laboratory.PROGRAMS_IN_ROUTER}/lsan.supp:print_suppressions=0"}
 
 
 def start_daemon(lab, *options, ticks_per_second=1, wait=True):
@@ -18,17 +27,50 @@ def start_daemon(lab, *options, ticks_per_second=1, wait=True):
 
     With `wait` it returns once the daemon listens. `ticks_per_second` hurries its clock.
     """
-    environment = {
-        "TARNWICK_NVRAM": "/tmp/nvram",
-        # Builds with AddressSanitizer: stdbuf preloads a library too; deleted hosts stay allocated by design.
-        "ASAN_OPTIONS": "verify_asan_link_order=0:detect_leaks=0"}
-    if ticks_per_second != 1:
-        environment |= {"LD_PRELOAD": FAST_TICK, "FAST_TICK_PER_SECOND": str(ticks_per_second)}
-    chosen = options or ("-u", "wan0", "-d", "br0")
-    lab.daemon = laboratory.start(lab, "router", "stdbuf", "-oL", DAEMON, *chosen, environment=environment)
+    chosen = options or USUAL_OPTIONS
+    lab.daemon = laboratory.start(lab, "router", "stdbuf", "-oL", DAEMON, *chosen,
+                                  environment=environment_of(ticks_per_second))
     if wait:
-        laboratory.wait_for(lambda: is_listening(lab.daemon), what="start of the daemon")
+        wait_until_listening(lab.daemon)
     return lab.daemon
+
+
+def environment_of(ticks_per_second=1):
+    hurried = {"LD_PRELOAD": FAST_TICK, "FAST_TICK_PER_SECOND": str(ticks_per_second)}
+    return ENVIRONMENT | (hurried if ticks_per_second != 1 else {})
+
+
+def wait_until_listening(daemon):
+    laboratory.wait_for(lambda: is_listening(daemon), START_DEADLINE_S, what="start of the daemon")
+
+
+def start_daemon_with_short_log(lab, *options, ticks_per_second=1):
+    """For floods, whose log would fill the disk: only its last lines are kept, and seen after the daemon's end.
+
+    Returns the daemon and the program that keeps the lines.
+    """
+    read_end, write_end = os.pipe()
+    keeper = laboratory.start(lab, "router", "tail", "-c", str(SHORT_LOG_BYTES), standard_input=read_end)
+    lab.daemon = laboratory.start(lab, "router", DAEMON, *(options or USUAL_OPTIONS), standard_output=write_end,
+                                  environment=environment_of(ticks_per_second))
+    os.close(read_end)
+    os.close(write_end)
+    wait_until_listening(lab.daemon)
+    return lab.daemon, keeper
+
+
+def is_sanitized(program):
+    return "libasan" in pathlib.Path(f"/proc/{program.pid}/maps").read_text(encoding="ascii")
+
+
+def private_kilobytes(program):
+    """Memory that the program has written to and shares with nobody."""
+    rollup = pathlib.Path(f"/proc/{program.pid}/smaps_rollup").read_text(encoding="ascii")
+    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", rollup, re.M).group(1))
+
+
+def open_descriptors(program):
+    return len(os.listdir(f"/proc/{program.pid}/fd"))
 
 
 def is_listening(program):
