@@ -11,9 +11,14 @@ import lab as laboratory
 DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"
 FAST_TICK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_tick.so"
+SIGNAL_AT_CALL = f"{laboratory.PROGRAMS_IN_ROUTER}/libsignal_at_call.so"
 MLDV2_ROUTERS = "ff02::16"
 USUAL_OPTIONS = ("-u", "wan0", "-d", "br0")
 START_DEADLINE_S = 15
+# Another user with two capabilities, which what it starts cannot add to.
+TWO_CAPABILITIES = (
+    "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all,+net_admin,+net_raw",
+    "--ambient-caps=-all,+net_admin,+net_raw", "--bounding-set=-all,+net_admin,+net_raw", "--no-new-privs")
 SHORT_LOG_BYTES = 1 << 16
 # For builds with sanitizers: stdbuf preloads a library too; what the daemon loses on purpose is listed.
 ENVIRONMENT = {
@@ -22,14 +27,14 @@ ENVIRONMENT = {
     "LSAN_OPTIONS": f"suppressions={laboratory.PROGRAMS_IN_ROUTER}/lsan.supp:print_suppressions=0"}
 
 
-def start_daemon(lab, *options, ticks_per_second=1, wait=True):
+def start_daemon(lab, *options, ticks_per_second=1, wait=True, environment=None):
     """The daemon with the given options ("-u wan0 -d br0" when there are none), its log line by line.
 
     With `wait` it returns once the daemon listens. `ticks_per_second` hurries its clock.
     """
     chosen = options or USUAL_OPTIONS
     lab.daemon = laboratory.start(lab, "router", "stdbuf", "-oL", DAEMON, *chosen,
-                                  environment=environment_of(ticks_per_second))
+                                  environment=environment_of(ticks_per_second) | (environment or {}))
     if wait:
         wait_until_listening(lab.daemon)
     return lab.daemon
@@ -83,9 +88,11 @@ def is_listening(program):
     return bool(catches_tick) and status["State"].startswith("S")
 
 
-def start_companion(lab, downstream="br0"):
-    """The companion that a mainline kernel needs; returns once both of its works are done."""
+def start_companion(lab, downstream="br0", wait=True):
+    """The companion that a mainline kernel needs; with `wait` it returns once both of its works are done."""
     companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream)
+    if not wait:
+        return companion
 
     def is_effective():
         joined = all(MLDV2_ROUTERS in kernel_view.memberships(lab, name) for name in downstream.split(","))
@@ -102,13 +109,13 @@ def start_proxy(lab, downstream="br0", **options):
     return daemon
 
 
-def start_snooping(lab):
+def start_snooping(lab, *before):
     """A process of the name `igmp_snooping` in the router; returns the file with the signals that it got."""
     # Through a link in the router's own /tmp: the build's folder does not hold the stand-in.
     stand_in = lab.router_tmp / "igmp_snooping"
     stand_in.write_bytes((laboratory.TOOLS / "igmp_snooping").read_bytes())
     os.chmod(stand_in, 0o755)
-    laboratory.start(lab, "router", "/tmp/igmp_snooping", "/tmp/signals")
+    laboratory.start(lab, "router", *before, "/tmp/igmp_snooping", "/tmp/signals")
     notes = lab.router_tmp / "signals"
     laboratory.wait_for(lambda: notes.exists() and "ready" in notes.read_text(), what="start of igmp_snooping")
     return notes
