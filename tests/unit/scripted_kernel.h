@@ -91,6 +91,7 @@ struct kernel {
   std::string output;             // standard output as it was written, log prefixes included
   std::vector<std::string> made;  // all that a sweep can fail: the requests, and "malloc(36)"
   int allocations_refused = 0;    // counted by the daemon all the same
+  int select_limit = 0;           // highest descriptor plus one, of the last select
   std::optional<int> exit_status; // of exit()
 };
 
