@@ -85,6 +85,7 @@ struct kernel {
   std::vector<std::string> commands;             // of system()
   std::map<int, sighandler_t> handlers;
   std::string output;    // standard output as it was written, log prefixes included
+  int select_limit = 0;  // highest descriptor plus one, of the last select
   int requests_made = 0; // all that a sweep can fail
   int allocations_made = 0;
   std::optional<int> exit_status; // of exit()
