@@ -189,6 +189,27 @@ TEST_F(mld_membership, refused_forwarding_of_a_source_is_told_by_the_level_alone
   });
 }
 
+TEST_F(mld_membership, source_is_left_in_the_callers_style_of_logging) {
+  const std::string leave_source =
+      "setsockopt(wan0, MCAST_LEAVE_SOURCE_GROUP) group=ff0e::1 source=2001:db8::1 ifindex=2";
+  const std::string done = logged_debug("mld_leaver", "setsockopt: MCAST_LEAVE_SOURCE_GROUP");
+  const std::string failed = logged_error("mld_leaver", "setsockopt: MCAST_LEAVE_SOURCE_GROUP fail!!!");
+  const auto when_left = [&](request_log style) {
+    bool is_left = false;
+    when([&] {
+      is_left = mld_leave_source(MLD_STEP_OF("mld_leaver"), style, address("ff0e::1"), address("2001:db8::1"));
+    });
+    return is_left;
+  };
+  EXPECT_TRUE(when_left(request_log::either));
+  then({leave_source, done});
+  given_failure(leave_source, EADDRNOTAVAIL, 2);
+  EXPECT_FALSE(when_left(request_log::either));
+  then({leave_source, failed});
+  EXPECT_FALSE(when_left(request_log::both));
+  then({leave_source, failed, done});
+}
+
 // Dropping.
 
 std::string delete_entry(const std::string &source) {
