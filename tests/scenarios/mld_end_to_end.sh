@@ -15,6 +15,7 @@ datagrams=50
 
 # shellcheck source=tests/scenarios/lab.sh
 . "$(dirname "$0")/lab.sh"
+# shellcheck source=tests/scenarios/checks.sh
 . "$(dirname "$0")/checks.sh"
 
 is_forwarded() { lab_table ip6_mr_cache | grep -q '^ff0e:0000:0000:0000:0000:0001:0002:0003 '; }
@@ -61,10 +62,10 @@ echo "# the last host leaves"
 check "the first host leaves" lab_stop "$first_pid"
 check "the router leaves upstream" eventually is_not lab_joined_upstream "$group_digits"
 check "the kernel's entry is gone" is_not is_forwarded
-forwarded_before=$(forwarded)
+forwarded_before=$(lab_forwarded)
 check "all in all $((3 * datagrams)) datagrams were forwarded" is_equal "$forwarded_before" $((3 * datagrams))
 lab_send "$group" "$datagrams" >/dev/null
-check "the stream stays on the WAN" is_equal "$(forwarded)" "$forwarded_before"
+check "the stream stays on the WAN" is_equal "$(lab_forwarded)" "$forwarded_before"
 
 echo "# stop"
 check "the daemon ends with status 0" lab_stop "$daemon_pid"
