@@ -26,7 +26,8 @@ MRT6_ADD_MFC, MRT6_DEL_MFC = 204, 205
 def start_alone(lab, upstream="wan0", downstream="br0"):
     """The companion without a daemon; returns once it has looked at its interfaces."""
     companion = start(lab, "router", COMPANION, "-u", upstream, "-d", downstream)
-    wait_for(lambda: len(log_of(companion).splitlines()) > downstream.count(",") + 1, what="first look of the companion")
+    interfaces = 2 + downstream.count(",")
+    wait_for(lambda: len(log_of(companion).splitlines()) >= interfaces, what="first look of the companion")
     return companion
 
 
@@ -80,8 +81,8 @@ def pause(program):
     """Stops the program and with it the nsenter that it runs under."""
     send_signal(program, signal.SIGSTOP)
     for pid in (program.pid, program.process.pid):
-        status = pathlib.Path(f"/proc/{pid}/status")
-        wait_for(lambda file=status: "State:\tT" in file.read_text(encoding="ascii"), what=f"stop of {program.log.name}")
+        file = pathlib.Path(f"/proc/{pid}/status")
+        wait_for(lambda status=file: "State:\tT" in status.read_text(encoding="ascii"), what="stop of the program")
 
 
 def resume(program):
