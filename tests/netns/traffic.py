@@ -1,0 +1,147 @@
+"""Listeners, streams and captured frames."""
+
+import dataclasses
+import re
+import socket
+import struct
+
+from scapy.layers.inet6 import (ICMPv6MLDone, ICMPv6MLQuery, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2,
+                                ICMPv6Unknown, IPv6, in6_chksum)
+from scapy.layers.l2 import Ether
+from scapy.packet import raw
+
+import lab as laboratory
+import namespaces
+
+MLD_QUERY, MLD_V1_REPORT, MLD_V1_DONE, MLD_V2_REPORT = 130, 131, 132, 143
+RECORD_NAMES = {1: "IS_IN", 2: "IS_EX", 3: "TO_IN", 4: "TO_EX", 5: "ALLOW", 6: "BLOCK"}
+ETH_P_ALL = 0x0003
+SO_TIMESTAMPNS = 35
+ICMPV6 = 58
+
+
+def program(name):
+    return str(laboratory.PROGRAMS / name)
+
+
+def listen(lab, host, group, *, sources=(), excluded=()):
+    """A program on a host joins a group with an ordinary socket; returns once it has joined."""
+    choice = [word for source in sources for word in ("-s", source)]
+    choice += [word for source in excluded for word in ("-x", source)]
+    port = str(laboratory.PORT)
+    listener = laboratory.start(lab, host, program("mcast_join"), "-i", "eth0", "-g", group, "-p", port, *choice)
+    laboratory.wait_for(lambda: "joined" in laboratory.log_of(listener), what=f"{host} joins {group}")
+    return listener
+
+
+def received(listener, source=None):
+    """How many datagrams have reached the listener, from one source or from all."""
+    return len(re.findall(rf"^datagram from {re.escape(source) if source else ''}", laboratory.log_of(listener), re.M))
+
+
+def start_stream(lab, group, *, source=laboratory.S1, count=2000, per_second=100):
+    """Datagrams from the WAN source to a group."""
+    return laboratory.start(lab, "source", program("mcast_send"), "-i", "src0", "-g", group, "-p",
+                            str(laboratory.PORT), "-s", source, "-n", str(count), "-r", str(per_second))
+
+
+def send_stream(lab, group, *, source=laboratory.S1, count=50, per_second=200):
+    """Sends a whole stream; returns the number of datagrams sent."""
+    sender = start_stream(lab, group, source=source, count=count, per_second=per_second)
+    laboratory.wait_for_end(sender, deadline_s=5 + count / per_second * 2)
+    return int(re.search(r"sent (\d+)", laboratory.log_of(sender)).group(1))
+
+
+@dataclasses.dataclass
+class Capture:
+    socket: socket.socket
+    frames: list = dataclasses.field(default_factory=list)  # (time in seconds, bytes)
+
+
+@dataclasses.dataclass(frozen=True)
+class Mld:
+    """One MLD message on the wire. `records` of a v2 report: (kind, group, frozenset of sources)."""
+    time: float
+    type: int
+    sender: str
+    group: str
+    sources: tuple
+    records: tuple
+    frame: bytes
+
+
+def capture(lab, node, interface):
+    """Notes every frame that the node's interface sends or gets from now on."""
+    with namespaces.entered(lab.nodes[node]):
+        receiver = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
+    receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUFFORCE if hasattr(socket, "SO_RCVBUFFORCE") else 33, 1 << 22)
+    receiver.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
+    receiver.bind((interface, ETH_P_ALL))
+    receiver.setblocking(False)
+    return Capture(receiver)
+
+
+def drain(captured):
+    while True:
+        try:
+            frame, control, _flags, _address = captured.socket.recvmsg(2048, 64)
+        except BlockingIOError:
+            return captured.frames
+        seconds, nanoseconds = struct.unpack("qq", control[0][2][:16])
+        captured.frames.append((seconds + nanoseconds / 1e9, frame))
+
+
+def mld_messages(captured, message_type=None):
+    """The MLD messages among the captured frames, decoded by scapy."""
+    messages = [to_mld(time, frame) for time, frame in drain(captured)]
+    return [mld for mld in messages if mld and message_type in (None, mld.type)]
+
+
+def queries(captured, group=None, sender=None):
+    return [mld for mld in mld_messages(captured, MLD_QUERY)
+            if group in (None, mld.group) and sender in (None, mld.sender)]
+
+
+def records(captured, sender=None):
+    """Every record of every v2 report, in the order of the wire."""
+    return [record for mld in mld_messages(captured, MLD_V2_REPORT) if sender in (None, mld.sender)
+            for record in mld.records]
+
+
+def datagrams(captured, group):
+    """How many UDP datagrams to a group were captured."""
+    packets = (Ether(frame) for _time, frame in drain(captured))
+    return sum(1 for packet in packets if IPv6 in packet and packet[IPv6].nh == socket.IPPROTO_UDP
+               and packet[IPv6].dst == group)
+
+
+def to_mld(time, frame):
+    packet = Ether(frame)
+    if IPv6 not in packet:
+        return None
+    ip = packet[IPv6]
+    for layer in (ICMPv6MLQuery2, ICMPv6MLQuery, ICMPv6MLReport, ICMPv6MLDone):
+        if layer in packet:
+            mld = packet[layer]
+            return Mld(time, mld.type, ip.src, mld.mladdr, tuple(getattr(mld, "sources", None) or ()), (), frame)
+    if ICMPv6MLReport2 in packet:
+        found = tuple((RECORD_NAMES.get(record.rtype, str(record.rtype)), record.dst, frozenset(record.sources or ()))
+                      for record in packet[ICMPv6MLReport2].records)
+        return Mld(time, MLD_V2_REPORT, ip.src, "", (), found, frame)
+    return None
+
+
+def checksum_is_good(frame):
+    """Computed by scapy over the ICMPv6 message as it was on the wire, its checksum included."""
+    ip = Ether(frame)[IPv6]
+    icmp = raw(ip.payload.payload)
+    return in6_chksum(ICMPV6, ip, icmp) in (0, 0xffff)
+
+
+def send_frame(lab, node, interface, packet):
+    """Puts one frame on the wire, as a host with a stack of its own would."""
+    with namespaces.entered(lab.nodes[node]):
+        sender = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    with sender:
+        sender.bind((interface, 0))
+        sender.send(raw(packet))
