@@ -26,8 +26,9 @@ void wait_seconds(int seconds) {
   nanosleep(&wait, nullptr);
 }
 
-int say_problem(const text &problem) {
+int say_problem(text &problem) {
   std::fprintf(stderr, "tarnwick-status: %s\n", text_of(problem));
+  free_rows(problem);
   return status_failed;
 }
 
@@ -50,8 +51,11 @@ int show_once(const status_options &options) {
     page shown;
     add_report(round.joined, newest_sample(round).mifs, onto.is_utf8, shown);
     add_page(onto, shown, content);
+    free_page(shown);
   }
-  return write_out(content) ? EXIT_SUCCESS : status_failed;
+  const bool is_written = write_out(content);
+  free_rows(content);
+  return is_written ? EXIT_SUCCESS : status_failed;
 }
 
 // A round that fails is shown in place of the table; the next one tries again.
@@ -94,6 +98,8 @@ int watch(const status_options &options) {
     }
   }
   end_redrawing(measure_screen(true));
+  free_page(shown);
+  free_rows(content);
   return is_written ? EXIT_SUCCESS : status_failed;
 }
 

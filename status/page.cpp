@@ -63,6 +63,11 @@ void clear_page(page &shown) {
   clear_rows(shown.lines);
 }
 
+void free_page(page &shown) {
+  free_rows(shown.bytes);
+  free_rows(shown.lines);
+}
+
 void add_line(page &shown, line_style style, const char *line) {
   add_row(shown.lines, page_line{style, shown.bytes.count});
   add_bytes(shown.bytes, line, std::strlen(line) + 1);

@@ -16,6 +16,7 @@ struct page {
 };
 
 void clear_page(page &shown);
+void free_page(page &shown);
 void add_line(page &shown, line_style style, const char *line);
 const char *line_text(const page &shown, const page_line &line);
 

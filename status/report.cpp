@@ -87,7 +87,8 @@ void add_listener_cells(const group_line *listener, table &laid) {
   free_rows(average);
 }
 
-void add_stream_cells(const stream_row *stream, double share, bool is_utf8, const rows_of<mif_row> &mifs, table &laid) {
+void add_stream_cells(const snapshot &shown, const stream_row *stream, bool is_utf8, const rows_of<mif_row> &mifs,
+                      table &laid) {
   if (stream == nullptr || stream->entry == nullptr) {
     for (int empty = 0; empty < 6; ++empty) {
       add_cell(laid, "");
@@ -96,10 +97,12 @@ void add_stream_cells(const stream_row *stream, double share, bool is_utf8, cons
     return;
   }
   const cache_row &entry = *stream->entry;
+  const double share =
+      shown.fastest_bits_per_second > 0 ? stream->bits_per_second / shown.fastest_bits_per_second : 0.0;
   add_cell(laid, std::strcmp(entry.origin.data(), "::") == 0 ? "any" : entry.origin.data());
   add_number_cell(laid, entry.packets);
   add_cell(laid, bytes_text(entry.bytes).data());
-  add_cell(laid, rate_text(stream->bits_per_second).data());
+  add_cell(laid, shown.has_rates ? rate_text(stream->bits_per_second).data() : "-");
   add_cell(laid, bar_of(share, is_utf8).data());
   text outputs;
   add_output_names(outputs, entry.outputs, mifs, ", ");
@@ -119,14 +122,11 @@ line_style style_of(const stream_row *stream) {
 void add_group(const snapshot &shown, const group_row &group, bool is_utf8, const rows_of<mif_row> &mifs, table &laid) {
   for (std::size_t i = 0; i < std::max(group.listener_count, group.stream_count); ++i) {
     const stream_row *stream = i < group.stream_count ? &shown.streams.first[group.first_stream + i] : nullptr;
-    const double share = stream != nullptr && shown.fastest_bits_per_second > 0
-                             ? stream->bits_per_second / shown.fastest_bits_per_second
-                             : 0.0;
     begin_row(laid, style_of(stream));
     const bool is_tree = stream != nullptr && stream->kind == stream_kind::static_tree;
     add_cell(laid, i > 0 ? "" : is_tree ? "any" : group.group.data());
     add_listener_cells(i < group.listener_count ? &shown.listeners.first[group.first_listener + i] : nullptr, laid);
-    add_stream_cells(stream, share, is_utf8, mifs, laid);
+    add_stream_cells(shown, stream, is_utf8, mifs, laid);
   }
 }
 

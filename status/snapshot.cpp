@@ -10,11 +10,17 @@ namespace {
 constexpr char any_address[] = "::";
 constexpr double bits_per_byte = 8.0;
 
+// Of groups; :: stands for every group and comes last.
 int compare_addresses(const group_text &left, const group_text &right) {
   in6_addr left_bytes{};
   in6_addr right_bytes{};
   if (inet_pton(AF_INET6, left.data(), &left_bytes) != 1 || inet_pton(AF_INET6, right.data(), &right_bytes) != 1) {
     return std::strcmp(left.data(), right.data()); // IPv4 groups
+  }
+  const bool is_left_any = IN6_IS_ADDR_UNSPECIFIED(&left_bytes);
+  const bool is_right_any = IN6_IS_ADDR_UNSPECIFIED(&right_bytes);
+  if (is_left_any != is_right_any) {
+    return is_left_any ? 1 : -1;
   }
   return std::memcmp(&left_bytes, &right_bytes, sizeof(left_bytes));
 }
@@ -165,6 +171,7 @@ void join_snapshot(const process_facts &daemon, const daemon_state &state, const
   clear_rows(joined.listeners);
   clear_rows(joined.streams);
   clear_rows(joined.groups);
+  joined.has_rates = &before != &now;
   joined.fastest_bits_per_second = 0;
   join_interfaces(state, now, joined);
   join_groups(state, now, joined);

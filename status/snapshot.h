@@ -49,14 +49,15 @@ struct snapshot {
   rows_of<interface_row> interfaces;
   rows_of<group_line> listeners; // ordered by group
   rows_of<stream_row> streams;   // ordered by group
-  rows_of<group_row> groups;     // by address
+  rows_of<group_row> groups;     // by address, the static tree last
+  bool has_rates;                // an earlier moment was there to compare with
   double fastest_bits_per_second;
 };
 
 // Reads the tables of the daemon's network namespace. Returns false when the kernel keeps none; errno says why.
 bool read_traffic(pid_t daemon, traffic_sample &sample);
 
-// Joins. `now` and `state` must outlive `joined`, which points into `now`.
+// Joins. `joined` points into `now`, which must outlive it. With `before` and `now` the same sample there are no rates.
 void join_snapshot(const process_facts &daemon, const daemon_state &state, const traffic_sample &before,
                    const traffic_sample &now, snapshot &joined);
 
