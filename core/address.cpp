@@ -5,16 +5,32 @@
 
 std::array<char, 16> MyInAddr{};
 
-address_text address_to_log_text(const ipv6_address &address) {
+namespace {
+
+// Two hexadecimal digits for each value of a byte: log lines hold an address each, so its text is looked up.
+constexpr std::array<char, 512> make_digit_pairs() {
   constexpr char digits[] = "0123456789abcdef";
+  std::array<char, 512> pairs{};
+  for (std::size_t byte = 0; byte < 256; ++byte) {
+    pairs[byte * 2] = digits[byte >> 4];
+    pairs[byte * 2 + 1] = digits[byte & 0x0f];
+  }
+  return pairs;
+}
+
+constexpr std::array<char, 512> digit_pairs = make_digit_pairs();
+
+} // namespace
+
+address_text address_to_log_text(const ipv6_address &address) {
   address_text text;
   char *out = text.characters.data();
   for (std::size_t i = 0; i < address.size(); ++i) {
     if (i != 0 && i % 2 == 0) {
       *out++ = ':';
     }
-    *out++ = digits[address[i] >> 4];
-    *out++ = digits[address[i] & 0x0f];
+    std::memcpy(out, &digit_pairs[address[i] * std::size_t{2}], 2);
+    out += 2;
   }
   *out = '\0';
   return text;

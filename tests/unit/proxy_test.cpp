@@ -4,6 +4,7 @@
 #include "core/options.h"
 #include "core/settings.h"
 #include "core/signals.h"
+#include "invariants.h"
 #include "mld/mld_group.h"
 #include "mld/mld_receive.h"
 #include "mld/mld_timers.h"
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdlib>
-#include <set>
 #include <unistd.h>
 
 namespace scripted {
@@ -279,51 +279,21 @@ std::vector<std::uint8_t> mldv2_report(const std::vector<group_record> &records)
 
 lines broken_mld_invariants() {
   lines complaints;
-  std::set<const void *> seen;
-  const auto see = [&](const void *record, const char *where) {
-    if (!seen.insert(record).second) {
-      complaints.push_back(std::string("a record is on two lists: ") + where);
-    }
-  };
-  int groups = length(MldRouter.free_groups);
-  int hosts = length(MldRouter.free_hosts);
-  int queries = length(MldRouter.free_queries);
-  for (const list *pool : {&MldRouter.free_groups, &MldRouter.free_hosts, &MldRouter.free_queries}) {
-    for (const list_node *node = list_get_head(pool); node != nullptr; node = list_get_next(node)) {
-      see(node, "pool");
-    }
-  }
-  for (auto *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr; intr = list_after(intr)) {
-    see(intr, "interfaces");
-    hosts += length(intr->hosts);
-    for (auto *host = list_first<mld_host>(&intr->hosts); host != nullptr; host = list_after(host)) {
-      see(host, "hosts");
-    }
-    for (auto *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {
-      see(group, "groups");
-      ++groups;
-      queries += length(group->queries);
-      if (group->state != MLD_GROUP_MEMBERS_PRESENT && group->state != MLD_GROUP_CHECKING_MEMBERSHIP) {
-        complaints.push_back("group " + text(group->group) + " in state " + std::to_string(group->state));
-      }
-      if (group->source_count < 0 || group->source_count > MLD_MAX_SOURCES) {
-        complaints.push_back("group " + text(group->group) + " has " + std::to_string(group->source_count) + " slots");
-      }
-      for (auto *query = list_first<mld_query>(&group->queries); query != nullptr; query = list_after(query)) {
-        see(query, "queries");
-      }
-    }
+  record_count count;
+  const std::string complaint = check_mld_records(count);
+  if (!complaint.empty()) {
+    complaints.push_back(complaint);
   }
   if (!HasMldPools) {
     return complaints;
   }
-  if (groups != MLD_GROUP_POOL_SIZE) {
-    complaints.push_back("groups in pool and lists: " + std::to_string(groups));
+  if (count.groups != MLD_GROUP_POOL_SIZE) {
+    complaints.push_back("groups in pool and lists: " + std::to_string(count.groups));
   }
-  if (queries != MLD_QUERY_POOL_SIZE) {
-    complaints.push_back("queries in pool and lists: " + std::to_string(queries));
+  if (count.queries != MLD_QUERY_POOL_SIZE) {
+    complaints.push_back("queries in pool and lists: " + std::to_string(count.queries));
   }
-  const int deleted = MLD_HOST_POOL_SIZE - hosts;
+  const int deleted = MLD_HOST_POOL_SIZE - count.hosts;
   if (deleted < HostsDeleted) {
     complaints.push_back("deleted host records came back");
   }

@@ -110,7 +110,7 @@ std::string mfc6_text(const mf6cctl &value) {
   std::string outputs;
   for (unsigned int i = 0; i < MAXMIFS; ++i) {
     if (IF_ISSET(i, &value.mf6cc_ifset)) {
-      IF_SET(i, &expected.mf6cc_ifset);
+      expected.mf6cc_ifset.ifs_bits[i / NIFBITS] |= if_mask{1} << (i % NIFBITS);
       outputs += (outputs.empty() ? "" : ",") + number_text(i);
     }
   }

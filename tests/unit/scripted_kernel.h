@@ -38,10 +38,11 @@ struct interface {
 // One message for recvmsg.
 struct message {
   std::vector<std::uint8_t> bytes;
-  std::string sender;           // IPv6 or IPv4 text; empty: the kernel fills no name
-  std::optional<int> ifindex;   // none: no packet information
-  std::string destination = ""; // IPv4 packet information only
-  int error = 0;                // not 0: recvmsg fails with it
+  std::string sender;                     // IPv6 or IPv4 text; empty: the kernel fills no name
+  std::optional<int> ifindex;             // none: no packet information
+  std::string destination = "";           // IPv4 packet information only
+  int error = 0;                          // not 0: recvmsg fails with it
+  std::vector<std::uint8_t> control = {}; // ancillary data as it stands, instead of packet information
 };
 
 // One return of select.
@@ -69,6 +70,8 @@ struct kernel {
   std::deque<message> messages;
   std::deque<wake_up> wake_ups;
   std::deque<int> signals_in_blocked_read; // a read of the empty pipe runs these handlers until something is there
+  int next_socket = FIRST_NEW_SOCKET;      // what socket() returns; tests that select on it give one that fits a set
+  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is no failure
   int fork_result = 0;
   std::map<int, std::string> names; // of descriptors, for the transcript
   std::string directory;            // stands for /tmp: files the daemon opens land here
@@ -77,6 +80,7 @@ struct kernel {
   // if `fail_rest`, all later ones.
   int fail_at = 0;
   bool fail_rest = false;
+  std::function<void()> on_disarm; // of a sweep, when its scenario is over
   int fail_error = 0;
 
   // What the daemon did.
@@ -84,9 +88,9 @@ struct kernel {
   std::vector<std::vector<std::uint8_t>> frames; // bytes of each sendto
   std::vector<std::string> commands;             // of system()
   std::map<int, sighandler_t> handlers;
-  std::string output;    // standard output as it was written, log prefixes included
-  int requests_made = 0; // all that a sweep can fail
-  int allocations_made = 0;
+  std::string output;             // standard output as it was written, log prefixes included
+  std::vector<std::string> made;  // all that a sweep can fail: the requests, and "malloc(36)"
+  int allocations_refused = 0;    // counted by the daemon all the same
   std::optional<int> exit_status; // of exit()
 };
 

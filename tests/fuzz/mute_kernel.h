@@ -1,0 +1,45 @@
+// A kernel that takes every request without a word, for fuzzers and soaks that make millions of them. It can be told to
+// refuse, hands out one message at a time and keeps the daemon's memory in view. Linked through the linker's --wrap.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+
+namespace mute {
+
+struct message {
+  std::span<const std::uint8_t> bytes;
+  const std::uint8_t *sender;      // 16 bytes (IPv6) or 4 (IPv4)
+  const std::uint8_t *destination; // 4 bytes; set for IPv4 messages, else null
+  int ifindex;
+  bool has_packet_info;
+};
+
+struct kernel {
+  unsigned int refusals;      // how many requests from now on are refused
+  message next;               // what recvmsg delivers
+  std::span<const char> file; // what any fopen delivers
+  std::size_t blocks_in_use;  // of the daemon's malloc and free
+  std::size_t bytes_in_use;
+  std::uint64_t requests; // made so far
+  std::uint64_t commands; // shell commands among them
+};
+
+extern kernel Kernel;
+
+// Sends standard output to /dev/null; the daemon's log is not what is looked at here.
+void silence();
+
+// Runs daemon code against this kernel; outside of it every call goes to the system.
+void play(const std::function<void()> &daemon_code);
+
+// Releases the blocks that the daemon has lost on purpose. Returns how many there were.
+std::size_t release_lost_blocks();
+
+// Ends the program with a word on standard error, so that the fuzzer keeps the input.
+[[noreturn]] void fail(const std::string &what);
+
+} // namespace mute

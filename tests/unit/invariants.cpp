@@ -1,0 +1,138 @@
+#include "invariants.h"
+
+#include "mld/mld_router.h"
+
+#include <array>
+#include <cstdint>
+
+namespace scripted {
+
+namespace {
+
+// Which records were met in this check. Open addressing with a stamp for each check, so that nothing has to be
+// cleared: fuzzers check after every step.
+struct meeting_book {
+  static constexpr std::size_t slots = 4096; // far more than there are records
+  std::array<const void *, slots> records;
+  std::array<std::uint32_t, slots> stamps;
+  std::uint32_t stamp;
+  std::size_t met;
+};
+
+meeting_book Book;
+
+void open_book() {
+  ++Book.stamp;
+  Book.met = 0;
+}
+
+// Returns false for a record that was met before.
+bool meet(const void *record) {
+  constexpr std::size_t too_many = meeting_book::slots / 2;
+  if (++Book.met > too_many) {
+    return false; // an endless list
+  }
+  std::size_t slot = (reinterpret_cast<std::uintptr_t>(record) >> 4) % meeting_book::slots;
+  while (Book.stamps[slot] == Book.stamp) {
+    if (Book.records[slot] == record) {
+      return false;
+    }
+    slot = (slot + 1) % meeting_book::slots;
+  }
+  Book.stamps[slot] = Book.stamp;
+  Book.records[slot] = record;
+  return true;
+}
+
+// Returns how many records the list holds, or -1 if one of them was met before.
+int meet_all(const list &of) {
+  int count = 0;
+  for (const list_node *node = list_get_head(&of); node != nullptr; node = list_get_next(node)) {
+    if (!meet(node)) {
+      return -1;
+    }
+    ++count;
+  }
+  return count;
+}
+
+bool add_list(const list &of, int &total) {
+  const int count = meet_all(of);
+  total += count;
+  return count >= 0;
+}
+
+std::string check_group(const mld_group *group) {
+  constexpr std::int32_t membership_seconds = 350;
+  constexpr std::int32_t answer_seconds = 10;
+  constexpr std::int32_t source_seconds = 360;
+  if (group->state != MLD_GROUP_MEMBERS_PRESENT && group->state != MLD_GROUP_CHECKING_MEMBERSHIP) {
+    return "a group in state " + std::to_string(group->state);
+  }
+  if (group->source_count < 0 || group->source_count > MLD_MAX_SOURCES) {
+    return "a group with " + std::to_string(group->source_count) + " sources";
+  }
+  if (group->owner != &MldRouter.upstream_name) {
+    return "a group without owner";
+  }
+  if (group->group_timer < 0 || group->group_timer > membership_seconds) {
+    return "a group timer of " + std::to_string(group->group_timer);
+  }
+  if (group->retransmit_timer < 0 || group->retransmit_timer > answer_seconds) {
+    return "a retransmit timer of " + std::to_string(group->retransmit_timer);
+  }
+  for (int i = 0; i < group->source_count; ++i) {
+    const mld_source &slot = group->sources[static_cast<std::size_t>(i)];
+    if (slot.source_timer > source_seconds || slot.forward > 1) {
+      return "a source slot with timer " + std::to_string(slot.source_timer) + " and forward " +
+             std::to_string(slot.forward);
+    }
+  }
+  return "";
+}
+
+std::string check_interface(const mld_interface *intr, record_count &count) {
+  constexpr std::int32_t other_querier_seconds = 300;
+  constexpr std::int32_t query_seconds = 125;
+  if (intr->other_querier_timer < 0 || intr->other_querier_timer > other_querier_seconds || intr->query_timer < 0 ||
+      intr->query_timer >= query_seconds || intr->is_querier > 1) {
+    return "querier state out of bounds";
+  }
+  if (!add_list(intr->hosts, count.hosts) || !add_list(intr->groups, count.groups)) {
+    return "a host or group on two lists";
+  }
+  for (const mld_group *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {
+    if (!add_list(group->queries, count.queries)) {
+      return "a query on two lists";
+    }
+    const std::string complaint = check_group(group);
+    if (!complaint.empty()) {
+      return complaint;
+    }
+  }
+  return "";
+}
+
+} // namespace
+
+std::string check_mld_records(record_count &count) {
+  open_book();
+  count = record_count{};
+  if (!add_list(MldRouter.free_groups, count.groups) || !add_list(MldRouter.free_hosts, count.hosts) ||
+      !add_list(MldRouter.free_queries, count.queries)) {
+    return "a record twice in a pool";
+  }
+  if (meet_all(MldRouter.interfaces) < 0) {
+    return "an interface twice on the list";
+  }
+  for (const mld_interface *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr;
+       intr = list_after(intr)) {
+    const std::string complaint = check_interface(intr, count);
+    if (!complaint.empty()) {
+      return complaint;
+    }
+  }
+  return "";
+}
+
+} // namespace scripted

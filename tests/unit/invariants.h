@@ -1,0 +1,19 @@
+// What must hold of the proxy's records whatever happened, shared by unit tests, sweeps, soaks and fuzzers.
+#pragma once
+
+#include <string>
+
+namespace scripted {
+
+struct record_count {
+  int groups;  // in pool and lists
+  int hosts;   // in pool and lists; deleted ones are gone for good
+  int queries; // in pool and lists
+};
+
+// Checks every list of the MLD side: none endless, no record on two lists, no group in state 0 on an interface, no more
+// source slots than there are, timers within their bounds. Returns a complaint, or an empty text if all is well, and
+// how many records there are.
+std::string check_mld_records(record_count &count);
+
+} // namespace scripted
