@@ -19,7 +19,7 @@ struct watched_interface {
 
 struct interface_watch {
   int routing_socket;
-  std::array<watched_interface, MAXMIFS> interfaces; // the upstream first
+  std::array<watched_interface, MOST_DOWNSTREAMS + 1> interfaces; // the upstream first
   std::size_t count;
 };
 

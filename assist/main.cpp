@@ -3,26 +3,14 @@
 #include "assist/notification_socket.h"
 #include "assist/options.h"
 #include "assist/routing_socket.h"
+#include "core/standard_streams.h"
 
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int wrong_command_line = 2;
-
-// Started with standard error closed, the first socket would take its number and be written the log to.
-void occupy_standard_descriptors() {
-  int opened = 0;
-  while (opened >= 0 && opened <= STDERR_FILENO) {
-    opened = open("/dev/null", O_RDWR);
-  }
-  if (opened >= 0) {
-    close(opened);
-  }
-}
 
 int assist(const assist_options &options) {
   const int stop_signals = open_stop_signals();
@@ -43,8 +31,7 @@ int assist(const assist_options &options) {
 } // namespace
 
 int main(int argc, char **argv) {
-  occupy_standard_descriptors();
-  std::signal(SIGPIPE, SIG_IGN); // a log reader that goes away must not take the memberships with it
+  protect_standard_streams();
   assist_options options;
   switch (read_command_line(argc, argv, options)) {
   case command::show_help:

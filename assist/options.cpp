@@ -2,6 +2,7 @@
 
 #include "assist/report.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -119,10 +120,10 @@ int show(const char *text) {
 
 command read_command_line(int argc, char **argv, assist_options &options) {
   options = {};
-  optind = 1;
+  optind = 0; // start anew, also within a group of letters
   opterr = 0;
   for (;;) {
-    const int current = optind;
+    const int current = std::max(optind, 1);
     const int letter = getopt_long(argc, argv, option_letters, long_options.data(), nullptr);
     switch (letter) {
     case -1:

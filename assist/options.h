@@ -3,14 +3,16 @@
 
 #include <array>
 #include <cstddef>
-#include <linux/mroute6.h>
 #include <net/if.h>
+
+// The kernel routes between 32 interfaces (MAXMIFS in linux/mroute6.h), and one is the upstream.
+inline constexpr std::size_t MOST_DOWNSTREAMS = 31;
 
 using interface_name = std::array<char, IFNAMSIZ>;
 
 struct assist_options {
-  interface_name upstream;                             // empty = not given
-  std::array<interface_name, MAXMIFS - 1> downstreams; // the kernel routes between 32 interfaces, one is the upstream
+  interface_name upstream; // empty = not given
+  std::array<interface_name, MOST_DOWNSTREAMS> downstreams;
   std::size_t downstream_count;
 };
 

@@ -17,6 +17,8 @@ namespace {
 constexpr std::int32_t most_repairs = 256;
 constexpr std::int64_t repairs_window_ms = 1000;
 
+static_assert(MAXMIFS == MOST_DOWNSTREAMS + 1 && MAXMIFS <= NIFBITS);
+
 // Origin and group stay ::.
 mf6cctl entry_request() {
   mf6cctl request{};
@@ -24,7 +26,7 @@ mf6cctl entry_request() {
   request.mf6cc_mcastgrp.sin6_family = AF_INET6;
   request.mf6cc_parent = static_cast<mifi_t>(StaticEntry.index);
   if (StaticEntry.index < MAXMIFS) {
-    IF_SET(StaticEntry.index, &request.mf6cc_ifset);
+    request.mf6cc_ifset.ifs_bits[0] |= if_mask{1} << StaticEntry.index; // 32 MIFs fill the first word
   }
   return request;
 }

@@ -35,8 +35,8 @@ bool can_be_watched(int descriptor) { return descriptor >= 0 && descriptor < FD_
 void watch(watch_list &watched, int descriptor) {
   if (can_be_watched(descriptor)) {
     FD_SET(descriptor, &watched.descriptors);
+    watched.highest = std::max(watched.highest, descriptor); // beyond the set, the kernel would write behind it
   }
-  watched.highest = std::max(watched.highest, descriptor);
 }
 
 bool is_set(const fd_set &descriptors, int descriptor) {
@@ -141,6 +141,7 @@ int run_main_loop() {
     return -1;
   }
   run_until_stopped(watched);
+  write_wanted_dump(); // asked for just before the stop, while the loop was at work
   mld_proxy_stop();
   return 0;
 }

@@ -17,11 +17,6 @@
 
 namespace {
 
-const char *nvram_text(const char *key) {
-  const char *value = nvram_get(key);
-  return value != nullptr ? value : "";
-}
-
 void enable_multicast_forwarding() {
   log_debug(MAIN_STEP_OF("main"), "Enable mc_forwarding to forward IPv6 streaming.");
   // Refused by kernels where the file is read-only and MRT6_INIT does the same; the shell complains, nobody minds.

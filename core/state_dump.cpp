@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "core/state_file.h"
+#include "igmp/igmp_router.h"
 #include "mld/mld_router.h"
 
 #include <arpa/inet.h>
@@ -30,6 +31,20 @@ void write_group_line(FILE *join_state, const char *interface, const char *group
   }
 }
 
+// Hosts' own groups of the local network, and what ends an interface's list: groups behind one of them (the older
+// ones) are not shown.
+bool ends_igmp_groups(std::uint32_t group) {
+  return group == IgmpAllHosts || group == IgmpAllRouters || group == IgmpV3AllMcr;
+}
+
+void dump_igmp_groups(FILE *join_state, const igmp_interface *intr) {
+  for (const igmp_group *group = list_first<igmp_group>(&intr->groups);
+       group != nullptr && !ends_igmp_groups(group->group); group = list_after(group)) {
+    write_group_line(join_state, intr->name.data(), my_inet_ntoa(&group->group), group->active_seconds,
+                     group->report_count);
+  }
+}
+
 void dump_mld_groups(FILE *join_state, const mld_interface *intr) {
   for (const mld_group *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {
     std::array<char, INET6_ADDRSTRLEN> text{};
@@ -38,13 +53,16 @@ void dump_mld_groups(FILE *join_state, const mld_interface *intr) {
   }
 }
 
-void dump_mld_interfaces(const dump_files &files) {
-  for (const mld_interface *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr;
+// A line for each interface of one protocol, with the lines of its groups.
+template <typename interface_record>
+void dump_interfaces(const dump_files &files, const char *protocol, const list &interfaces,
+                     void (*dump_groups)(FILE *, const interface_record *)) {
+  for (const interface_record *intr = list_first<interface_record>(&interfaces); intr != nullptr;
        intr = list_after(intr)) {
-    std::fprintf(files.type_messages, "[MLD]ifname: %s query: %d join: %d leave: %d timeout: %d\n", intr->name.data(),
-                 static_cast<int>(intr->query_count), static_cast<int>(intr->join_count),
+    std::fprintf(files.type_messages, "[%s]ifname: %s query: %d join: %d leave: %d timeout: %d\n", protocol,
+                 intr->name.data(), static_cast<int>(intr->query_count), static_cast<int>(intr->join_count),
                  static_cast<int>(intr->leave_count), static_cast<int>(intr->timeout_count));
-    dump_mld_groups(files.join_state, intr);
+    dump_groups(files.join_state, intr);
   }
 }
 
@@ -60,7 +78,8 @@ void write_state_dump() {
     log_error(MAIN_STEP_OF("router_dump"), "Create /tmp/tarnwick_type_messages failed!");
     return;
   }
-  dump_mld_interfaces(files);
+  dump_interfaces(files, "IGMP", IgmpRouter.interfaces, dump_igmp_groups);
+  dump_interfaces(files, "MLD", MldRouter.interfaces, dump_mld_groups);
   close_if_open(files.host_in_group);
   close_if_open(files.join_state);
   std::fclose(files.type_messages);

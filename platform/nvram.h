@@ -9,3 +9,9 @@ char *nvram_get(const char *key);
 // Converts "aa:bb:cc:dd:ee:ff" into six bytes. Returns 1, or 0 with `bytes` left alone.
 int ether_atoe(const char *text, unsigned char *bytes);
 }
+
+// The same where text is needed: an absent key counts as the empty text.
+inline const char *nvram_text(const char *key) {
+  const char *value = nvram_get(key);
+  return value != nullptr ? value : "";
+}

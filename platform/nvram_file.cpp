@@ -24,18 +24,33 @@ const char *nvram_path() {
   return chosen != nullptr && chosen[0] != '\0' ? chosen : NVRAM_DEFAULT_PATH;
 }
 
+void complain(const char *path) {
+  std::fprintf(stderr, "%s: %s; every NVRAM key counts as absent\n", path, std::strerror(errno));
+}
+
+// A line that is cut off would hand out half a value.
+void drop_last_line() {
+  while (Store.length > 0 && Store.text[Store.length - 1] != '\n') {
+    --Store.length;
+  }
+}
+
 // A missing file is normal (every key is absent); any other failure deserves a word.
 void read_file(const char *path) {
   FILE *file = std::fopen(path, "re");
   if (file == nullptr) {
     if (errno != ENOENT) {
-      std::fprintf(stderr, "%s: %s; every NVRAM key counts as absent\n", path, std::strerror(errno));
+      complain(path);
     }
     return;
   }
   Store.length = std::fread(Store.text.data(), 1, NVRAM_FILE_LIMIT_BYTES, file);
-  if (std::fgetc(file) != EOF) {
+  if (std::ferror(file) != 0) { // a directory opens like a file
+    complain(path);
+    Store.length = 0;
+  } else if (std::fgetc(file) != EOF) {
     std::fprintf(stderr, "%s: larger than %zu bytes, the rest is not read\n", path, NVRAM_FILE_LIMIT_BYTES);
+    drop_last_line();
   }
   std::fclose(file);
 }

@@ -5,8 +5,8 @@ import re
 import socket
 import struct
 
-from scapy.layers.inet6 import (ICMPv6MLDone, ICMPv6MLQuery, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2,
-                                ICMPv6Unknown, IPv6, in6_chksum)
+from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLDone, ICMPv6MLQuery, ICMPv6MLQuery2, ICMPv6MLReport,
+                                ICMPv6MLReport2, IPv6, in6_chksum)
 from scapy.layers.l2 import Ether
 from scapy.packet import raw
 
@@ -16,7 +16,10 @@ import namespaces
 MLD_QUERY, MLD_V1_REPORT, MLD_V1_DONE, MLD_V2_REPORT = 130, 131, 132, 143
 RECORD_NAMES = {1: "IS_IN", 2: "IS_EX", 3: "TO_IN", 4: "TO_EX", 5: "ALLOW", 6: "BLOCK"}
 ETH_P_ALL = 0x0003
+SO_RCVBUFFORCE = 33
 SO_TIMESTAMPNS = 35
+CAPTURE_BYTES = 1 << 22
+STATE_CHANGE_REPORTS = 2  # a host says every change twice (robustness variable, RFC 3810 section 9.1)
 ICMPV6 = 58
 
 
@@ -74,7 +77,7 @@ def capture(lab, node, interface):
     """Notes every frame that the node's interface sends or gets from now on."""
     with namespaces.entered(lab.nodes[node]):
         receiver = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
-    receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUFFORCE if hasattr(socket, "SO_RCVBUFFORCE") else 33, 1 << 22)
+    receiver.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, CAPTURE_BYTES)
     receiver.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
     receiver.bind((interface, ETH_P_ALL))
     receiver.setblocking(False)
@@ -108,6 +111,20 @@ def records(captured, sender=None):
             for record in mld.records]
 
 
+def wait_until_all_is_said(captured, host, change, answer):
+    """Until a host has repeated its change and answered the first general query.
+
+    Either one, coming late, would end the router's question to others before it is asked.
+    """
+    sender = laboratory.HOST_LINK_LOCAL[host]
+
+    def all_is_said():
+        said = records(captured, sender)
+        return said.count(change) >= STATE_CHANGE_REPORTS and answer in said
+
+    laboratory.wait_for(all_is_said, what=f"{host} says {change} and {answer}")
+
+
 def datagrams(captured, group):
     """How many UDP datagrams to a group were captured."""
     packets = (Ether(frame) for _time, frame in drain(captured))
@@ -126,9 +143,17 @@ def to_mld(time, frame):
             return Mld(time, mld.type, ip.src, mld.mladdr, tuple(getattr(mld, "sources", None) or ()), (), frame)
     if ICMPv6MLReport2 in packet:
         found = tuple((RECORD_NAMES.get(record.rtype, str(record.rtype)), record.dst, frozenset(record.sources or ()))
-                      for record in packet[ICMPv6MLReport2].records)
+                      for record in every_record(packet[ICMPv6MLReport2]))
         return Mld(time, MLD_V2_REPORT, ip.src, "", (), found, frame)
     return None
+
+
+def every_record(report):
+    """scapy hangs each record under the one before it."""
+    for record in report.records:
+        while isinstance(record, ICMPv6MLDMultAddrRec):
+            yield record
+            record = record.payload
 
 
 def checksum_is_good(frame):

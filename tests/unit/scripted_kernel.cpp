@@ -610,6 +610,7 @@ int __wrap_select(int limit, fd_set *readable, fd_set *writable, fd_set *excepti
   if (!IsActive) {
     return __real_select(limit, readable, writable, exceptional, timeout);
   }
+  Kernel.select_limit = limit;
   const bool waits_plainly = writable == nullptr && exceptional == nullptr && timeout == nullptr;
   return request("select(" + watched_text(limit, readable) + ")" + (waits_plainly ? "" : " with more than reading"))
              ? -1

@@ -1,0 +1,124 @@
+#!/bin/sh
+# The main job from end to end: a host's report makes the stream flow, the last leave makes it stop, SIGUSR1 writes
+# the state files, SIGTERM leaves nothing behind. Runs wherever there is a POSIX shell, iproute2 and root: in the test
+# suite and inside emulated boards.
+#
+#   mld_end_to_end.sh PROGRAMS_FOLDER
+#
+# Prints a line per check and ends with status 0 only if all of them held. SCENARIO_PATIENCE_S (30) is how long it
+# waits for a single event; a slow board may need more.
+
+set -u
+programs=$1
+patience=${SCENARIO_PATIENCE_S:-30}
+group=ff0e::1:2:3
+group_digits=ff0e0000000000000000000100020003
+datagrams=50
+checks=0
+failures=0
+
+# shellcheck source=tests/scenarios/lab.sh
+. "$(dirname "$0")/lab.sh"
+
+# check TEXT COMMAND...: one line of result.
+check() {
+  text=$1
+  shift
+  checks=$((checks + 1))
+  if "$@"; then
+    echo "ok $checks - $text"
+  else
+    echo "not ok $checks - $text"
+    failures=$((failures + 1))
+  fi
+}
+
+eventually() { lab_wait "$patience" "$@"; }
+
+is_equal() {
+  [ "$1" = "$2" ] || { echo "# $1 is not $2" && false; }
+}
+
+is_different() { [ "$1" != "$2" ]; }
+
+is_not() { ! "$@"; }
+
+# How many datagrams the kernel has forwarded to the LAN.
+forwarded() { lab_table ip6_mr_vif | sed -n 's/^ *[0-9]* br0 *[0-9]* *[0-9]* *[0-9]* *\([0-9]*\) .*/\1/p'; }
+
+is_forwarded() { lab_table ip6_mr_cache | grep -q '^ff0e:0000:0000:0000:0000:0001:0002:0003 '; }
+
+interface_flags() { ip -n "$router" link show dev "$1" | sed -n 's/.*<\(.*\)>.*/\1/p' | tr ',' '\n' | sort | tr '\n' ','; }
+
+finish() {
+  if [ "$failures" -gt 0 ]; then
+    for file in "$lab_folder"/*.log; do
+      echo "# --- $file"
+      grep -v '^datagram' "$file"
+    done
+    for table in ip6_mr_vif ip6_mr_cache igmp6; do
+      echo "# --- router: $table"
+      lab_table "$table"
+    done
+  fi
+  lab_down
+  echo "$checks checks, $failures failed"
+  [ "$failures" -eq 0 ]
+}
+
+trap 'lab_down; exit 130' INT TERM HUP
+
+echo "# lab"
+lab_up
+flags_before=$(interface_flags br0)
+wan_flags_before=$(interface_flags wan0)
+
+echo "# start"
+check "daemon and companion are ready" lab_start_proxy
+check "the LAN bridge takes every group" is_different "$(interface_flags br0)" "$flags_before"
+
+echo "# a host joins"
+check "the first host joins" lab_listen "$host1" host1.log "$group"
+first_pid=$lab_pid
+check "the router joins upstream" eventually lab_joined_upstream "$group_digits"
+check "the kernel forwards the group" eventually is_forwarded
+sent=$(lab_send "$group" "$datagrams")
+check "all datagrams were sent" is_equal "$sent" "$datagrams"
+check "all datagrams have arrived" eventually lab_received_at_least host1.log "$datagrams"
+
+echo "# a second host joins and leaves"
+check "the second host joins" lab_listen "$host2" host2.log "$group"
+second_pid=$lab_pid
+lab_send "$group" "$datagrams" >/dev/null
+check "the second host gets the stream, too" eventually lab_received_at_least host2.log "$datagrams"
+check "the second host leaves" lab_stop "$second_pid"
+lab_send "$group" "$datagrams" >/dev/null
+check "the first host still gets it" eventually lab_received_at_least host1.log $((3 * datagrams))
+
+echo "# state files"
+kill -USR1 "$daemon_pid"
+check "counters of the LAN" eventually grep -q '^\[MLD\]ifname: br0 query: [0-9]* join: [1-9]' \
+  "$lab_tmp/tarnwick_type_messages"
+check "counters of the WAN" eventually grep -q '^\[MLD\]ifname: wan0 ' "$lab_tmp/tarnwick_type_messages"
+check "the group and where it is" eventually grep -q "^ifname: br0 group: $group average: [0-9]" \
+  "$lab_tmp/tarnwick_join_state"
+check "an empty third file" is_equal "$(wc -c <"$lab_tmp/tarnwick_host_in_group")" 0
+
+echo "# the last host leaves"
+check "the first host leaves" lab_stop "$first_pid"
+check "the router leaves upstream" eventually is_not lab_joined_upstream "$group_digits"
+check "the kernel's entry is gone" is_not is_forwarded
+forwarded_before=$(forwarded)
+check "all in all $((3 * datagrams)) datagrams were forwarded" is_equal "$forwarded_before" $((3 * datagrams))
+lab_send "$group" "$datagrams" >/dev/null
+check "the stream stays on the WAN" is_equal "$(forwarded)" "$forwarded_before"
+
+echo "# stop"
+check "the daemon ends with status 0" lab_stop "$daemon_pid"
+check "it reports on its memory" grep -q 'MLD Proxy was using [0-9]* bytes\.' "$lab_folder/tarnwick.log"
+check "no multicast interface is left" is_equal "$(lab_table ip6_mr_vif | wc -l)" 1
+check "the flags of br0 are back" is_equal "$(interface_flags br0)" "$flags_before"
+check "the flags of wan0 are back" is_equal "$(interface_flags wan0)" "$wan_flags_before"
+check "the companion ends with status 0" lab_stop "$companion_pid"
+
+finish
