@@ -14,16 +14,21 @@ lab_port=5004
 lab_mac=02:00:00:00:01:fe
 lab_started=''
 
-# lab_up: makes the namespaces and waits until every address can be used.
-lab_up() {
-  lab_folder=$(mktemp -d "${TMPDIR:-/tmp}/tarnwick-lab.XXXXXX")
+# lab_name FOLDER: what the parts of the lab with that folder are called.
+lab_name() {
+  lab_folder=$1
   lab_suffix=${lab_folder##*.}
   lab_tmp=$lab_folder/tmp
-  mkdir -p "$lab_tmp/programs"
   router=router-$lab_suffix
   source=source-$lab_suffix
   host1=host1-$lab_suffix
   host2=host2-$lab_suffix
+}
+
+# lab_up: makes the namespaces and waits until every address can be used.
+lab_up() {
+  lab_name "$(mktemp -d /tmp/tarnwick-lab.XXXXXX)"
+  mkdir -p "$lab_tmp/programs"
   for lab_node in "$router" "$source" "$host1" "$host2"; do
     ip netns add "$lab_node"
     # Without duplicate address detection every address can be used at once.
@@ -119,6 +124,9 @@ lab_companion_is_ready() {
 # lab_joined_upstream GROUP: the group as 32 hexadecimal digits.
 lab_joined_upstream() { lab_table igmp6 | grep -q "^[0-9]* *wan0 *$1 "; }
 
+# lab_forwarded: how many datagrams the kernel has forwarded to the LAN since the daemon's start.
+lab_forwarded() { lab_table ip6_mr_vif | sed -n 's/^ *[0-9]* br0 *[0-9]* *[0-9]* *[0-9]* *\([0-9]*\) .*/\1/p'; }
+
 # lab_listen NODE LOG GROUP: a program that joins with an ordinary socket; its process is lab_pid.
 lab_listen() {
   lab_start "$1" "$2" "$programs/mcast_join" -i eth0 -g "$3" -p "$lab_port"
@@ -148,16 +156,20 @@ lab_stop() {
   return "$lab_status"
 }
 
-# lab_down: ends what is left and removes everything; harmless when called twice.
+# lab_down: ends what runs in the namespaces and removes everything; harmless when called twice.
 lab_down() {
-  for lab_one in $lab_started; do
-    kill -9 "$lab_one" 2>/dev/null || true
-  done
-  lab_started=''
   [ -n "${lab_folder:-}" ] || return 0
   for lab_node in "${router:-}" "${source:-}" "${host1:-}" "${host2:-}"; do
-    [ -n "$lab_node" ] && ip netns delete "$lab_node" 2>/dev/null
+    [ -n "$lab_node" ] || continue
+    for lab_one in $(ip netns pids "$lab_node" 2>/dev/null); do
+      kill -9 "$lab_one" 2>/dev/null || true
+    done
+    ip netns delete "$lab_node" 2>/dev/null || true
   done
+  for lab_one in $lab_started; do
+    wait "$lab_one" 2>/dev/null || true # takes the shell's own note about the killed program
+  done
+  lab_started=''
   rm -rf "$lab_folder"
   lab_folder=''
 }

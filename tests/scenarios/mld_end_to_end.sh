@@ -43,9 +43,6 @@ is_different() { [ "$1" != "$2" ]; }
 
 is_not() { ! "$@"; }
 
-# How many datagrams the kernel has forwarded to the LAN.
-forwarded() { lab_table ip6_mr_vif | sed -n 's/^ *[0-9]* br0 *[0-9]* *[0-9]* *[0-9]* *\([0-9]*\) .*/\1/p'; }
-
 is_forwarded() { lab_table ip6_mr_cache | grep -q '^ff0e:0000:0000:0000:0000:0001:0002:0003 '; }
 
 interface_flags() { ip -n "$router" link show dev "$1" | sed -n 's/.*<\(.*\)>.*/\1/p' | tr ',' '\n' | sort | tr '\n' ','; }
@@ -108,10 +105,10 @@ echo "# the last host leaves"
 check "the first host leaves" lab_stop "$first_pid"
 check "the router leaves upstream" eventually is_not lab_joined_upstream "$group_digits"
 check "the kernel's entry is gone" is_not is_forwarded
-forwarded_before=$(forwarded)
+forwarded_before=$(lab_forwarded)
 check "all in all $((3 * datagrams)) datagrams were forwarded" is_equal "$forwarded_before" $((3 * datagrams))
 lab_send "$group" "$datagrams" >/dev/null
-check "the stream stays on the WAN" is_equal "$(forwarded)" "$forwarded_before"
+check "the stream stays on the WAN" is_equal "$(lab_forwarded)" "$forwarded_before"
 
 echo "# stop"
 check "the daemon ends with status 0" lab_stop "$daemon_pid"
