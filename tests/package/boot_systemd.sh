@@ -17,10 +17,13 @@ mount -t sysfs sysfs sys
 mount -t cgroup2 cgroup2 sys/fs/cgroup
 mount -t tmpfs tmpfs run
 mount -t tmpfs tmpfs dev
-for device in null zero full random urandom; do
+for device in null zero full random urandom tty; do
   touch "dev/$device"
   mount --bind "/dev/$device" "dev/$device"
 done
+mkdir dev/pts dev/shm dev/mqueue dev/hugepages
+mount -t devpts -o newinstance,ptmxmode=0666 devpts dev/pts
+ln -s pts/ptmx dev/ptmx
 mkdir before
 pivot_root . before
 umount -l /before
