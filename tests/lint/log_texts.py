@@ -33,19 +33,27 @@ def texts():
     for header in (PROJECT / "mld").glob("*_options.h"):
         for name in re.findall(r'"([A-Z0-9_]+)"', header.read_text()):
             texts |= {f"setsockopt: {name}", f"setsockopt: {name} fail!!!"}
-    least_letters = 12  # shorter texts, or those with hardly a letter, would match anything
-    return {text.strip() for text in texts if len(re.sub(f"{CONVERSION}|[^A-Za-z]", "", text)) >= least_letters}
+    least_letters = 8  # shorter texts, or those with hardly a letter, would match anything
+    return {text.strip() for text in texts if len(re.sub(f"{CONVERSION}|[^A-Za-z]", "", text)) >= least_letters and
+            not text.startswith("setsockopt: %s")}  # the options' names are known, see above
 
 
 @functools.lru_cache(maxsize=None)
 def patterns():
-    return [re.compile(pattern_of(text)) for text in texts()]
+    program_or_file, reason = r"(?:.*: )?", r"(?:: .*)?"
+    return [re.compile(program_or_file + pattern_of(text) + reason) for text in texts()]
+
+
+def filled(text):
+    """The text with a figure for every number, as quotations have one."""
+    return re.sub(CONVERSION, "3", text)
 
 
 def can_be_printed(quotation):
     """Whether a text of the programs stands in a quoted line. "..." leaves out how the line begins or goes on."""
     message = PREFIX.sub("", quotation)
-    if any(pattern.search(message) for pattern in patterns()):
+    if any(pattern.fullmatch(message) for pattern in patterns()):
         return True
     parts = [part.strip(" :;,") for part in message.split("...")]
-    return len(parts) > 1 and any(len(part) > 8 and part in text for part in parts for text in texts())
+    return len(parts) > 1 and any(
+        len(part) > 8 and part in filled(text) for part in parts for text in texts())
