@@ -16,8 +16,8 @@ namespace {
 constexpr std::size_t tag_width = 4;
 constexpr std::size_t function_width = 36;
 constexpr std::size_t line_width = 4;
-constexpr std::size_t longest_function = 64; // a longer name is cut
-constexpr std::size_t longest_number = 12;   // "-2147483648" and its NUL
+constexpr std::size_t longest_name = 64;   // of tag or function; what is longer is cut
+constexpr std::size_t longest_number = 12; // "-2147483648" and its NUL
 
 void put(const char *text, std::size_t length) { fwrite_unlocked(text, 1, length, stdout); }
 
@@ -40,13 +40,13 @@ char *append_number(char *end, long long number, int base, std::size_t width, ch
 
 // "D:mld :mld_proxy_stop                      #  81: "
 void put_prefix(char level, const log_site &site) {
-  std::array<char, longest_function + 32> prefix;
+  std::array<char, 2 * longest_name + 32> prefix;
   char *end = prefix.data();
   *end++ = level;
   *end++ = ':';
-  end = append_left(end, site.tag, strnlen(site.tag, tag_width), tag_width);
+  end = append_left(end, site.tag, strnlen(site.tag, longest_name), tag_width);
   *end++ = ':';
-  end = append_left(end, site.function, strnlen(site.function, longest_function), function_width);
+  end = append_left(end, site.function, strnlen(site.function, longest_name), function_width);
   *end++ = '#';
   end = append_number(end, site.line, 10, line_width, ' ');
   *end++ = ':';

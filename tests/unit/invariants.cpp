@@ -93,9 +93,8 @@ std::string check_group(const mld_group *group) {
 
 std::string check_interface(const mld_interface *intr, record_count &count) {
   constexpr std::int32_t other_querier_seconds = 300;
-  constexpr std::int32_t query_seconds = 125;
   if (intr->other_querier_timer < 0 || intr->other_querier_timer > other_querier_seconds || intr->query_timer < 0 ||
-      intr->query_timer >= query_seconds || intr->is_querier > 1) {
+      intr->is_querier > 1) {
     return "querier state out of bounds";
   }
   if (!add_list(intr->hosts, count.hosts) || !add_list(intr->groups, count.groups)) {

@@ -88,10 +88,10 @@ struct kernel {
   std::vector<std::vector<std::uint8_t>> frames; // bytes of each sendto
   std::vector<std::string> commands;             // of system()
   std::map<int, sighandler_t> handlers;
-  std::string output;            // standard output as it was written, log prefixes included
-  int select_limit = 0;          // highest descriptor plus one, of the last select
-  std::vector<std::string> made; // all that a sweep can fail: the requests, and "malloc(36)"
-  int allocations_refused = 0;   // counted by the daemon all the same
+  std::string output;             // standard output as it was written, log prefixes included
+  std::vector<std::string> made;  // all that a sweep can fail: the requests, and "malloc(36)"
+  int allocations_refused = 0;    // counted by the daemon all the same
+  int select_limit = 0;           // highest descriptor plus one, of the last select
   std::optional<int> exit_status; // of exit()
 };
 

@@ -1,5 +1,7 @@
 #include "core/settings.h"
 
+#include "core/memory.h"
+#include "core/options.h"
 #include "core_test.h"
 
 #include <net/if.h>
@@ -20,12 +22,22 @@ name_texts copied(const name_pointers &names, std::int32_t count) {
   return texts;
 }
 
-TEST_F(settings, defaults_are_6to6_in_the_foreground_without_names) {
-  EXPECT_EQ(ProxyMode, PROXY_MODE_6TO6);
+// Before any fixture has set them.
+const std::vector<std::int32_t> numbers_of_a_fresh_process = {
+    ProxyMode,           ProxyDebugLevel, ProxyIsADaemon,       DownstreamInterfacesNum,
+    IgnoreInterfacesNum, ForceNonQuerier, ImmediateLeave,       UpstreamInterfacesName != nullptr,
+    LanMac[0],           MldPrefix[0],    InterfaceNameCounter, malloc_counter,
+    free_counter,        malloced_size,
+};
+
+TEST_F(settings, defaults_are_6to6_in_the_foreground_and_zero_for_all_else) {
+  EXPECT_EQ(numbers_of_a_fresh_process, (std::vector<std::int32_t>{2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(settings, modes_are_numbered_as_other_programs_know_them) {
   EXPECT_EQ(PROXY_MODE_6TO6, 2);
   EXPECT_EQ(PROXY_MODE_4TO6, 1);
   EXPECT_EQ(PROXY_MODE_4TO4, 0);
-  EXPECT_EQ(copied(DownstreamInterfacesName, DownstreamInterfacesNum), name_texts(8, ""));
 }
 
 TEST_F(settings, name_is_cut_to_what_an_interface_name_can_hold) {

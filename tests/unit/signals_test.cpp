@@ -12,6 +12,9 @@ struct signal_handlers : core_test {
   void given_pipe() { timer_pipe = {PIPE_READ_END, PIPE_WRITE_END}; }
 };
 
+// Before any fixture has set it.
+const std::array<int, 2> pipe_of_a_fresh_process = timer_pipe;
+
 const std::string tick = "write(pipe, \"Timer\")";
 
 TEST_F(signal_handlers, tick_is_five_bytes_in_the_pipe) {
@@ -55,6 +58,7 @@ TEST_F(signal_handlers, dump_is_only_asked_for) {
 }
 
 TEST_F(signal_handlers, signal_before_the_pipe_is_made_reaches_no_descriptor) {
+  timer_pipe = pipe_of_a_fresh_process;
   when([] {
     router_stop(SIGTERM);
     router_tick(SIGALRM);

@@ -73,6 +73,7 @@ inline byte_vector netconf_message(std::uint32_t index, std::int32_t mc_forwardi
   if (mc_forwarding != MC_FORWARDING_NOT_TOLD) {
     payload = payload + attribute(NETCONFA_MC_FORWARDING, bytes_of(mc_forwarding));
   }
+  payload = payload + attribute(0x3fff, byte_vector(200)); // what later kernels may add
   return message(type, payload);
 }
 

@@ -24,7 +24,7 @@ TEST_F(static_entry_of, deleted_entry_is_added_again) {
 
 TEST_F(static_entry_of, entry_with_other_outputs_or_parent_is_replaced) {
   for (const byte_vector &wrong :
-       {entry_message(RTM_NEWROUTE, 3, {4}), entry_message(RTM_NEWROUTE, 3, {3, 4}), entry_message(RTM_NEWROUTE, 3, {}),
+       {entry_message(RTM_NEWROUTE, 3, {4}), entry_message(RTM_NEWROUTE, 3, {4, 3}), entry_message(RTM_NEWROUTE, 3, {}),
         entry_message(RTM_NEWROUTE, 4, {3}), entry_message(RTM_NEWROUTE, 0, {3})}) {
     given_working_companion();
     tell(wrong);
