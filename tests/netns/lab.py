@@ -70,6 +70,7 @@ class Program:
     log: pathlib.Path
     in_router: bool
     pid: int = 0
+    said: tuple = ()  # of a listener: where its host's reports are noted, and what they are about
 
 
 @dataclasses.dataclass
