@@ -1,6 +1,6 @@
 # Checks for shell scenarios, to be sourced after lab.sh: one line of result each, a count at the end.
 # SCENARIO_PATIENCE_S (30) is how long a scenario waits for a single event; a slow board may need more.
-# shellcheck shell=sh
+# shellcheck shell=sh disable=SC2154 # router and lab_folder come from lab.sh
 
 patience=${SCENARIO_PATIENCE_S:-30}
 checks=0
@@ -25,6 +25,8 @@ is_equal() {
   [ "$1" = "$2" ] || { echo "# $1 is not $2" && false; }
 }
 
+is_different() { [ "$1" != "$2" ]; }
+
 is_not() { ! "$@"; }
 
 interface_flags() { ip -n "$router" link show dev "$1" | sed -n 's/.*<\(.*\)>.*/\1/p' | tr ',' '\n' | sort | tr '\n' ','; }
@@ -35,7 +37,7 @@ finish() {
   if [ "$failures" -gt 0 ]; then
     for file in "$lab_folder"/*.log; do
       echo "# --- $file"
-      cat "$file"
+      grep -v '^datagram' "$file"
     done
     for table in "$@"; do
       echo "# --- router: $table"
