@@ -17,8 +17,8 @@ int compare_addresses(const group_text &left, const group_text &right) {
   if (inet_pton(AF_INET6, left.data(), &left_bytes) != 1 || inet_pton(AF_INET6, right.data(), &right_bytes) != 1) {
     return std::strcmp(left.data(), right.data()); // IPv4 groups
   }
-  const bool is_left_any = IN6_IS_ADDR_UNSPECIFIED(&left_bytes);
-  const bool is_right_any = IN6_IS_ADDR_UNSPECIFIED(&right_bytes);
+  const bool is_left_any = std::memcmp(&left_bytes, &in6addr_any, sizeof(left_bytes)) == 0;
+  const bool is_right_any = std::memcmp(&right_bytes, &in6addr_any, sizeof(right_bytes)) == 0;
   if (is_left_any != is_right_any) {
     return is_left_any ? 1 : -1;
   }

@@ -53,8 +53,8 @@ def quotations(text):
     """Log lines in blocks, and messages in the first column of tables."""
     for block in re.findall(r"```log\n(.*?)```", text, re.S):
         yield from block.splitlines()
-    yield from re.findall(r"^\| `([^`]+)`[^|]* \|", re.sub(r"^\| (?:level|module|function|line).*\n", "", text, flags=re.M),
-                          re.M)
+    messages = re.sub(r"^\| (?:level|module|function|line).*\n", "", text, flags=re.M)
+    yield from re.findall(r"^\| `([^`]+)`[^|]* \|", messages, re.M)
 
 
 def test_every_log_line_that_the_document_quotes_can_be_printed():

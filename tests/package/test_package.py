@@ -70,8 +70,8 @@ def test_package_holds_what_it_promises_and_belongs_to_root(package):
 
 def test_package_is_named_after_version_and_architecture(package):
     version = re.search(r"project\(tarnwick VERSION ([0-9.]+)", (PROJECT / "CMakeLists.txt").read_text()).group(1)
-    machine = subprocess.run(["dpkg", "--print-architecture"], check=True, capture_output=True, text=True).stdout.strip()
-    assert package.name == f"tarnwick_{version}_{machine}.deb"
+    machine = subprocess.run(["dpkg", "--print-architecture"], check=True, capture_output=True, text=True).stdout
+    assert package.name == f"tarnwick_{version}_{machine.strip()}.deb"
     assert field(package, "Depends").startswith("libc6")
     assert "stdc++" not in field(package, "Depends")
 
