@@ -283,7 +283,7 @@ ssize_t deliver_message(msghdr *header) {
     return -1;
   }
   const std::size_t length = std::min(given.bytes.size(), header->msg_iov->iov_len);
-  std::memcpy(header->msg_iov->iov_base, given.bytes.data(), length);
+  std::copy_n(given.bytes.begin(), length, static_cast<std::uint8_t *>(header->msg_iov->iov_base));
   fill_sender(given, header);
   fill_packet_information(given, header);
   return static_cast<ssize_t>(length);
