@@ -43,4 +43,7 @@ void protect_standard_streams() {
   if (is_pipe(STDOUT_FILENO)) {
     write_without_waiting(STDOUT_FILENO, "/proc/self/fd/1");
   }
+  if (is_pipe(STDERR_FILENO)) {
+    write_without_waiting(STDERR_FILENO, "/proc/self/fd/2");
+  }
 }

@@ -10,11 +10,6 @@ namespace {
 using namespace scripted;
 
 struct mld_leave_timeline : mld_report_test {
-  mld_leave_timeline() {
-    br0->query_timer = 10000; // no general queries in between
-    lan1->query_timer = 10000;
-  }
-
   void when_reported(int type, const lines &sources = {}, const std::string &host = "fe80::a") {
     when_received(mldv2_report({{type, "ff0e::1", sources}}), host, 3);
     then_anything();
@@ -22,7 +17,7 @@ struct mld_leave_timeline : mld_report_test {
 
   // Ticks, then tells what is left; queries sent are counted by their frames.
   void when_passed(int ticks) {
-    when_ticked(ticks);
+    when_ticked_quietly(ticks);
     then_anything();
   }
 
@@ -48,7 +43,7 @@ TEST_F(mld_leave_timeline, leave_that_nobody_contradicts_ends_in_the_twelfth_pas
   then_groups(br0, {group_line("ff0e::1", 2, 2, 10, 0), slot_line("::", -1)});
   when_passed(10);
   then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 0), slot_line("::", -11)});
-  when_ticked();
+  when_ticked_quietly();
   then(together(
       {{
            "| ",
@@ -82,7 +77,7 @@ TEST_F(mld_leave_timeline, group_of_an_mldv1_host_that_is_left_sends_no_query) {
   when_passed(11);
   EXPECT_EQ(Kernel.frames.size(), 0u);
   then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 0)});
-  when_ticked();
+  when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1"));
   then_groups(br0, {});
 }
@@ -95,7 +90,7 @@ TEST_F(mld_leave_timeline, silent_group_ends_in_pass_351_and_the_snooping_progra
   EXPECT_EQ(br0->timeout_count, 1u);
   then_groups(br0, {group_line("ff0e::1", 1, 0)});
   then_leave_is_told(false);
-  when_ticked();
+  when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1"));
   then_groups(br0, {});
   then_leave_is_told(true);
@@ -110,12 +105,12 @@ TEST_F(mld_leave_timeline, block_of_a_source_reported_lately_ends_the_group_in_p
   then_groups(br0, {group_line("ff0e::1", 2, 2, 1, 1), slot_line("2001:db8::1")});
   when_passed(1);
   then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 359)});
-  when_ticked();
+  when_ticked_quietly();
   then_in_order({logged_debug("mld_router_v2_send_query_more_src", "No source address need to query")});
   then_groups(br0, {group_line("ff0e::1", 2, 2, 10, 0), slot_line("2001:db8::1", 358)});
   when_passed(10);
   then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 0), slot_line("2001:db8::1", 348)});
-  when_ticked();
+  when_ticked_quietly();
   then({
       "| ",
       "| ",
@@ -125,7 +120,7 @@ TEST_F(mld_leave_timeline, block_of_a_source_reported_lately_ends_the_group_in_p
   then_groups(br0, {group_line("ff0e::1", 1, 2), slot_line("2001:db8::1", 347)});
   when_passed(2);
   then_groups(br0, {group_line("ff0e::1", 1, 0), slot_line("2001:db8::1", 345)});
-  when_ticked();
+  when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1", {"2001:db8::1"}));
   then_groups(br0, {});
   EXPECT_EQ(Kernel.frames.size(), 0u);
@@ -149,7 +144,7 @@ TEST_F(mld_leave_timeline, source_that_ran_out_is_blocked_and_the_others_stay) {
   when_passed(3); // asked for in pass 1, the query goes out in pass 3
   EXPECT_EQ(Kernel.frames.size(), 1u);
   when_passed(10);
-  when_ticked();
+  when_ticked_quietly();
   then({
       "| ",
       "| ",
@@ -171,7 +166,7 @@ TEST_F(mld_leave_timeline, unwanted_source_that_ran_out_loses_the_any_source_ent
   group->sources[0] = {0, 1, address("2001:db8::1")};
   group->sources[1] = {1, 1, address("2001:db8::2")};
   group->sources[2] = {0, 9, address("2001:db8::3")};
-  when_ticked();
+  when_ticked_quietly();
   then_requests({
       source_request("MCAST_BLOCK_SOURCE", "ff0e::1", "2001:db8::1"),
       entry_request("MRT6_DEL_MFC", "2001:db8::1", "ff0e::1", ""),
@@ -189,7 +184,7 @@ TEST_F(mld_leave_timeline, lasting_any_source_listener_keeps_sources_from_being_
     given_checking(group, 0, 0);
     group->sources[0] = {0, 1, address("2001:db8::1")};
     group->sources[1].source_timer = seconds + 1; // counted down before it is looked at
-    when_ticked();
+    when_ticked_quietly();
     then_requests(is_suppressed ? lines{entry_request("MRT6_DEL_MFC", "2001:db8::1", "ff0e::1", "")}
                                 : lines{
                                       source_request("MCAST_BLOCK_SOURCE", "ff0e::1", "2001:db8::1"),
@@ -208,7 +203,7 @@ TEST_F(mld_leave_timeline, refused_block_and_deletion_are_logged_and_the_source_
   group->sources[0] = {0, 1, address("2001:db8::1")};
   given_failure("setsockopt(wan0, MCAST_BLOCK_SOURCE)", EINVAL);
   given_failure("setsockopt(mld, MRT6_DEL_MFC)", ENOENT, 2);
-  when_ticked();
+  when_ticked_quietly();
   then_in_order({
       source_request("MCAST_BLOCK_SOURCE", "ff0e::1", "2001:db8::1"),
       logged_error(retransmit, "setsockopt: MCAST_BLOCK_SOURCE fail!!!"),

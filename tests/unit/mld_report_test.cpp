@@ -75,6 +75,14 @@ void mld_report_test::given_host(mld_interface *intr, const std::string &group, 
   list_append(&intr->hosts, &made->link);
 }
 
+void mld_report_test::when_ticked_quietly(int ticks) {
+  for (int i = 0; i < ticks; ++i) {
+    br0->query_timer = 100;
+    lan1->query_timer = 100;
+    when_ticked();
+  }
+}
+
 void mld_report_test::then_groups(const mld_interface *intr, const lines &expected) const {
   lines found;
   for (auto *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {

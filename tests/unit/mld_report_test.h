@@ -18,6 +18,9 @@ struct mld_report_test : mld_test {
 
   void given_host(mld_interface *intr, const std::string &group, const std::string &host, const std::string &source);
 
+  // Ticks without general queries in between.
+  void when_ticked_quietly(int ticks = 1);
+
   // The interface's groups, newest first, each with its slots below it:
   //   "ff0e::1: state 1, timer 350, retransmit 0, queries 0"
   //   "  2001:db8::1: timer 360, forward 1"

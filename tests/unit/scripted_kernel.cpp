@@ -62,6 +62,7 @@ std::size_t OutputLength = 0;
 std::size_t OutputTaken = 0;
 std::vector<std::string> ScriptErrors; // said after the run, when standard output is the test's again
 std::string PipeContents;
+std::string Directory;
 std::vector<FILE *> OpenTables; // the daemon leaves them open; closed between tests
 
 const std::string if_inet6_path = "/proc/net/if_inet6";
@@ -216,10 +217,9 @@ std::string if_inet6_contents() {
 }
 
 FILE *open_if_inet6() {
-  FILE *table = std::tmpfile();
-  const std::string contents = if_inet6_contents();
-  std::fwrite(contents.data(), 1, contents.size(), table);
-  std::rewind(table);
+  static std::string contents; // outlives the stream, which the daemon leaves open
+  contents = if_inet6_contents();
+  FILE *table = contents.empty() ? __real_fopen("/dev/null", "r") : fmemopen(contents.data(), contents.size(), "r");
   OpenTables.push_back(table);
   return table;
 }
@@ -362,6 +362,31 @@ std::string signal_name(int signal_number) {
   return name != nullptr ? std::string("SIG") + name : std::to_string(signal_number);
 }
 
+// In memory where there is such a place: sweeps ask for a fresh directory thousands of times.
+std::string make_directory() {
+  const std::filesystem::path memory = "/dev/shm";
+  std::error_code missing;
+  const bool has_memory = std::filesystem::is_directory(memory, missing);
+  std::string pattern =
+      ((has_memory ? memory : std::filesystem::temp_directory_path()) / "tarnwick-test-XXXXXX").string();
+  return mkdtemp(pattern.data());
+}
+
+void remove_directory() { std::filesystem::remove_all(Directory); }
+
+// The test program's one directory, without what earlier tests left in it.
+std::string empty_directory() {
+  if (Directory.empty()) {
+    Directory = make_directory();
+    std::atexit(remove_directory);
+  }
+  std::filesystem::create_directory(Directory);
+  for (const auto &entry : std::filesystem::directory_iterator(Directory)) {
+    std::filesystem::remove_all(entry.path());
+  }
+  return Directory;
+}
+
 std::string seconds_text(const timeval &time) {
   return std::to_string(time.tv_sec) + "s" + std::to_string(time.tv_usec) + "us";
 }
@@ -369,10 +394,6 @@ std::string seconds_text(const timeval &time) {
 } // namespace
 
 void reset() {
-  const std::string previous = Kernel.directory;
-  if (!previous.empty()) {
-    std::filesystem::remove_all(previous);
-  }
   for (FILE *table : OpenTables) {
     std::fclose(table);
   }
@@ -380,8 +401,7 @@ void reset() {
   PipeContents.clear();
   Kernel = kernel{};
   Kernel.names = {{MLD_SOCKET, "mld"}, {PIPE_READ_END, "pipe"}, {PIPE_WRITE_END, "pipe"}};
-  std::string pattern = (std::filesystem::temp_directory_path() / "tarnwick-test-XXXXXX").string();
-  Kernel.directory = mkdtemp(pattern.data());
+  Kernel.directory = empty_directory();
 }
 
 void run(const std::function<void()> &daemon_code) {

@@ -1,0 +1,200 @@
+#include "assist/interface_watch.h"
+
+#include "assist/membership.h"
+#include "assist/notification_socket.h"
+#include "assist/report.h"
+#include "assist/retry.h"
+#include "assist/static_entry.h"
+
+#include <cerrno>
+#include <net/if.h>
+#include <span>
+
+interface_watch InterfaceWatch{};
+
+namespace {
+
+std::span<watched_interface> watched_interfaces() {
+  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
+}
+
+void watch(const interface_name &name, bool is_upstream) {
+  watched_interface &added = InterfaceWatch.interfaces[InterfaceWatch.count++];
+  added = {};
+  added.name = name;
+  added.is_upstream = is_upstream;
+}
+
+void join(watched_interface &downstream) {
+  const bool was_joined = downstream.is_joined;
+  downstream.is_joined = join_report_group(InterfaceWatch.routing_socket, downstream.index);
+  if (downstream.is_joined) {
+    downstream.refusal = 0;
+    if (!was_joined) {
+      say("joined ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
+    }
+    return;
+  }
+  const int reason = errno;
+  if (downstream.refusal != reason) {
+    say_refused(reason, "cannot join ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
+  }
+  downstream.refusal = reason;
+  want_retry_after(reason);
+}
+
+void leave(watched_interface &downstream) {
+  leave_report_group(InterfaceWatch.routing_socket, downstream.index);
+  if (downstream.is_joined) {
+    say("left ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
+  }
+  downstream.is_joined = false;
+  downstream.refusal = 0;
+}
+
+void look_for_mif(const watched_interface &upstream) {
+  const std::int32_t mc_forwarding = ask_mc_forwarding(upstream.index);
+  if (mc_forwarding > 0) {
+    handle_mif_registered();
+  } else if (mc_forwarding == 0) {
+    handle_mif_released();
+  }
+}
+
+void handle_found(watched_interface &found, std::uint32_t index) {
+  found.index = index;
+  found.is_waited_for = false;
+  if (!found.is_upstream) {
+    join(found);
+    return;
+  }
+  StaticEntry.index = index;
+  look_for_mif(found);
+  if (!StaticEntry.is_mif_registered) {
+    say("%s, index %u, is not registered for multicast routing; waiting for tarnwick", found.name.data(), index);
+  }
+}
+
+void wait_for(watched_interface &missing) {
+  if (!missing.is_waited_for) {
+    say("interface %s is not there; waiting for it", missing.name.data());
+  }
+  missing.is_waited_for = true;
+}
+
+void handle_lost(watched_interface &lost) {
+  if (lost.is_upstream) {
+    handle_upstream_gone();
+  } else {
+    leave(lost);
+  }
+  lost.index = 0;
+}
+
+void handle_link(watched_interface &watched, const notification &told) {
+  if (watched.name == told.name) {
+    if (watched.index != 0 && watched.index != told.index) {
+      handle_lost(watched);
+    }
+    if (watched.index == 0) {
+      handle_found(watched, told.index);
+    }
+  } else if (watched.index == told.index) { // renamed
+    handle_lost(watched);
+    wait_for(watched);
+  }
+}
+
+void handle_ipv6(watched_interface &watched, const notification &told) {
+  if (!watched.is_upstream) {
+    if (!watched.is_joined) {
+      join(watched);
+    }
+  } else if (told.mc_forwarding > 0) {
+    handle_mif_registered();
+  } else if (told.mc_forwarding == 0) {
+    handle_mif_released();
+  }
+}
+
+// Memberships end with the interface's IPv6 side; the MIF may stand on, but nothing is forwarded there.
+void handle_ipv6_gone(watched_interface &watched) {
+  if (watched.is_upstream) {
+    handle_mif_released();
+  } else {
+    leave(watched);
+  }
+}
+
+void handle_for(watched_interface &watched, const notification &told) {
+  const bool is_meant = watched.index != 0 && watched.index == told.index;
+  if (told.kind == notification_kind::link_there) {
+    handle_link(watched, told);
+  } else if (is_meant && told.kind == notification_kind::link_gone) {
+    handle_lost(watched);
+    wait_for(watched);
+  } else if (is_meant && told.kind == notification_kind::ipv6_there) {
+    handle_ipv6(watched, told);
+  } else if (is_meant && told.kind == notification_kind::ipv6_gone) {
+    handle_ipv6_gone(watched);
+  }
+}
+
+} // namespace
+
+void start_watch(const assist_options &options, int routing_socket) {
+  InterfaceWatch = {};
+  InterfaceWatch.routing_socket = routing_socket;
+  watch(options.upstream, true);
+  for (const interface_name &name : std::span{options.downstreams}.first(options.downstream_count)) {
+    watch(name, false);
+  }
+  StaticEntry = {};
+  StaticEntry.socket = routing_socket;
+  StaticEntry.upstream = options.upstream;
+  look_at_everything();
+}
+
+void look_at_everything() {
+  for (watched_interface &watched : watched_interfaces()) {
+    const std::uint32_t index = if_nametoindex(watched.name.data());
+    if (watched.index != 0 && watched.index != index) {
+      handle_lost(watched);
+    }
+    if (index == 0) {
+      wait_for(watched);
+    } else if (watched.index == 0) {
+      handle_found(watched, index);
+    } else if (watched.is_upstream) {
+      look_for_mif(watched);
+    } else {
+      join(watched);
+    }
+  }
+}
+
+void handle_notification(const notification &told) {
+  switch (told.kind) {
+  case notification_kind::other:
+    return;
+  case notification_kind::entry_there:
+  case notification_kind::entry_gone:
+    handle_entry_notification(told);
+    return;
+  default:
+    if (told.index != 0) {
+      for (watched_interface &watched : watched_interfaces()) {
+        handle_for(watched, told);
+      }
+    }
+  }
+}
+
+void stop_watch() {
+  remove_static_entry();
+  for (watched_interface &watched : watched_interfaces()) {
+    if (!watched.is_upstream && watched.index != 0) {
+      leave(watched);
+    }
+  }
+}

@@ -1,0 +1,39 @@
+// The upstream and the downstream interfaces, by name: which index each has now, and what was done there.
+#pragma once
+
+#include "assist/notification.h"
+#include "assist/options.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+struct watched_interface {
+  interface_name name;
+  std::uint32_t index; // 0 = not there
+  bool is_upstream;
+  bool is_waited_for;   // it was said that this one is not there
+  bool is_joined;       // downstream: member of ff02::16
+  std::int32_t refusal; // errno of the last refused join, 0 = none since
+};
+
+struct interface_watch {
+  int routing_socket;
+  std::array<watched_interface, MOST_DOWNSTREAMS + 1> interfaces; // the upstream first
+  std::size_t count;
+};
+
+extern interface_watch InterfaceWatch;
+
+// Fills the table and does what can be done already. Notifications must be coming in before this looks.
+void start_watch(const assist_options &options, int routing_socket);
+
+// Looks at everything as if for the first time. Needed when notifications were lost: an interface may have been
+// deleted and made again under the same index, so the memberships are made anew, too.
+void look_at_everything();
+
+// Acts on one notification.
+void handle_notification(const notification &told);
+
+// Takes everything back: static entry, then memberships.
+void stop_watch();

@@ -1,0 +1,158 @@
+#include "assist/options.h"
+
+#include "assist/report.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <getopt.h>
+#include <string_view>
+
+namespace {
+
+constexpr char option_letters[] = "+u:d:h";
+constexpr int version_option = 256; // beyond every letter
+
+constexpr std::array<option, 5> long_options{{{"upstream", required_argument, nullptr, 'u'},
+                                              {"downstream", required_argument, nullptr, 'd'},
+                                              {"help", no_argument, nullptr, 'h'},
+                                              {"version", no_argument, nullptr, version_option},
+                                              {nullptr, 0, nullptr, 0}}};
+
+constexpr char help_text[] =
+    "Usage: tarnwick-assist -u <upstream> -d <downstream>[,<downstream>...]\n"
+    "Runs beside tarnwick on a mainline Linux kernel: brings the LAN's MLDv2 reports to tarnwick and lets the kernel\n"
+    "forward its any-source streams. Stays in the foreground; ends on SIGTERM and SIGINT and takes away what it "
+    "added.\n"
+    "\n"
+    "  -u, --upstream <name>        interface towards the streams' source, as given to tarnwick\n"
+    "  -d, --downstream <name,...>  interfaces towards the listeners, as given to tarnwick; may be repeated\n"
+    "  -h, --help                   show this text\n"
+    "      --version                show the version\n"
+    "\n"
+    "Interfaces that are not there yet are waited for. Needs CAP_NET_ADMIN and CAP_NET_RAW.\n";
+
+// The kernel's own rule for interface names (dev_valid_name in net/core/dev.c).
+bool can_be_interface_name(std::string_view text) {
+  if (text.empty() || text.size() >= IFNAMSIZ || text == "." || text == "..") {
+    return false;
+  }
+  for (const char letter : text) {
+    if (letter == '/' || letter == ':' || std::isspace(static_cast<unsigned char>(letter)) != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool read_name(std::string_view text, interface_name &name) {
+  if (!can_be_interface_name(text)) {
+    say("\"%.*s\" cannot be the name of an interface (1 to %d characters)", static_cast<int>(text.size()), text.data(),
+        IFNAMSIZ - 1);
+    return false;
+  }
+  name = {};
+  std::memcpy(name.data(), text.data(), text.size());
+  return true;
+}
+
+bool read_upstream(std::string_view text, assist_options &options) {
+  if (options.upstream[0] != '\0') {
+    say("only one upstream interface can be served");
+    return false;
+  }
+  return read_name(text, options.upstream);
+}
+
+bool read_downstreams(std::string_view list, assist_options &options) {
+  for (;;) {
+    const std::size_t comma = list.find(',');
+    if (options.downstream_count == options.downstreams.size()) {
+      say("at most %zu downstream interfaces can be served", options.downstreams.size());
+      return false;
+    }
+    if (!read_name(list.substr(0, comma), options.downstreams[options.downstream_count])) {
+      return false;
+    }
+    ++options.downstream_count;
+    if (comma == std::string_view::npos) {
+      return true;
+    }
+    list.remove_prefix(comma + 1);
+  }
+}
+
+bool is_every_name_unique(const assist_options &options) {
+  for (std::size_t i = 0; i < options.downstream_count; ++i) {
+    bool is_taken = options.downstreams[i] == options.upstream;
+    for (std::size_t j = 0; j < i; ++j) {
+      is_taken = is_taken || options.downstreams[i] == options.downstreams[j];
+    }
+    if (is_taken) {
+      say("interface %s is given twice", options.downstreams[i].data());
+      return false;
+    }
+  }
+  return true;
+}
+
+bool is_complete(const assist_options &options) {
+  if (options.upstream[0] == '\0') {
+    say("option -u <upstream> is missing; --help shows the usage");
+    return false;
+  }
+  if (options.downstream_count == 0) {
+    say("option -d <downstream>[,<downstream>...] is missing; --help shows the usage");
+    return false;
+  }
+  return is_every_name_unique(options);
+}
+
+// The text, or status 1 when standard output did not take it (a full disk, a closed pipe).
+int show(const char *text) {
+  const bool is_shown = std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0;
+  return is_shown ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+command read_command_line(int argc, char **argv, assist_options &options) {
+  options = {};
+  optind = 0; // start anew, also within a group of letters
+  opterr = 0;
+  for (;;) {
+    const int current = std::max(optind, 1);
+    const int letter = getopt_long(argc, argv, option_letters, long_options.data(), nullptr);
+    switch (letter) {
+    case -1:
+      if (optind < argc) {
+        say("unexpected argument \"%s\"; --help shows the usage", argv[optind]);
+        return command::refuse;
+      }
+      return is_complete(options) ? command::run : command::refuse;
+    case 'u':
+      if (!read_upstream(optarg, options)) {
+        return command::refuse;
+      }
+      break;
+    case 'd':
+      if (!read_downstreams(optarg, options)) {
+        return command::refuse;
+      }
+      break;
+    case 'h':
+      return command::show_help;
+    case version_option:
+      return command::show_version;
+    default:
+      say("unknown option, or option without its argument: \"%s\"; --help shows the usage", argv[current]);
+      return command::refuse;
+    }
+  }
+}
+
+int show_help() { return show(help_text); }
+
+int show_version() { return show("tarnwick-assist " TARNWICK_VERSION "\n"); }

@@ -1,0 +1,20 @@
+// A second look after a while: for refusals that pass by themselves (memory) and for repairs that came too thick.
+// The kernel tells of everything else, so normally no timer runs.
+#pragma once
+
+#include <cstdint>
+
+// Milliseconds of the monotonic clock.
+std::int64_t monotonic_ms();
+
+// Sets the timer, if none runs yet.
+void want_retry();
+
+// The same, if `reason` (an errno) is one that passes by itself.
+void want_retry_after(int reason);
+
+// For poll: milliseconds until the timer ends, 0 = now, -1 = no timer runs.
+int ms_until_retry();
+
+// Whether the timer has ended; stops it if so.
+bool take_due_retry();

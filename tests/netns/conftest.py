@@ -1,0 +1,44 @@
+"""Fixtures: a lab per test, removed in all cases; the daemon's log and the kernel's tables beside every failure."""
+
+import pytest
+
+import kernel_view
+import lab as laboratory
+
+TABLES = ("ip6_mr_vif", "ip6_mr_cache", "igmp6")
+
+
+@pytest.fixture
+def make_lab(request):
+    """Builds labs on demand: `make_lab(second_lan=True)`."""
+    labs = []
+
+    def make(**options):
+        labs.append(laboratory.build(**options))
+        return labs[-1]
+
+    request.node.labs = labs
+    yield make
+    for lab in labs:
+        if laboratory.KEEP:
+            print(laboratory.keep_standing(lab))
+        else:
+            laboratory.remove(lab)
+
+
+@pytest.fixture
+def lab(make_lab):
+    return make_lab()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    report = outcome.get_result()
+    if not report.failed or call.when == "teardown":
+        return
+    for lab in getattr(item, "labs", []):
+        for program in lab.programs:
+            report.sections.append((program.log.name, laboratory.log_of(program)))
+        for table in TABLES:
+            report.sections.append((f"router: {table}", kernel_view.read_table(lab, table)))

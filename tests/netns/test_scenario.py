@@ -1,0 +1,19 @@
+"""The scenario that the emulated boards run as well, here in the kernel of this machine."""
+
+import pathlib
+import subprocess
+
+import lab as laboratory
+
+SCENARIO = pathlib.Path(__file__).parents[1] / "scenarios" / "mld_end_to_end.sh"
+
+
+def test_mld_end_to_end():
+    """In a process table and a list of namespaces of its own: whatever happens, nothing of it stays."""
+    done = subprocess.run(
+        ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "--propagation", "private", "sh", "-c",
+         'mkdir -p /run/netns && mount -t tmpfs tmpfs /run/netns && exec dash "$0" "$1"',
+         SCENARIO, laboratory.PROGRAMS],
+        capture_output=True, text=True, timeout=240)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stdout.splitlines()[-1].endswith("checks, 0 failed")

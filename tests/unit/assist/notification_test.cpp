@@ -1,0 +1,135 @@
+#include "assist/notification.h"
+
+#include "netlink_bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr in6_addr some_group{{{0xff, 0x0e, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}};
+
+notification only_notification(const byte_vector &bytes) {
+  netlink_bytes rest{bytes};
+  notification told{};
+  EXPECT_TRUE(next_notification(rest, told));
+  EXPECT_TRUE(rest.empty());
+  return told;
+}
+
+notification_kind kind_of(const byte_vector &bytes) { return only_notification(bytes).kind; }
+
+} // namespace
+
+TEST(notification, new_link_brings_index_and_name) {
+  const notification told = only_notification(link_message(RTM_NEWLINK, 4, "br0"));
+  EXPECT_EQ(told.kind, notification_kind::link_there);
+  EXPECT_EQ(told.index, 4U);
+  EXPECT_STREQ(told.name.data(), "br0");
+}
+
+TEST(notification, deleted_link_brings_index) {
+  const notification told = only_notification(link_message(RTM_DELLINK, 4, "br0"));
+  EXPECT_EQ(told.kind, notification_kind::link_gone);
+  EXPECT_EQ(told.index, 4U);
+}
+
+TEST(notification, port_that_leaves_its_bridge_is_no_deleted_link) {
+  EXPECT_EQ(kind_of(link_message(RTM_DELLINK, 4, "lan1", AF_BRIDGE)), notification_kind::other);
+  EXPECT_EQ(kind_of(link_message(RTM_NEWLINK, 4, "lan1", AF_BRIDGE)), notification_kind::other);
+}
+
+TEST(notification, longest_name_is_read_and_a_longer_one_is_not) {
+  EXPECT_STREQ(only_notification(link_message(RTM_NEWLINK, 4, "fifteen-letters")).name.data(), "fifteen-letters");
+  EXPECT_STREQ(only_notification(link_message(RTM_NEWLINK, 4, "sixteen-letters!")).name.data(), "");
+}
+
+TEST(notification, name_without_its_end_is_not_read) {
+  ifinfomsg header{};
+  header.ifi_index = 4;
+  const byte_vector bytes =
+      message(RTM_NEWLINK, bytes_of(header) + attribute(IFLA_IFNAME, byte_vector(4, std::byte{'b'})));
+  EXPECT_STREQ(only_notification(bytes).name.data(), "");
+}
+
+TEST(notification, multicast_forwarding_of_an_interface_is_read) {
+  const notification told = only_notification(netconf_message(3, 1));
+  EXPECT_EQ(told.kind, notification_kind::ipv6_there);
+  EXPECT_EQ(told.index, 3U);
+  EXPECT_EQ(told.mc_forwarding, 1);
+  EXPECT_EQ(only_notification(netconf_message(3, 0)).mc_forwarding, 0);
+}
+
+TEST(notification, settings_without_multicast_forwarding_leave_it_open) {
+  EXPECT_EQ(only_notification(netconf_message(3, MC_FORWARDING_NOT_TOLD)).mc_forwarding, MC_FORWARDING_NOT_TOLD);
+}
+
+TEST(notification, lost_ipv6_side_is_told) {
+  EXPECT_EQ(kind_of(netconf_message(3, MC_FORWARDING_NOT_TOLD, RTM_DELNETCONF)), notification_kind::ipv6_gone);
+}
+
+TEST(notification, ipv4_settings_are_of_no_concern) {
+  EXPECT_EQ(kind_of(netconf_message(3, 1, RTM_NEWNETCONF, AF_INET)), notification_kind::other);
+}
+
+TEST(notification, static_entry_is_read_with_parent_and_outputs) {
+  const notification told = only_notification(entry_message(RTM_NEWROUTE, 3, {3}));
+  EXPECT_EQ(told.kind, notification_kind::entry_there);
+  EXPECT_EQ(told.input, 3U);
+  EXPECT_EQ(told.output_count, 1U);
+  EXPECT_EQ(told.output, 3U);
+  const notification changed = only_notification(entry_message(RTM_DELROUTE, 0, {4, 5}));
+  EXPECT_EQ(changed.kind, notification_kind::entry_gone);
+  EXPECT_EQ(changed.input, 0U);
+  EXPECT_EQ(changed.output_count, 2U);
+}
+
+TEST(notification, entries_of_groups_and_sources_are_of_no_concern) {
+  EXPECT_EQ(kind_of(entry_message(RTM_NEWROUTE, 3, {4}, in6addr_any, some_group)), notification_kind::other);
+  EXPECT_EQ(kind_of(entry_message(RTM_NEWROUTE, 3, {4}, some_group, in6addr_any)), notification_kind::other);
+}
+
+TEST(notification, entry_without_addresses_is_not_the_static_entry) {
+  rtmsg header{};
+  header.rtm_family = RTNL_FAMILY_IP6MR;
+  EXPECT_EQ(kind_of(message(RTM_DELROUTE, bytes_of(header))), notification_kind::other);
+  EXPECT_EQ(kind_of(message(RTM_DELROUTE, bytes_of(header) + attribute(RTA_SRC, byte_vector(4)) +
+                                              attribute(RTA_DST, byte_vector(16)))),
+            notification_kind::other);
+}
+
+TEST(notification, unicast_routes_are_of_no_concern) {
+  byte_vector bytes = entry_message(RTM_NEWROUTE, 3, {3});
+  bytes[sizeof(nlmsghdr)] = std::byte{AF_INET6};
+  EXPECT_EQ(kind_of(bytes), notification_kind::other);
+}
+
+TEST(notification, unknown_message_is_skipped_and_the_next_one_read) {
+  const byte_vector bytes = message(999, text_bytes("x")) + error_message(1) + link_message(RTM_DELLINK, 4, "br0");
+  netlink_bytes rest{bytes};
+  notification told;
+  ASSERT_TRUE(next_notification(rest, told));
+  EXPECT_EQ(told.kind, notification_kind::other);
+  ASSERT_TRUE(next_notification(rest, told));
+  EXPECT_EQ(told.kind, notification_kind::other);
+  ASSERT_TRUE(next_notification(rest, told));
+  EXPECT_EQ(told.kind, notification_kind::link_gone);
+  EXPECT_FALSE(next_notification(rest, told));
+}
+
+// Every message cut at every length, with its own length put right: the inner lengths then point beyond the end.
+TEST(notification, message_cut_anywhere_is_read_within_its_bytes) {
+  for (const byte_vector &whole :
+       {link_message(RTM_NEWLINK, 4, "br0"), netconf_message(3, 1), entry_message(RTM_NEWROUTE, 3, {3, 4})}) {
+    for (std::size_t length = sizeof(nlmsghdr); length < whole.size(); ++length) {
+      byte_vector cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
+      const std::uint32_t told_length = static_cast<std::uint32_t>(length);
+      std::memcpy(cut.data(), &told_length, sizeof(told_length));
+      cut.shrink_to_fit();
+      netlink_bytes rest{cut};
+      notification told;
+      EXPECT_TRUE(next_notification(rest, told));
+      EXPECT_LE(told.output_count, 2U);
+      EXPECT_FALSE(next_notification(rest, told));
+    }
+  }
+}
