@@ -27,9 +27,8 @@ install_missing() {
   [ ${#missing[@]} -eq 0 ] && return
   echo "Installing missing Debian packages with apt-get: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
-  apt-get -o DPkg::Lock::Timeout=300 update -qq || die "apt-get update failed"
-  apt-get -o DPkg::Lock::Timeout=300 install -qq -y --no-install-recommends "${missing[@]}" >/dev/null ||
-    die "apt-get could not install: ${missing[*]}"
+  run_quietly apt-get -o DPkg::Lock::Timeout=300 update -qq
+  run_quietly apt-get -o DPkg::Lock::Timeout=300 install -qq -y --no-install-recommends "${missing[@]}"
 }
 
 # run_quietly COMMAND...: shows its output only when it fails.

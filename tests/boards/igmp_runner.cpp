@@ -6,6 +6,11 @@
 // Ends on SIGTERM or after the given time; SIGUSR1 writes the state files. On the kernel it does one thing that the
 // proxy does not: it adds the entry (0.0.0.0, 0.0.0.0) with the upstream VIF as parent and only output, without which a
 // mainline kernel forwards nothing by the entries for any source. Only the socket that has claimed routing may do so.
+//
+// The proxy writes outputs at slots of its device index table and the kernel reads them by interface index. For a
+// stream to reach the LAN, its index must be the number of interfaces with IPv4 addresses that stand before it in the
+// kernel's list, loopback not counted: register wan0 with index 10, a spare interface with index 11, then the LAN with
+// index 2 ("ip link add lan0 index 2 ..."), an address on each.
 #include "core/settings.h"
 #include "core/state_dump.h"
 #include "igmp/igmp_forwarding.h"

@@ -43,7 +43,7 @@ std::size_t TableCount = 0;
 
 FILE *open_contents(const char *path) {
   FILE *contents = Kernel.file.empty() ? __real_fopen("/dev/null", "r")
-                                    : fmemopen(const_cast<char *>(Kernel.file.data()), Kernel.file.size(), "r");
+                                       : fmemopen(const_cast<char *>(Kernel.file.data()), Kernel.file.size(), "r");
   if (std::strcmp(path, left_open_path) == 0) {
     if (TableCount == Tables.size()) {
       fail("too many open tables");
@@ -115,6 +115,25 @@ void append_control(msghdr *header, int level, int type, const void *data, std::
   std::memcpy(header->msg_control, &control, sizeof(control));
   std::memcpy(static_cast<std::uint8_t *>(header->msg_control) + CMSG_LEN(0), data, length);
   header->msg_controllen = CMSG_SPACE(length);
+}
+
+// As many interfaces as `Kernel.ipv4_interfaces` says: "x2" with 192.0.2.2, "x3" with 192.0.2.3, ...
+void list_interfaces(void *request) {
+  ifconf list;
+  std::memcpy(&list, request, sizeof(list));
+  const int room = list.ifc_len / static_cast<int>(sizeof(ifreq));
+  const int listed = std::min(room, Kernel.ipv4_interfaces);
+  for (int i = 0; i < listed; ++i) {
+    constexpr std::uint8_t first_number = 2;
+    const auto number = static_cast<std::uint8_t>(first_number + i);
+    ifreq entry{};
+    std::snprintf(entry.ifr_name, sizeof(entry.ifr_name), "x%d", number);
+    const std::array<std::uint8_t, 4> address{192, 0, 2, number};
+    std::memcpy(entry.ifr_addr.sa_data + 2, address.data(), address.size());
+    std::memcpy(list.ifc_buf + static_cast<std::size_t>(i) * sizeof(ifreq), &entry, sizeof(entry));
+  }
+  list.ifc_len = listed * static_cast<int>(sizeof(ifreq));
+  std::memcpy(request, &list, sizeof(list));
 }
 
 void fill_ipv6(msghdr *header) {
@@ -230,11 +249,16 @@ unsigned int __wrap_if_nametoindex(const char *name) { return static_cast<unsign
 int __wrap_ioctl(int, unsigned long number, ...) {
   va_list arguments;
   va_start(arguments, number);
-  auto *asked = va_arg(arguments, ifreq *);
+  void *argument = va_arg(arguments, void *);
   va_end(arguments);
   if (is_refused()) {
     return -1;
   }
+  if (number == SIOCGIFCONF) {
+    list_interfaces(argument);
+    return 0;
+  }
+  auto *asked = static_cast<ifreq *>(argument);
   if (number == SIOCGIFINDEX) {
     asked->ifr_ifindex = static_cast<int>(__wrap_if_nametoindex(asked->ifr_name));
   } else if (number == SIOCGIFFLAGS) {

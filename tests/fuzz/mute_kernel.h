@@ -22,6 +22,7 @@ struct kernel {
   unsigned int refusals;      // how many requests from now on are refused
   message next;               // what recvmsg delivers
   std::span<const char> file; // what any fopen delivers
+  int ipv4_interfaces;        // how many SIOCGIFCONF lists
   std::size_t blocks_in_use;  // of the daemon's malloc and free
   std::size_t bytes_in_use;
   std::uint64_t requests; // made so far

@@ -2,8 +2,8 @@
 
 import ipaddress
 
-from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery2, ICMPv6MLReport2, IPv6, IPv6ExtHdrHopByHop,
-                                RouterAlert)
+from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2, IPv6,
+                                IPv6ExtHdrHopByHop, RouterAlert)
 from scapy.layers.l2 import Ether
 
 from lab import HOST_LINK_LOCAL
@@ -27,6 +27,10 @@ def report(host, records):
     listed = [ICMPv6MLDMultAddrRec(rtype=RECORD_TYPES[kind], dst=group, sources=list(sources))
               for kind, group, sources in records]
     return mld_packet(HOST_LINK_LOCAL[host], ALL_MLDV2_ROUTERS, ICMPv6MLReport2(records=listed))
+
+
+def version_1_report(sender, group):
+    return mld_packet(sender, group, ICMPv6MLReport(mladdr=group))
 
 
 def general_query(sender):

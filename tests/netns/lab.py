@@ -70,6 +70,7 @@ class Program:
     log: pathlib.Path
     in_router: bool
     pid: int = 0
+    said: tuple = ()  # of a listener: where its host's reports are noted, and what they are about
 
 
 @dataclasses.dataclass
@@ -174,7 +175,7 @@ def link_local_is_ready(lab, node, interface):
 
 def enter(lab, node):
     if node == "router" and lab.keeper.poll() is None:
-        return ["nsenter", f"--target={keeper_of(lab)}", "--net", "--mount", "--pid"]
+        return ["nsenter", f"--target={keeper_of(lab)}", "--net", "--mount", "--pid", "--root"]
     return ["nsenter", f"--net={namespaces.path_of(lab.nodes[node])}"]
 
 

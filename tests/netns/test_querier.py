@@ -11,6 +11,7 @@ from traffic import (capture, checksum_is_good, listen, queries, received, recor
                      wait_until_all_is_said)
 
 GROUP = "ff0e::1:2:3"
+OTHER_GROUP = "ff05::2"
 ANY_GROUP = "::"
 QUERY_INTERVAL_TICKS = 125
 STARTUP_QUERY_INTERVAL_TICKS = 30
@@ -65,9 +66,12 @@ def test_every_lan_gets_its_query_at_start(make_lab):
 def test_hosts_answer_the_general_query(lab):
     """A host that joined before the router came up is found by the first query."""
     listener = listen(lab, "host1", GROUP)
-    # Its unsolicited reports, sent within a second or two, must be over: only the answer is to count.
+    at_host = capture(lab, "host1", "eth0")
     start_proxy(lab)
+    wait_for(lambda: ("IS_EX", GROUP, frozenset()) in records(at_host), what="answer")
+    assert [mld.group for mld in general_queries(at_host)] == [ANY_GROUP]
     wait_for(lambda: kernel_view.forwarding_of(lab, GROUP) == {kernel_view.ANY: {"br0"}}, what="forwarding")
+    wait_until_all_is_said(listener)
     sent = send_stream(lab, GROUP)
     wait_for(lambda: received(listener) == sent)
 
@@ -81,7 +85,7 @@ def test_second_query_follows_sooner_than_the_third(lab):
     # A busy machine can only be late, and ticks that queue up are taken as one.
     assert second - first >= STARTUP_QUERY_INTERVAL_TICKS / per_second * 0.9
     assert third - second >= QUERY_INTERVAL_TICKS / per_second * 0.9
-    assert second - first < third - second
+    assert second - first < (third - second) * 0.6
 
 
 def test_leave_is_followed_by_a_query_for_the_group(lab):
@@ -97,15 +101,14 @@ def test_leave_is_followed_by_a_query_for_the_group(lab):
 def test_leave_of_a_source_specific_group_asks_for_its_sources(lab):
     """Host 2 says that it wants no source of the group any more; host 1 still wants one and says so."""
     start_proxy(lab)
-    at_host = capture(lab, "host1", "eth0")
     listener = listen(lab, "host1", GROUP, sources=[S1, S2])
-    both = frozenset([S1, S2])
-    wait_until_all_is_said(at_host, "host1", ("ALLOW", GROUP, both), ("IS_IN", GROUP, both))
+    wait_until_all_is_said(listener)
+    at_host = capture(lab, "host1", "eth0")
     assert kernel_view.wanted_sources(lab, GROUP) == {S1, S2}
     send_frame(lab, "host2", "eth0", report("host2", [("TO_IN", GROUP, [])]))
     wait_for(lambda: queries(at_host, group=GROUP), what="query for group and sources")
     assert_is_query_frame(queries(at_host, group=GROUP)[0], GROUP, "33:33:00:02:00:03", sources=[S1, S2])
-    wait_for(lambda: records(at_host).count(("IS_IN", GROUP, both)) == 2, what="answer of host 1")
+    wait_for(lambda: ("IS_IN", GROUP, frozenset([S1, S2])) in records(at_host), what="answer of host 1")
     sent = send_stream(lab, GROUP, source=S1)
     wait_for(lambda: received(listener, S1) == sent)
 
@@ -152,9 +155,13 @@ def test_querier_with_a_higher_address_changes_nothing(lab):
 
 def test_silenced_router_still_serves_its_listeners(lab):
     start_proxy(lab)
+    listener = listen(lab, "host1", GROUP)
+    wait_until_all_is_said(listener)
+    at_host = capture(lab, "host1", "eth0")
     send_frame(lab, "host2", "eth0", general_query(LOWER))
     wait_for(lambda: "moving to NonQuerier." in log_of(lab.daemon))
-    listener = listen(lab, "host1", GROUP)
-    wait_for(lambda: GROUP in kernel_view.memberships(lab, "wan0"))
+    wait_for(lambda: ("IS_EX", GROUP, frozenset()) in records(at_host), what="answer to the other querier")
     sent = send_stream(lab, GROUP)
     wait_for(lambda: received(listener) == sent)
+    listen(lab, "host1", OTHER_GROUP)
+    wait_for(lambda: OTHER_GROUP in kernel_view.memberships(lab, "wan0"))

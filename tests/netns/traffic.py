@@ -1,5 +1,6 @@
 """Listeners, streams and captured frames."""
 
+import collections
 import dataclasses
 import re
 import socket
@@ -21,20 +22,41 @@ SO_TIMESTAMPNS = 35
 CAPTURE_BYTES = 1 << 22
 STATE_CHANGE_REPORTS = 2  # a host says every change twice (robustness variable, RFC 3810 section 9.1)
 ICMPV6 = 58
+IPV6_ETHERTYPE = b"\x86\xdd"
+NEXT_HEADER_OFFSET = 14 + 6
+DESTINATION = slice(14 + 24, 14 + 40)
 
 
 def program(name):
     return str(laboratory.PROGRAMS / name)
 
 
-def listen(lab, host, group, *, sources=(), excluded=()):
+def listen(lab, host, group, *, sources=()):
     """A program on a host joins a group with an ordinary socket; returns once it has joined."""
     choice = [word for source in sources for word in ("-s", source)]
-    choice += [word for source in excluded for word in ("-x", source)]
     port = str(laboratory.PORT)
+    heard = capture(lab, host, "eth0")
     listener = laboratory.start(lab, host, program("mcast_join"), "-i", "eth0", "-g", group, "-p", port, *choice)
+    listener.said = (heard, laboratory.HOST_LINK_LOCAL[host], group, frozenset(sources))
     laboratory.wait_for(lambda: "joined" in laboratory.log_of(listener), what=f"{host} joins {group}")
     return listener
+
+
+def wait_until_all_is_said(*listeners):
+    """Until hosts of MLD version 2 have repeated their joins and answered the first general query.
+
+    A report that comes late would end the router's questions to other hosts before they are asked. And every report
+    for all sources makes the daemon take the forwarding entry away and add it again, so a datagram may be lost.
+    """
+    for listener in listeners:
+        heard, sender, group, sources = listener.said
+        join, answer = ("ALLOW", "IS_IN") if sources else ("TO_EX", "IS_EX")
+
+        def all_is_said():
+            said = records(heard, sender)
+            return said.count((join, group, sources)) >= STATE_CHANGE_REPORTS and (answer, group, sources) in said
+
+        laboratory.wait_for(all_is_said, what=f"{sender} has joined {group} and answered")
 
 
 def received(listener, source=None):
@@ -57,8 +79,10 @@ def send_stream(lab, group, *, source=laboratory.S1, count=50, per_second=200):
 
 @dataclasses.dataclass
 class Capture:
+    """Frames seen on an interface so far."""
     socket: socket.socket
-    frames: list = dataclasses.field(default_factory=list)  # (time in seconds, bytes)
+    mld: list = dataclasses.field(default_factory=list)
+    datagrams: collections.Counter = dataclasses.field(default_factory=collections.Counter)  # group -> number
 
 
 @dataclasses.dataclass(frozen=True)
@@ -89,15 +113,19 @@ def drain(captured):
         try:
             frame, control, _flags, _address = captured.socket.recvmsg(2048, 64)
         except BlockingIOError:
-            return captured.frames
+            return captured
         seconds, nanoseconds = struct.unpack("qq", control[0][2][:16])
-        captured.frames.append((seconds + nanoseconds / 1e9, frame))
+        next_header = frame[NEXT_HEADER_OFFSET] if frame[12:14] == IPV6_ETHERTYPE else None
+        if next_header == socket.IPPROTO_UDP:
+            captured.datagrams[socket.inet_ntop(socket.AF_INET6, frame[DESTINATION])] += 1
+        elif next_header == socket.IPPROTO_HOPOPTS:  # every MLD message carries the router alert option
+            mld = to_mld(seconds + nanoseconds / 1e9, frame)
+            captured.mld += [mld] if mld else []
 
 
 def mld_messages(captured, message_type=None):
     """The MLD messages among the captured frames, decoded by scapy."""
-    messages = [to_mld(time, frame) for time, frame in drain(captured)]
-    return [mld for mld in messages if mld and message_type in (None, mld.type)]
+    return [mld for mld in drain(captured).mld if message_type in (None, mld.type)]
 
 
 def queries(captured, group=None, sender=None):
@@ -111,31 +139,13 @@ def records(captured, sender=None):
             for record in mld.records]
 
 
-def wait_until_all_is_said(captured, host, change, answer):
-    """Until a host has repeated its change and answered the first general query.
-
-    Either one, coming late, would end the router's question to others before it is asked.
-    """
-    sender = laboratory.HOST_LINK_LOCAL[host]
-
-    def all_is_said():
-        said = records(captured, sender)
-        return said.count(change) >= STATE_CHANGE_REPORTS and answer in said
-
-    laboratory.wait_for(all_is_said, what=f"{host} says {change} and {answer}")
-
-
 def datagrams(captured, group):
     """How many UDP datagrams to a group were captured."""
-    packets = (Ether(frame) for _time, frame in drain(captured))
-    return sum(1 for packet in packets if IPv6 in packet and packet[IPv6].nh == socket.IPPROTO_UDP
-               and packet[IPv6].dst == group)
+    return drain(captured).datagrams[group]
 
 
 def to_mld(time, frame):
     packet = Ether(frame)
-    if IPv6 not in packet:
-        return None
     ip = packet[IPv6]
     for layer in (ICMPv6MLQuery2, ICMPv6MLQuery, ICMPv6MLReport, ICMPv6MLDone):
         if layer in packet:

@@ -138,6 +138,31 @@ lab_received() { grep -c '^datagram' "$lab_folder/$1" || true; }
 
 lab_received_at_least() { [ "$(lab_received "$1")" -ge "$2" ]; }
 
+# lab_wait_until_said NODE: until the host has answered a general query and then said nothing for four seconds. Every
+# report for all sources makes the daemon take its forwarding entry away and add it again, which may cost a datagram;
+# a host repeats a change within a second, the query after it comes a second later, the answer two more.
+lab_wait_until_said() {
+  lab_wait 30 lab_was_asked "$1" || return 1
+  lab_quiet_tenths=0
+  lab_said_before=$(lab_reports "$1")
+  lab_tries=300
+  while [ "$lab_quiet_tenths" -lt 40 ]; do
+    sleep 0.1
+    lab_quiet_tenths=$((lab_quiet_tenths + 1))
+    lab_said=$(lab_reports "$1")
+    [ "$lab_said" = "$lab_said_before" ] || lab_quiet_tenths=0
+    lab_said_before=$lab_said
+    lab_tries=$((lab_tries - 1))
+    [ "$lab_tries" -gt 0 ] || return 1
+  done
+}
+
+# How many MLD version 2 reports (ICMPv6 type 143) a host has sent.
+lab_reports() { ip netns exec "$1" sed -n 's/^Icmp6OutType143[^0-9]*//p' /proc/net/dev_snmp6/eth0; }
+
+# Whether a host has got an MLD query (ICMPv6 type 130).
+lab_was_asked() { ip netns exec "$1" grep -q '^Icmp6InType130[^0-9]*[1-9]' /proc/net/dev_snmp6/eth0; }
+
 # lab_send GROUP COUNT: sends a stream, a hundred datagrams a second; prints the number sent.
 lab_send() {
   ip netns exec "$source" "$programs/mcast_send" -i src0 -g "$1" -p "$lab_port" -n "$2" | sed 's/^sent //'

@@ -36,6 +36,7 @@ check "the first host joins" lab_listen "$host1" host1.log "$group"
 first_pid=$lab_pid
 check "the router joins upstream" eventually lab_joined_upstream "$group_digits"
 check "the kernel forwards the group" eventually is_forwarded
+check "the host has answered the first query" lab_wait_until_said "$host1"
 sent=$(lab_send "$group" "$datagrams")
 check "all datagrams were sent" is_equal "$sent" "$datagrams"
 check "all datagrams have arrived" eventually lab_received_at_least host1.log "$datagrams"
@@ -43,9 +44,11 @@ check "all datagrams have arrived" eventually lab_received_at_least host1.log "$
 echo "# a second host joins and leaves"
 check "the second host joins" lab_listen "$host2" host2.log "$group"
 second_pid=$lab_pid
+check "it has repeated its join" lab_wait_until_said "$host2"
 lab_send "$group" "$datagrams" >/dev/null
 check "the second host gets the stream, too" eventually lab_received_at_least host2.log "$datagrams"
 check "the second host leaves" lab_stop "$second_pid"
+check "the first host has answered the queries" lab_wait_until_said "$host1"
 lab_send "$group" "$datagrams" >/dev/null
 check "the first host still gets it" eventually lab_received_at_least host1.log $((3 * datagrams))
 

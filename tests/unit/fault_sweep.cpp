@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <gtest/gtest.h>
+#include <iostream>
 
 namespace scripted {
 
@@ -89,6 +90,17 @@ sweep_result sweep(const sweep_scenario &scenario) {
     }
   }
   return result;
+}
+
+int sweep_all(const std::vector<sweep_scenario> &scenarios) {
+  int failures = 0;
+  for (const sweep_scenario &scenario : scenarios) {
+    const sweep_result result = sweep(scenario);
+    EXPECT_GT(result.requests, 0) << scenario.name;
+    failures += result.failures;
+  }
+  std::cout << scenarios.size() << " scenarios, " << failures << " failures injected\n";
+  return failures;
 }
 
 void disarm() {

@@ -25,4 +25,7 @@ struct sweep_result {
 // Plays the scenario once for each of its requests and each error that the kernel can give there.
 sweep_result sweep(const sweep_scenario &scenario);
 
+// Sweeps one after the other, prints "N scenarios, M failures injected", and returns M.
+int sweep_all(const std::vector<sweep_scenario> &scenarios);
+
 } // namespace scripted

@@ -119,35 +119,4 @@ TEST_F(igmp_life, whole_life_gives_every_record_back) {
   }
 }
 
-// Request number n and, in the second round, everything behind it is refused, for each n. Whatever comes of it, no
-// record is on two lists or lost by the pools, and the only records that stay behind are those that discovery has not
-// linked yet.
-TEST_F(igmp_life, any_refused_request_leaves_the_records_in_order) {
-  for (const std::int32_t mode : {PROXY_MODE_4TO4, PROXY_MODE_4TO6}) {
-    for (const bool is_rest_refused : {false, true}) {
-      int refused = 1;
-      for (bool is_swept = false; !is_swept; ++refused) {
-        ASSERT_LT(refused, 2000);
-        reset();
-        given_router();
-        given_traffic();
-        ProxyMode = mode;
-        UpstreamInterfacesName = "wan0";
-        MldPrefix = scripted::address("ff0e::");
-        malloc_counter = free_counter = 0;
-        Kernel.fail_at = refused;
-        Kernel.fail_rest = is_rest_refused;
-        Kernel.fail_error = EIO;
-        when([] { live(); });
-        is_swept = static_cast<int>(Kernel.made.size()) < refused;
-        take_transcript();
-        EXPECT_LE(malloc_counter - free_counter, 1) << "request " << refused;
-        EXPECT_EQ(length(IgmpRouter.interfaces) + length(IgmpRouter.free_queries), 0) << "request " << refused;
-        IgmpRouter = igmp_router{};
-      }
-      EXPECT_GT(refused, 250); // allocations alone are 231
-    }
-  }
-}
-
 } // namespace

@@ -1,5 +1,6 @@
 #include "invariants.h"
 
+#include "igmp/igmp_router.h"
 #include "mld/mld_router.h"
 
 #include <array>
@@ -62,9 +63,13 @@ bool add_list(const list &of, int &total) {
   return count >= 0;
 }
 
+constexpr std::int32_t membership_seconds = 350;
+constexpr std::int32_t answer_seconds = 10;
+constexpr std::int32_t other_querier_seconds = 300;
+
+bool is_within(std::int32_t seconds, std::int32_t most) { return seconds >= 0 && seconds <= most; }
+
 std::string check_group(const mld_group *group) {
-  constexpr std::int32_t membership_seconds = 350;
-  constexpr std::int32_t answer_seconds = 10;
   constexpr std::int32_t source_seconds = 360;
   if (group->state != MLD_GROUP_MEMBERS_PRESENT && group->state != MLD_GROUP_CHECKING_MEMBERSHIP) {
     return "a group in state " + std::to_string(group->state);
@@ -75,10 +80,10 @@ std::string check_group(const mld_group *group) {
   if (group->owner != &MldRouter.upstream_name) {
     return "a group without owner";
   }
-  if (group->group_timer < 0 || group->group_timer > membership_seconds) {
+  if (!is_within(group->group_timer, membership_seconds)) {
     return "a group timer of " + std::to_string(group->group_timer);
   }
-  if (group->retransmit_timer < 0 || group->retransmit_timer > answer_seconds) {
+  if (!is_within(group->retransmit_timer, answer_seconds)) {
     return "a retransmit timer of " + std::to_string(group->retransmit_timer);
   }
   for (int i = 0; i < group->source_count; ++i) {
@@ -92,7 +97,6 @@ std::string check_group(const mld_group *group) {
 }
 
 std::string check_interface(const mld_interface *intr, record_count &count) {
-  constexpr std::int32_t other_querier_seconds = 300;
   if (intr->other_querier_timer < 0 || intr->other_querier_timer > other_querier_seconds || intr->query_timer < 0 ||
       intr->is_querier > 1) {
     return "querier state out of bounds";
@@ -127,6 +131,62 @@ std::string check_mld_records(record_count &count) {
   for (const mld_interface *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr;
        intr = list_after(intr)) {
     const std::string complaint = check_interface(intr, count);
+    if (!complaint.empty()) {
+      return complaint;
+    }
+  }
+  return "";
+}
+
+namespace {
+
+std::string check_igmp_group(const igmp_group *group) {
+  if (group->state <= IGMP_GROUP_NO_MEMBERS || group->state >= IGMP_GROUP_STATE_COUNT) {
+    return "an IGMP group in state " + std::to_string(group->state);
+  }
+  if (group->owner != &IgmpRouter.upstream_name) {
+    return "an IGMP group without owner";
+  }
+  if (!is_within(group->group_timer, membership_seconds) || !is_within(group->v1_host_timer, membership_seconds) ||
+      !is_within(group->retransmit_timer, answer_seconds)) {
+    return "an IGMP group timer out of bounds";
+  }
+  return "";
+}
+
+std::string check_igmp_interface(const igmp_interface *intr, record_count &count) {
+  if (!is_within(intr->other_querier_timer, other_querier_seconds) || intr->query_timer < 0) {
+    return "IGMP querier state out of bounds";
+  }
+  if (!add_list(intr->groups, count.groups)) {
+    return "an IGMP group on two lists";
+  }
+  for (const igmp_group *group = list_first<igmp_group>(&intr->groups); group != nullptr; group = list_after(group)) {
+    if (!add_list(group->queries, count.queries)) {
+      return "an IGMP query on two lists";
+    }
+    const std::string complaint = check_igmp_group(group);
+    if (!complaint.empty()) {
+      return complaint;
+    }
+  }
+  return "";
+}
+
+} // namespace
+
+std::string check_igmp_records(record_count &count) {
+  open_book();
+  count = record_count{};
+  if (!add_list(IgmpRouter.free_groups, count.groups) || !add_list(IgmpRouter.free_queries, count.queries)) {
+    return "an IGMP record twice in a pool";
+  }
+  if (meet_all(IgmpRouter.interfaces) < 0) {
+    return "an IGMP interface twice on the list";
+  }
+  for (const igmp_interface *intr = list_first<igmp_interface>(&IgmpRouter.interfaces); intr != nullptr;
+       intr = list_after(intr)) {
+    const std::string complaint = check_igmp_interface(intr, count);
     if (!complaint.empty()) {
       return complaint;
     }

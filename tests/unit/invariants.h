@@ -16,4 +16,7 @@ struct record_count {
 // how many records there are.
 std::string check_mld_records(record_count &count);
 
+// The same for the IGMP side; `hosts` stays 0.
+std::string check_igmp_records(record_count &count);
+
 } // namespace scripted

@@ -15,7 +15,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <iostream>
 
 namespace {
 
@@ -201,17 +200,6 @@ sweep_scenario whole_life(const std::string &name, std::vector<std::string> argu
             const int discovery_record = 1; // lost when discovery fails between its allocation and its list
             return check_stopped(0, discovery_record + 1);
           }};
-}
-
-int sweep_all(const std::vector<sweep_scenario> &scenarios) {
-  int failures = 0;
-  for (const sweep_scenario &scenario : scenarios) {
-    const sweep_result result = sweep(scenario);
-    EXPECT_GT(result.requests, 0) << scenario.name;
-    failures += result.failures;
-  }
-  std::cout << scenarios.size() << " scenarios, " << failures << " failures injected\n";
-  return failures;
 }
 
 TEST(mld_fault_sweep, every_request_of_every_report_may_fail) { EXPECT_GT(sweep_all(report_scenarios()), 1000); }

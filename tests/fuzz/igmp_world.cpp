@@ -1,0 +1,209 @@
+#include "igmp_world.h"
+
+#include "../unit/invariants.h"
+#include "core/index_table.h"
+#include "core/memory.h"
+#include "core/settings.h"
+#include "core/state_dump.h"
+#include "igmp/igmp_interface.h"
+#include "igmp/igmp_receive.h"
+#include "igmp/igmp_router.h"
+#include "igmp/igmp_shutdown.h"
+#include "igmp/igmp_socket.h"
+#include "igmp/igmp_timers.h"
+#include "mute_kernel.h"
+#include "script_reader.h"
+
+#include <array>
+#include <vector>
+
+namespace world {
+
+namespace {
+
+using ipv4_bytes = std::array<std::uint8_t, 4>;
+
+constexpr std::array<int, 6> arrival_indexes{3, 4, 5, 2, 99, 0};
+constexpr std::array<std::uint8_t, 6> types{0x11, 0x12, 0x16, 0x17, 0x22, 0xff};
+
+// Link-local, special and ordinary groups in both byte orders.
+constexpr std::array<ipv4_bytes, 10> groups{
+    ipv4_bytes{239, 1, 2, 3}, {239, 1, 2, 4},  {224, 0, 0, 1}, {1, 0, 0, 224}, {239, 255, 255, 250},
+    {250, 255, 255, 239},     {224, 0, 0, 22}, {0, 0, 0, 0},   {232, 1, 1, 1}, {255, 255, 255, 255}};
+
+// Lower and higher than the interfaces' own addresses in either byte order.
+constexpr std::array<ipv4_bytes, 4> hosts{ipv4_bytes{192, 0, 2, 1}, {192, 0, 2, 200}, {10, 0, 0, 1}, {0, 0, 0, 0}};
+
+constexpr ipv4_bytes destination{224, 0, 0, 1};
+
+bool IsRunning = false;
+
+// Groups 0 to 9 come from the table; the rest are many, to run the pools dry.
+ipv4_bytes group_number(std::uint8_t number) {
+  return number < groups.size() ? groups[number] : ipv4_bytes{239, 2, 0, number};
+}
+
+void append(std::vector<std::uint8_t> &bytes, const ipv4_bytes &address) {
+  bytes.insert(bytes.end(), address.begin(), address.end());
+}
+
+// An IPv4 header without options, then the message.
+std::vector<std::uint8_t> made_datagram(script_reader &script) {
+  const std::uint8_t type = types[script.below(types.size())];
+  const ipv4_bytes group = group_number(script.byte());
+  const ipv4_bytes sender = hosts[script.below(hosts.size())];
+  std::vector<std::uint8_t> bytes{0x45, 0, 0, 28, 0, 0, 0, 0, 1, 2, 0, 0};
+  append(bytes, sender);
+  append(bytes, destination);
+  bytes.insert(bytes.end(), {type, 0, 0, 0});
+  append(bytes, group);
+  return bytes;
+}
+
+std::vector<std::uint8_t> raw_datagram(script_reader &script) {
+  const std::size_t length = script.byte();
+  std::vector<std::uint8_t> bytes;
+  for (std::size_t i = 0; i < length && !script.is_at_end(); ++i) {
+    bytes.push_back(script.byte());
+  }
+  return bytes;
+}
+
+void deliver(const std::vector<std::uint8_t> &bytes, int ifindex, bool has_packet_info) {
+  constexpr std::size_t sender_offset = 12;
+  static constexpr ipv4_bytes nobody{};
+  const bool has_sender = bytes.size() >= sender_offset + nobody.size();
+  mute::Kernel.next = {bytes, has_sender ? &bytes[sender_offset] : nobody.data(), destination.data(), ifindex,
+                       has_packet_info};
+  igmp_network_socket_read_data();
+}
+
+void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &script) {
+  constexpr std::size_t lan_interfaces = 3;
+  deliver(bytes, arrival_indexes[script.below(lan_interfaces)], true);
+}
+
+void deliver_from_elsewhere(script_reader &script) {
+  const int ifindex = arrival_indexes[script.below(arrival_indexes.size())];
+  const bool has_packet_info = script.below(2) == 0;
+  deliver(made_datagram(script), ifindex, has_packet_info);
+}
+
+void check_igmp() {
+  scripted::record_count count;
+  const std::string complaint = scripted::check_igmp_records(count);
+  if (!complaint.empty()) {
+    mute::fail(complaint);
+  }
+  if (IsRunning && (count.groups != IGMP_GROUP_POOL_SIZE || count.queries != IGMP_QUERY_POOL_SIZE)) {
+    mute::fail("IGMP records: " + std::to_string(count.groups) + " groups, " + std::to_string(count.queries) +
+               " queries");
+  }
+}
+
+void run_step(script_reader &script) {
+  constexpr std::uint8_t kinds_of_steps = 16;
+  switch (script.below(kinds_of_steps)) {
+  case 7:
+    deliver_from_lan(raw_datagram(script), script);
+    break;
+  case 8:
+  case 9:
+  case 10:
+    igmp_router_timer_expired();
+    break;
+  case 11:
+    for (int ticks = script.byte(); ticks >= 0; --ticks) {
+      igmp_router_timer_expired();
+    }
+    break;
+  case 12:
+    mute::Kernel.refusals = script.byte();
+    break;
+  case 13:
+    write_state_dump();
+    break;
+  case 14:
+    stop_igmp();
+    start_igmp();
+    break;
+  case 15:
+    deliver_from_elsewhere(script);
+    break;
+  default:
+    deliver_from_lan(made_datagram(script), script);
+    break;
+  }
+}
+
+} // namespace
+
+void start_igmp() {
+  malloc_counter = 0;
+  free_counter = 0;
+  IgmpStartUpQueryIsSend = 0;
+  UpstreamInterfacesName = "x2";
+  MldPrefix = {0xff, 0x0e};
+  mute::Kernel.ipv4_interfaces = 4;
+  mute::Kernel.file = {};
+  init_igmp_config();
+  IsRunning = init_igmp_socket() == 0 && init_igmp_group() == 0 && init_igmp_query() == 0 &&
+              igmp_create_network_list() == 0 && igmp_check_upstream_interface() == 0;
+}
+
+// A stop that follows a start half-way through discovery leaves the one record that was on no list yet.
+void stop_igmp() {
+  const std::size_t allowed = IsRunning ? 0 : 1;
+  igmp_proxy_stop();
+  const std::size_t lost = mute::release_lost_blocks();
+  if (lost > allowed) {
+    mute::fail("IGMP blocks lost: " + std::to_string(lost));
+  }
+  for (std::int32_t &used_index : index_table) {
+    used_index = 0; // entries of interfaces whose VIF was refused or never deleted
+  }
+  IsRunning = false;
+}
+
+void tick_igmp() {
+  igmp_router_timer_expired();
+  check_igmp();
+}
+
+void quiet_down_igmp() {
+  constexpr int seconds_per_hour = 3600;
+  for (int second = 0; second < seconds_per_hour; ++second) {
+    tick_igmp();
+  }
+  for (const igmp_interface *intr = list_first<igmp_interface>(&IgmpRouter.interfaces); intr != nullptr;
+       intr = list_after(intr)) {
+    if (list_get_head(&intr->groups) != nullptr || (intr->role == IGMP_ROLE_DOWNSTREAM && intr->is_querier != 1)) {
+      mute::fail("an IGMP timer got stuck");
+    }
+  }
+}
+
+void run_igmp_step(std::span<const std::uint8_t> bytes) {
+  script_reader script{bytes, 0};
+  run_step(script);
+  check_igmp();
+}
+
+void run_igmp_script(std::span<const std::uint8_t> bytes) {
+  mute::Kernel.refusals = 0;
+  script_reader script{bytes, 0};
+  ProxyMode = script.below(2) == 0 ? PROXY_MODE_4TO4 : PROXY_MODE_4TO6;
+  start_igmp();
+  while (!script.is_at_end()) {
+    if (!IsRunning) {
+      stop_igmp();
+      start_igmp();
+    }
+    run_step(script);
+    check_igmp();
+  }
+  mute::Kernel.refusals = 0;
+  stop_igmp();
+}
+
+} // namespace world
