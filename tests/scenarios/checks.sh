@@ -6,6 +6,7 @@
 # shellcheck shell=sh disable=SC2154 # router and lab_folder come from lab.sh
 
 patience=${SCENARIO_PATIENCE_S:-30}
+# shellcheck disable=SC2034 # the scenario reads it
 loss=${SCENARIO_LOSS:-0}
 checks=0
 failures=0
@@ -31,7 +32,10 @@ is_equal() {
 
 # is_within LOSS ALL NUMBER: the number is that of all, or at most LOSS below it.
 is_within() {
-  [ "$3" -le "$2" ] && [ "$3" -ge $(($2 - $1)) ] || { echo "# $3 is not within $1 below $2" && false; }
+  if [ "$3" -gt "$2" ] || [ "$3" -lt $(($2 - $1)) ]; then
+    echo "# $3 is not within $1 below $2"
+    return 1
+  fi
 }
 
 is_different() { [ "$1" != "$2" ]; }
