@@ -91,7 +91,8 @@ void igmp_set_outputs(log_site site, mf6cctl &request, const igmp_outputs &outpu
   for (std::uint32_t i = 0; i < outputs.mifs.size(); ++i) {
     if (outputs.mifs[i] != 0) {
       log_debug(site, "idx = %d, oifs_ttl[idx] = %d", static_cast<int>(i), outputs.mifs[i]);
-      IF_SET(i, &request.mf6cc_ifset);
+      // As IF_SET does, whose signed shift the sanitizers do not like.
+      request.mf6cc_ifset.ifs_bits[i / NIFBITS] |= if_mask{1} << (i % NIFBITS);
     }
   }
 }

@@ -12,11 +12,11 @@
 // Why the outputs are collected; decides what each interface that has the group leaves in the log.
 enum class igmp_outputs_purpose { add_entry, drop_membership };
 
+// IPv4 outputs stand at the interface's slot of the device index table, although the kernel reads them by VIF number,
+// which is the interface's index: a stream reaches an interface only where the two are the same.
 struct igmp_outputs {
-  std::array<std::uint8_t, MAXVIFS> oifs_ttl; // IPv4: 1 where the stream is to go, else 255. By slot of the device
-                                              // index table although the kernel reads it by VIF number, so that a
-                                              // router whose slots and indexes differ forwards to other VIFs.
-  std::array<std::uint8_t, MAXMIFS> mifs;     // IPv6: 1 where the stream is to go, by MIF
+  std::array<std::uint8_t, MAXVIFS> oifs_ttl; // IPv4, by slot: 1 where the stream is to go, else 255
+  std::array<std::uint8_t, MAXMIFS> mifs;     // IPv6, by MIF: 1 where the stream is to go
   bool is_wanted;                             // some downstream interface has the group, be it an output or not
 };
 

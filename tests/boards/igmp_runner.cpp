@@ -1,10 +1,16 @@
 // Runs the IGMP proxy in mode 4to4 on a big-endian board, where its native words are the addresses on the wire:
 //
 //   igmp_runner -u <upstream interface> [-i <interface to ignore>]... [-t <seconds to run at most>]
+//               [-m <milliseconds that a second takes, for timers of minutes>]
 //
 // Ends on SIGTERM or after the given time; SIGUSR1 writes the state files. On the kernel it does one thing that the
 // proxy does not: it adds the entry (0.0.0.0, 0.0.0.0) with the upstream VIF as parent and only output, without which a
 // mainline kernel forwards nothing by the entries for any source. Only the socket that has claimed routing may do so.
+//
+// The proxy writes outputs at slots of its device index table and the kernel reads them by interface index. For a
+// stream to reach the LAN, its index must be the number of interfaces with IPv4 addresses that stand before it in the
+// kernel's list, loopback not counted: register wan0 with index 10, a spare interface with index 11, then the LAN with
+// index 2 ("ip link add lan0 index 2 ..."), an address on each.
 #include "core/settings.h"
 #include "core/state_dump.h"
 #include "igmp/igmp_forwarding.h"
@@ -26,10 +32,10 @@
 
 namespace {
 
-constexpr std::int64_t tick_milliseconds = 1000;
 constexpr std::int64_t default_run_seconds = 300;
 
 std::int64_t RunSeconds = default_run_seconds;
+std::int64_t TickMilliseconds = 1000;
 volatile std::sig_atomic_t IsStopped = 0;
 volatile std::sig_atomic_t IsDumpWanted = 0;
 
@@ -39,13 +45,15 @@ void want_dump(int) { IsDumpWanted = 1; }
 
 bool parse_options(int argc, char **argv) {
   int option;
-  while ((option = getopt(argc, argv, "u:i:t:")) != -1) {
+  while ((option = getopt(argc, argv, "u:i:t:m:")) != -1) {
     if (option == 'u') {
       UpstreamInterfacesName = optarg;
     } else if (option == 'i' && IgnoreInterfacesNum < INTERFACE_NAME_SLOTS) {
       IgnoreInterfacesName[static_cast<std::size_t>(IgnoreInterfacesNum++)] = optarg;
     } else if (option == 't') {
       RunSeconds = std::atoi(optarg);
+    } else if (option == 'm') {
+      TickMilliseconds = std::max(1, std::atoi(optarg));
     } else {
       return false;
     }
@@ -79,9 +87,9 @@ std::int64_t now_milliseconds() {
 
 void run_until_stopped() {
   const std::int64_t end = now_milliseconds() + RunSeconds * 1000;
-  std::int64_t next_tick = now_milliseconds() + tick_milliseconds;
+  std::int64_t next_tick = now_milliseconds() + TickMilliseconds;
   while (IsStopped == 0 && now_milliseconds() < end) {
-    const std::int64_t wait = std::clamp<std::int64_t>(next_tick - now_milliseconds(), 0, tick_milliseconds);
+    const std::int64_t wait = std::clamp<std::int64_t>(next_tick - now_milliseconds(), 0, TickMilliseconds);
     pollfd readable{IgmpRouter.socket, POLLIN, 0};
     if (poll(&readable, 1, static_cast<int>(wait)) == 1 && (readable.revents & POLLIN) != 0) {
       igmp_network_socket_read_data();
@@ -91,7 +99,7 @@ void run_until_stopped() {
       write_state_dump();
     }
     if (now_milliseconds() >= next_tick) {
-      next_tick += tick_milliseconds;
+      next_tick += TickMilliseconds;
       igmp_router_timer_expired();
     }
   }
@@ -102,7 +110,8 @@ void run_until_stopped() {
 int main(int argc, char **argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   if (!parse_options(argc, argv)) {
-    std::fputs("usage: igmp_runner -u <upstream interface> [-i <interface to ignore>]... [-t <seconds>]\n", stderr);
+    std::fputs("usage: igmp_runner -u <upstream interface> [-i <interface to ignore>]... [-t <seconds>] [-m <ms>]\n",
+               stderr);
     return EXIT_FAILURE;
   }
   std::signal(SIGTERM, stop);

@@ -34,7 +34,7 @@ int event_chance(long second) {
 }
 
 void play_event(const soaked_side &side, std::mt19937_64 &random, tally &total) {
-  std::vector<std::uint8_t> script(1 + random() % longest_event);
+  std::vector<std::uint8_t> script(1 + static_cast<std::size_t>(random() % longest_event));
   for (std::uint8_t &byte : script) {
     byte = static_cast<std::uint8_t>(random());
   }

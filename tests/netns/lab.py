@@ -128,6 +128,8 @@ def start_keeper(directory):
     return subprocess.Popen(
         ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "--propagation", "private",
          "sh", "-c", f"{mounts} && touch /tmp/.ready && exec sleep {LONGEST_LIFE_SECONDS}"],
+        # Not the output of the tests: whoever reads that would wait for a lab that keeps standing.
+        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
         preexec_fn=None if KEEP else lambda: namespaces.die_with_parent(signal.SIGKILL))
 
 

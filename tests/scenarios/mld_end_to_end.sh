@@ -5,63 +5,20 @@
 #
 #   mld_end_to_end.sh PROGRAMS_FOLDER
 #
-# Prints a line per check and ends with status 0 only if all of them held. SCENARIO_PATIENCE_S (30) is how long it
-# waits for a single event; a slow board may need more.
+# Prints a line per check and ends with status 0 only if all of them held.
 
 set -u
 programs=$1
-patience=${SCENARIO_PATIENCE_S:-30}
 group=ff0e::1:2:3
 group_digits=ff0e0000000000000000000100020003
 datagrams=50
-checks=0
-failures=0
 
 # shellcheck source=tests/scenarios/lab.sh
 . "$(dirname "$0")/lab.sh"
-
-# check TEXT COMMAND...: one line of result.
-check() {
-  text=$1
-  shift
-  checks=$((checks + 1))
-  if "$@"; then
-    echo "ok $checks - $text"
-  else
-    echo "not ok $checks - $text"
-    failures=$((failures + 1))
-  fi
-}
-
-eventually() { lab_wait "$patience" "$@"; }
-
-is_equal() {
-  [ "$1" = "$2" ] || { echo "# $1 is not $2" && false; }
-}
-
-is_different() { [ "$1" != "$2" ]; }
-
-is_not() { ! "$@"; }
+# shellcheck source=tests/scenarios/checks.sh
+. "$(dirname "$0")/checks.sh"
 
 is_forwarded() { lab_table ip6_mr_cache | grep -q '^ff0e:0000:0000:0000:0000:0001:0002:0003 '; }
-
-interface_flags() { ip -n "$router" link show dev "$1" | sed -n 's/.*<\(.*\)>.*/\1/p' | tr ',' '\n' | sort | tr '\n' ','; }
-
-finish() {
-  if [ "$failures" -gt 0 ]; then
-    for file in "$lab_folder"/*.log; do
-      echo "# --- $file"
-      grep -v '^datagram' "$file"
-    done
-    for table in ip6_mr_vif ip6_mr_cache igmp6; do
-      echo "# --- router: $table"
-      lab_table "$table"
-    done
-  fi
-  lab_down
-  echo "$checks checks, $failures failed"
-  [ "$failures" -eq 0 ]
-}
 
 trap 'lab_down; exit 130' INT TERM HUP
 
@@ -121,4 +78,4 @@ check "the flags of br0 are back" is_equal "$(interface_flags br0)" "$flags_befo
 check "the flags of wan0 are back" is_equal "$(interface_flags wan0)" "$wan_flags_before"
 check "the companion ends with status 0" lab_stop "$companion_pid"
 
-finish
+finish ip6_mr_vif ip6_mr_cache igmp6

@@ -341,6 +341,12 @@ TEST_F(igmp_membership_4to6, lan_interface_is_no_output_and_every_other_one_is) 
   then_in_order({index_line(add, 4), vif_line(add), mfc6("MRT6_ADD_MFC", "4")});
 }
 
+TEST_F(igmp_membership_4to6, highest_interface_number_is_an_output) {
+  br0->vif_index = 31;
+  when_added(given_group(br0, group_address));
+  then_in_order({index_line(add, 31), mfc6("MRT6_ADD_MFC", "31")});
+}
+
 TEST_F(igmp_membership_4to6, parent_and_join_name_the_translator_for_an_upstream_that_is_the_lan) {
   LanIndex = 2;
   NatptIndex = 9;

@@ -3,7 +3,11 @@
 #include "core/settings.h"
 #include "igmp_proxy_test.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace {
 
@@ -59,6 +63,43 @@ TEST_F(igmp_reception, ipv6_packet_information_is_not_taken_for_the_arrival_inte
   when([] { igmp_network_socket_read_data(); });
   then({recvmsg_request});
   EXPECT_EQ(br0->query_count, 0);
+}
+
+// One control record with packet information for br0, of another kind or length.
+std::vector<std::uint8_t> control_record(int level, int type, std::size_t length) {
+  in_pktinfo info{};
+  info.ipi_ifindex = 3;
+  cmsghdr control{};
+  control.cmsg_len = CMSG_LEN(length);
+  control.cmsg_level = level;
+  control.cmsg_type = type;
+  std::vector<std::uint8_t> bytes(CMSG_SPACE(length), 0);
+  std::memcpy(bytes.data(), &control, sizeof(control));
+  std::memcpy(bytes.data() + CMSG_LEN(0), &info, std::min(length, sizeof(info)));
+  return bytes;
+}
+
+TEST_F(igmp_reception, only_whole_packet_information_tells_the_arrival_interface) {
+  const struct {
+    int level;
+    int type;
+    std::size_t length;
+    bool is_taken;
+  } rows[] = {
+      {IPPROTO_IP, IP_PKTINFO, sizeof(in_pktinfo), true},
+      {IPPROTO_IP, IP_PKTINFO, sizeof(in_pktinfo) - 4, false},
+      {IPPROTO_IP, IP_TTL, sizeof(in_pktinfo), false},
+      {SOL_SOCKET, IP_PKTINFO, sizeof(in_pktinfo), false},
+  };
+  for (const auto &row : rows) {
+    message given{encoded({leave, "239.9.9.9"}), "198.51.100.50", std::nullopt};
+    given.control = control_record(row.level, row.type, row.length);
+    Kernel.messages.push_back(given);
+    const int before = br0->leave_count;
+    when([] { igmp_network_socket_read_data(); });
+    then_anything();
+    EXPECT_EQ(br0->leave_count - before, row.is_taken ? 1 : 0) << row.level << " " << row.type << " " << row.length;
+  }
 }
 
 TEST_F(igmp_reception, datagram_without_sender_is_logged_with_the_empty_address) {

@@ -3,6 +3,10 @@
 #include "core/settings.h"
 #include "core_test.h"
 
+#include <array>
+#include <cstdio>
+#include <limits>
+
 namespace {
 
 using namespace scripted;
@@ -63,6 +67,37 @@ TEST_F(log_lines, steps_of_an_operation_carry_its_name) {
       logged_debug("mld_create_network_list", "two"),
       logged_debug("igmp_create_network_list", "three"),
   });
+}
+
+// Lines are put together by hand for speed; what they say must be what printf would say.
+#define EXPECT_LOGGED_AS_PRINTED(...)                                                                                  \
+  do {                                                                                                                 \
+    std::array<char, 400> printed;                                                                                     \
+    std::snprintf(printed.data(), printed.size(), __VA_ARGS__);                                                        \
+    when([] { log_debug({"mld", "mld_caller", 1}, __VA_ARGS__); });                                                    \
+    then({logged_debug("mld_caller", printed.data())});                                                                \
+  } while (false)
+
+TEST_F(log_lines, conversions_read_as_printf_writes_them) {
+  constexpr int lowest = std::numeric_limits<int>::min();
+  constexpr int highest = std::numeric_limits<int>::max();
+  constexpr unsigned int all_ones = std::numeric_limits<unsigned int>::max();
+  EXPECT_LOGGED_AS_PRINTED("no conversion at all");
+  EXPECT_LOGGED_AS_PRINTED("%s", "text alone");
+  EXPECT_LOGGED_AS_PRINTED("text %s and %s.", "one", "");
+  EXPECT_LOGGED_AS_PRINTED("%d %d %d %d %d", 0, -1, 7, lowest, highest);
+  EXPECT_LOGGED_AS_PRINTED("%u.%u.%u.%u %u", 239u, 1u, 2u, 0u, all_ones);
+  EXPECT_LOGGED_AS_PRINTED("0x%02x 0x%02x 0x%02x 0x%02x", 0u, 15u, 255u, 4096u);
+  EXPECT_LOGGED_AS_PRINTED("100%% of %s", "them");
+  EXPECT_LOGGED_AS_PRINTED("%04x:%04x then %s", 1u, 65535u, "text");
+  EXPECT_LOGGED_AS_PRINTED("%s %ld %s", "before", 123456789L, "behind");
+  EXPECT_LOGGED_AS_PRINTED("list_remove_node fail: host = %s", "fe80::1");
+}
+
+TEST_F(log_lines, long_message_is_written_whole) {
+  const std::string long_text(100000, 'x');
+  when([&] { log_error({"mld", "mld_caller", 1}, "<%s>", long_text.c_str()); });
+  then({logged_error("mld_caller", "<" + long_text + ">")});
 }
 
 TEST_F(log_lines, verbosity_decides_over_plain_debugging_text_only) {

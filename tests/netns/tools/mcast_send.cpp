@@ -1,4 +1,4 @@
-// A stream's source: sends numbered UDP datagrams to a group at a steady rate, then says how many.
+// A stream's source: sends numbered UDP datagrams to a group, IPv6 or IPv4, at a steady rate, then says how many.
 //
 //   mcast_send -i IFACE -g GROUP -p PORT -n COUNT [-r PER_SECOND] [-s SOURCE] [-l HOP_LIMIT]
 //
@@ -30,14 +30,29 @@ stream parse(int argc, char **argv) {
   stream wanted;
   for (int letter = getopt(argc, argv, "i:g:p:n:r:s:l:"); letter != -1; letter = getopt(argc, argv, "i:g:p:n:r:s:l:")) {
     switch (letter) {
-    case 'i': wanted.interface = optarg; break;
-    case 'g': wanted.group = optarg; break;
-    case 's': wanted.source = optarg; break;
-    case 'p': wanted.port = static_cast<std::uint16_t>(std::atoi(optarg)); break;
-    case 'n': wanted.count = std::atol(optarg); break;
-    case 'r': wanted.per_second = std::atol(optarg); break;
-    case 'l': wanted.hop_limit = std::atoi(optarg); break;
-    default: std::exit(2);
+    case 'i':
+      wanted.interface = optarg;
+      break;
+    case 'g':
+      wanted.group = optarg;
+      break;
+    case 's':
+      wanted.source = optarg;
+      break;
+    case 'p':
+      wanted.port = static_cast<std::uint16_t>(std::atoi(optarg));
+      break;
+    case 'n':
+      wanted.count = std::atol(optarg);
+      break;
+    case 'r':
+      wanted.per_second = std::atol(optarg);
+      break;
+    case 'l':
+      wanted.hop_limit = std::atoi(optarg);
+      break;
+    default:
+      std::exit(2);
     }
   }
   if (wanted.interface == nullptr || wanted.group == nullptr || wanted.count < 1 || wanted.per_second < 1) {
@@ -53,28 +68,38 @@ void pause_between(long per_second) {
   nanosleep(&gap, nullptr);
 }
 
+void send_through(int sender, const socket_address &group, unsigned interface, int hop_limit) {
+  if (protocol_of(group) == IPPROTO_IPV6) {
+    set_option(sender, IPPROTO_IPV6, IPV6_MULTICAST_IF, &interface, sizeof interface, "IPV6_MULTICAST_IF");
+    set_option(sender, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hop_limit, sizeof hop_limit, "IPV6_MULTICAST_HOPS");
+  } else {
+    const ip_mreqn through = to_ipv4_membership({}, interface);
+    set_option(sender, IPPROTO_IP, IP_MULTICAST_IF, &through, sizeof through, "IP_MULTICAST_IF");
+    set_option(sender, IPPROTO_IP, IP_MULTICAST_TTL, &hop_limit, sizeof hop_limit, "IP_MULTICAST_TTL");
+  }
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
   const stream wanted = parse(argc, argv);
   const unsigned interface = to_interface_index(wanted.interface);
-  const int sender = socket(AF_INET6, SOCK_DGRAM, 0);
+  const socket_address group = to_socket_address(wanted.group, interface, wanted.port);
+  const int sender = socket(group.storage.ss_family, SOCK_DGRAM, 0);
   if (sender == -1) {
     give_up("socket");
   }
-  set_option(sender, IPV6_MULTICAST_IF, &interface, sizeof interface, "IPV6_MULTICAST_IF");
-  set_option(sender, IPV6_MULTICAST_HOPS, &wanted.hop_limit, sizeof wanted.hop_limit, "IPV6_MULTICAST_HOPS");
+  send_through(sender, group, interface, wanted.hop_limit);
   if (wanted.source != nullptr) {
-    const sockaddr_in6 source = to_socket_address(wanted.source, 0, 0);
-    if (bind(sender, reinterpret_cast<const sockaddr *>(&source), sizeof source) == -1) {
+    const socket_address source = to_socket_address(wanted.source, 0, 0);
+    if (bind(sender, generic(source), source.length) == -1) {
       give_up("bind");
     }
   }
   std::signal(SIGTERM, stop);
-  const sockaddr_in6 group = to_socket_address(wanted.group, interface, wanted.port);
   long sent = 0;
   for (long i = 0; i < wanted.count && stop_is_wanted == 0; ++i) {
-    if (sendto(sender, &i, sizeof i, 0, reinterpret_cast<const sockaddr *>(&group), sizeof group) == sizeof i) {
+    if (sendto(sender, &i, sizeof i, 0, generic(group), group.length) == sizeof i) {
       ++sent;
     }
     pause_between(wanted.per_second);

@@ -1,6 +1,8 @@
 #include "watch_fixture.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
 
 namespace {
 
@@ -23,7 +25,8 @@ TEST_F(interface_watch_of, kernel_is_asked_about_the_upstream_in_exact_bytes) {
   said();
   byte_vector expected =
       message(RTM_GETNETCONF, bytes_of(netconfmsg{AF_INET6}) + attribute(NETCONFA_IFINDEX, bytes_of(std::uint32_t{3})));
-  expected[6] = std::byte{NLM_F_REQUEST};
+  const std::uint16_t flags = NLM_F_REQUEST;
+  std::memcpy(expected.data() + offsetof(nlmsghdr, nlmsg_flags), &flags, sizeof flags);
   ASSERT_EQ(Kernel.sent.size(), 1U);
   EXPECT_EQ(Kernel.sent[0], expected);
 }

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstring>
+#include <linux/rtnetlink.h>
+
 namespace {
 
 // Cuts all attributes; bytes live on the heap at their exact size, so that the sanitizers see any read beyond.
@@ -69,7 +73,8 @@ TEST(netlink_reader, flags_are_no_part_of_an_attribute_type) {
 
 TEST(netlink_reader, next_hops_are_cut_with_their_attributes) {
   byte_vector first = hop(3);
-  first[0] = std::byte{16}; // rtnh_len
+  const std::uint16_t length = 16;
+  std::memcpy(first.data() + offsetof(rtnexthop, rtnh_len), &length, sizeof length);
   const byte_vector bytes = (first + attribute(RTA_GATEWAY, bytes_of(1))) + hop(5);
   netlink_bytes rest{bytes};
   std::uint32_t index = 0;

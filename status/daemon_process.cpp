@@ -1,0 +1,144 @@
+#include "status/daemon_process.h"
+
+#include <cinttypes>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char daemon_name[] = "tarnwick";
+
+using proc_path = std::array<char, 64>;
+
+proc_path path_of(pid_t pid, const char *file) {
+  proc_path path;
+  std::snprintf(path.data(), path.size(), "/proc/%d/%s", static_cast<int>(pid), file);
+  return path;
+}
+
+// The link's target is "net:[4026531840]"; the number is the inode that stat() gives.
+std::uint64_t namespace_inode(const char *path) {
+  struct stat found {};
+  return stat(path, &found) == 0 ? static_cast<std::uint64_t>(found.st_ino) : 0;
+}
+
+bool is_among(const rows_of<process_facts> &processes, pid_t pid) {
+  for (const process_facts &process : all_rows(processes)) {
+    if (process.pid == pid) {
+      return true;
+    }
+  }
+  return false;
+}
+
+template <typename condition> std::size_t keep_rows(rows_of<process_facts> &rows, condition is_kept) {
+  rows_of<process_facts> kept;
+  for (const process_facts &row : all_rows(rows)) {
+    if (is_kept(row)) {
+      add_row(kept, row);
+    }
+  }
+  if (kept.count > 0) {
+    free_rows(rows);
+    rows = kept;
+  } else {
+    free_rows(kept);
+  }
+  return rows.count;
+}
+
+} // namespace
+
+// "PID (name) state parent ..."; the name may hold blanks and brackets, so its end is the last bracket.
+bool parse_process_stat(const char *stat, process_facts &facts) {
+  const char *open = std::strchr(stat, '(');
+  const char *close = std::strrchr(stat, ')');
+  if (open == nullptr || close == nullptr || close < open) {
+    return false;
+  }
+  const std::size_t length = static_cast<std::size_t>(close - open - 1);
+  if (length >= facts.name.size()) {
+    return false;
+  }
+  std::memcpy(facts.name.data(), open + 1, length);
+  facts.name[length] = '\0';
+  int parent = 0;
+  constexpr int items = 2;
+  if (std::sscanf(close + 1, " %*c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %" SCNu64,
+                  &parent, &facts.start_ticks) != items) {
+    return false;
+  }
+  facts.parent = parent;
+  return true;
+}
+
+bool parse_catches_dump_signal(const char *status) {
+  constexpr char key[] = "\nSigCgt:";
+  const char *line = std::strstr(status, key);
+  std::uint64_t caught = 0;
+  return line != nullptr && std::sscanf(line + sizeof(key) - 1, "%" SCNx64, &caught) == 1 &&
+         (caught >> (SIGUSR1 - 1) & 1) != 0;
+}
+
+bool read_process(pid_t pid, process_facts &facts) {
+  facts = process_facts{};
+  facts.pid = pid;
+  text content;
+  bool is_read = read_file(path_of(pid, "stat").data(), content) && parse_process_stat(text_of(content), facts);
+  if (is_read) {
+    is_read = read_file(path_of(pid, "status").data(), content);
+    facts.catches_dump_signal = is_read && parse_catches_dump_signal(text_of(content));
+    facts.network = namespace_inode(path_of(pid, "ns/net").data());
+  }
+  free_rows(content);
+  return is_read;
+}
+
+void list_daemons(rows_of<process_facts> &daemons) {
+  clear_rows(daemons);
+  DIR *folder = opendir("/proc");
+  if (folder == nullptr) {
+    return;
+  }
+  for (const dirent *entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
+    const int pid = std::atoi(entry->d_name);
+    process_facts facts;
+    if (pid > 0 && read_process(pid, facts) && std::strcmp(facts.name.data(), daemon_name) == 0) {
+      add_row(daemons, facts);
+    }
+  }
+  closedir(folder);
+}
+
+daemon_search choose_daemon(rows_of<process_facts> &daemons, std::uint64_t own_network, process_facts &chosen) {
+  rows_of<process_facts> all;
+  for (const process_facts &process : all_rows(daemons)) {
+    add_row(all, process);
+  }
+  keep_rows(daemons, [&](const process_facts &process) { return !is_among(all, process.parent); });
+  free_rows(all);
+  if (daemons.count > 1) {
+    keep_rows(daemons, [&](const process_facts &process) { return process.network == own_network; });
+  }
+  if (daemons.count != 1) {
+    return daemons.count == 0 ? daemon_search::none : daemon_search::several;
+  }
+  chosen = daemons.first[0];
+  return chosen.catches_dump_signal ? daemon_search::found : daemon_search::not_ready;
+}
+
+std::uint64_t own_network_namespace() { return namespace_inode("/proc/self/ns/net"); }
+
+long seconds_running(const process_facts &facts) {
+  const long ticks_per_second = sysconf(_SC_CLK_TCK);
+  timespec now{};
+  if (ticks_per_second <= 0 || clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
+    return -1;
+  }
+  const long started = static_cast<long>(facts.start_ticks / static_cast<std::uint64_t>(ticks_per_second));
+  return now.tv_sec > started ? static_cast<long>(now.tv_sec) - started : 0;
+}

@@ -1,0 +1,42 @@
+// Which process is the daemon, and whether it can be asked.
+#pragma once
+
+#include "status/text.h"
+
+#include <array>
+#include <cstdint>
+#include <sys/types.h>
+
+// What /proc tells of one process.
+struct process_facts {
+  pid_t pid;
+  pid_t parent;
+  std::array<char, 16> name; // TASK_COMM_LEN of the kernel
+  std::uint64_t start_ticks; // since boot, in clock ticks
+  std::uint64_t network;     // inode of its network namespace; 0 if that may not be read
+  bool catches_dump_signal;  // SIGUSR1 has a handler: without one it would kill the process
+};
+
+enum class daemon_search { found, none, several, not_ready };
+
+// Reads what /proc tells of a process. Returns false if there is none.
+bool read_process(pid_t pid, process_facts &facts);
+
+// Parses /proc/PID/stat into name, parent and start. Returns false if it makes no sense.
+bool parse_process_stat(const char *stat, process_facts &facts);
+
+// Whether /proc/PID/status says that the process handles SIGUSR1.
+bool parse_catches_dump_signal(const char *status);
+
+// All processes of the daemon's name.
+void list_daemons(rows_of<process_facts> &daemons);
+
+// Picks the daemon among processes of its name: children of another one are shell commands about to start, and of
+// several those of this network namespace count. `several` leaves them all in `daemons`.
+daemon_search choose_daemon(rows_of<process_facts> &daemons, std::uint64_t own_network, process_facts &chosen);
+
+// Inode of the calling process's network namespace.
+std::uint64_t own_network_namespace();
+
+// Seconds since the process was started; -1 if unknown.
+long seconds_running(const process_facts &facts);

@@ -1,0 +1,73 @@
+#include "status/kernel_tables.h"
+
+#include "status/lines.h"
+
+#include <arpa/inet.h>
+#include <cinttypes>
+#include <cstdio>
+
+namespace {
+
+constexpr int mif_numbers = 32; // MAXMIFS of linux/mroute6.h
+
+// The kernel writes all eight groups of digits. Returns false for what is no address.
+bool shorten_address(const char *full, group_text &shortened) {
+  in6_addr address;
+  return inet_pton(AF_INET6, full, &address) == 1 &&
+         inet_ntop(AF_INET6, &address, shortened.data(), INET6_ADDRSTRLEN) != nullptr;
+}
+
+// "  3:1    4:1": MIF numbers with their thresholds.
+std::uint32_t parse_outputs(const char *place) {
+  std::uint32_t outputs = 0;
+  int number = 0;
+  int threshold = 0;
+  int length = 0;
+  while (std::sscanf(place, "%d:%d%n", &number, &threshold, &length) == 2) {
+    if (number >= 0 && number < mif_numbers) {
+      outputs |= std::uint32_t{1} << number;
+    }
+    place += length;
+  }
+  return outputs;
+}
+
+} // namespace
+
+void parse_mif_table(const char *table, rows_of<mif_row> &mifs) {
+  line_buffer line;
+  while (next_line(table, line)) {
+    constexpr int items = 6;
+    mif_row read{};
+    if (std::sscanf(line.data(), "%d %15s %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64, &read.number, read.name.data(),
+                    &read.bytes_in, &read.packets_in, &read.bytes_out, &read.packets_out) == items) {
+      add_row(mifs, read);
+    }
+  }
+}
+
+void parse_cache_table(const char *table, rows_of<cache_row> &entries) {
+  line_buffer line;
+  while (next_line(table, line)) {
+    constexpr int items = 6;
+    group_text group{};
+    group_text origin{};
+    cache_row read{};
+    int length = 0;
+    if (std::sscanf(line.data(), "%45s %45s %d %" SCNu64 " %" SCNu64 " %" SCNu64 "%n", group.data(), origin.data(),
+                    &read.parent, &read.packets, &read.bytes, &read.wrong_interface, &length) == items &&
+        shorten_address(group.data(), read.group) && shorten_address(origin.data(), read.origin)) {
+      read.outputs = parse_outputs(line.data() + length);
+      add_row(entries, read);
+    }
+  }
+}
+
+const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number) {
+  for (const mif_row &mif : all_rows(mifs)) {
+    if (mif.number == number) {
+      return &mif;
+    }
+  }
+  return nullptr;
+}

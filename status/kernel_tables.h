@@ -1,0 +1,35 @@
+// The kernel's view: /proc/net/ip6_mr_vif and /proc/net/ip6_mr_cache (net/ipv6/ip6mr.c).
+#pragma once
+
+#include "status/state_files.h"
+#include "status/text.h"
+
+#include <cstdint>
+
+// A multicast interface (MIF) with its counters of forwarded traffic.
+struct mif_row {
+  std::int32_t number;
+  interface_text name;
+  std::uint64_t bytes_in;
+  std::uint64_t packets_in;
+  std::uint64_t bytes_out;
+  std::uint64_t packets_out;
+};
+
+// A forwarding entry. Addresses in the usual short text.
+struct cache_row {
+  group_text group;
+  group_text origin;   // "::" for any
+  std::int32_t parent; // MIF number; -1: the kernel holds packets back and waits for an entry
+  std::uint64_t packets;
+  std::uint64_t bytes;
+  std::uint64_t wrong_interface;
+  std::uint32_t outputs; // bit n: MIF n
+};
+
+// Each parses a whole table and adds its rows; the heading and lines that make no sense are passed over.
+void parse_mif_table(const char *table, rows_of<mif_row> &mifs);
+void parse_cache_table(const char *table, rows_of<cache_row> &entries);
+
+// The MIF of a number; null if there is none.
+const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number);

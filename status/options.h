@@ -1,0 +1,20 @@
+// Command line of tarnwick-status.
+#pragma once
+
+#include <sys/types.h>
+
+enum class status_mode { once, watch, json, help, version };
+
+struct status_options {
+  status_mode mode;
+  int watch_seconds;
+  pid_t daemon; // 0: look for it
+};
+
+inline constexpr int DEFAULT_WATCH_SECONDS = 2;
+inline constexpr int LONGEST_WATCH_SECONDS = 3600;
+
+// Returns false after it has said on standard error what is wrong.
+bool parse_status_options(int argc, char **argv, status_options &options);
+
+extern const char status_usage[];

@@ -1,0 +1,46 @@
+// Lines to be shown, and tables that are laid out into such lines.
+#pragma once
+
+#include "status/text.h"
+
+enum class line_style { plain, heading, faint, warning };
+
+struct page_line {
+  line_style style;
+  std::size_t offset; // into `bytes`, NUL-terminated there
+};
+
+struct page {
+  text bytes;
+  rows_of<page_line> lines;
+};
+
+void clear_page(page &shown);
+void free_page(page &shown);
+void add_line(page &shown, line_style style, const char *line);
+const char *line_text(const page &shown, const page_line &line);
+
+enum class alignment { left, right };
+
+struct column {
+  const char *heading;
+  alignment side;
+};
+
+// Cells are added row by row, as many as there are columns.
+struct table {
+  std::span<const column> columns;
+  text bytes;
+  rows_of<std::size_t> cells; // offsets into `bytes`
+  rows_of<line_style> row_styles;
+};
+
+void begin_row(table &laid, line_style style);
+void add_cell(table &laid, const char *cell);
+void add_number_cell(table &laid, unsigned long long number);
+
+// Adds the heading and the rows, every column as wide as its widest cell, no blanks at line ends. A table without rows
+// adds nothing.
+void add_table(page &shown, const table &laid);
+
+void free_table(table &laid);

@@ -1,0 +1,209 @@
+#include "status/report.h"
+
+#include "status/number_text.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr std::array interface_columns{
+    column{"INTERFACE", alignment::left}, column{"ROLE", alignment::left},      column{"MIF", alignment::right},
+    column{"QUERIES", alignment::right},  column{"JOINS", alignment::right},    column{"LEAVES", alignment::right},
+    column{"TIMEOUTS", alignment::right}, column{"PKTS IN", alignment::right},  column{"BYTES IN", alignment::right},
+    column{"PKTS OUT", alignment::right}, column{"BYTES OUT", alignment::right}};
+
+constexpr std::array group_columns{column{"GROUP", alignment::left},    column{"LISTENERS", alignment::left},
+                                   column{"AVERAGE", alignment::right}, column{"SOURCE", alignment::left},
+                                   column{"PACKETS", alignment::right}, column{"BYTES", alignment::right},
+                                   column{"RATE", alignment::right},    column{"LOAD", alignment::left},
+                                   column{"OUTPUTS", alignment::left},  column{"NOTE", alignment::left}};
+
+void add_title(const snapshot &shown, page &to) {
+  std::size_t held = 0;
+  std::size_t entries = 0;
+  for (const group_row &group : all_rows(shown.groups)) {
+    held += group.listener_count > 0 ? 1 : 0;
+  }
+  for (const stream_row &stream : all_rows(shown.streams)) {
+    entries += stream.entry != nullptr ? 1 : 0;
+  }
+  text title;
+  add_text(title, "tarnwick %d", static_cast<int>(shown.daemon.pid));
+  const long running = seconds_running(shown.daemon);
+  if (running >= 0) {
+    add_text(title, ", up %s", duration_text(running).data());
+  }
+  add_text(title, ": %zu interface%s, %zu group%s, %zu forwarding entr%s", shown.interfaces.count,
+           shown.interfaces.count == 1 ? "" : "s", held, held == 1 ? "" : "s", entries, entries == 1 ? "y" : "ies");
+  add_line(to, line_style::plain, text_of(title));
+  free_rows(title);
+}
+
+void add_interface(const interface_row &row, table &laid) {
+  begin_row(laid, line_style::plain);
+  add_cell(laid, row.counters.name.data());
+  add_cell(laid, row.is_upstream ? "upstream" : "downstream");
+  if (row.mif != nullptr) {
+    add_number_cell(laid, static_cast<unsigned long long>(row.mif->number));
+  } else {
+    add_cell(laid, "-");
+  }
+  for (const std::int32_t counter :
+       {row.counters.queries, row.counters.joins, row.counters.leaves, row.counters.timeouts}) {
+    add_number_cell(laid, static_cast<std::uint32_t>(counter));
+  }
+  if (row.mif == nullptr) {
+    for (int missing = 0; missing < 4; ++missing) {
+      add_cell(laid, "-");
+    }
+    return;
+  }
+  add_number_cell(laid, row.mif->packets_in);
+  add_cell(laid, bytes_text(row.mif->bytes_in).data());
+  add_number_cell(laid, row.mif->packets_out);
+  add_cell(laid, bytes_text(row.mif->bytes_out).data());
+}
+
+void add_interfaces(const snapshot &shown, page &to) {
+  table laid{interface_columns, {}, {}, {}};
+  for (const interface_row &row : all_rows(shown.interfaces)) {
+    add_interface(row, laid);
+  }
+  add_table(to, laid);
+  free_table(laid);
+}
+
+void add_listener_cells(const group_line *listener, table &laid) {
+  if (listener == nullptr) {
+    add_cell(laid, "");
+    add_cell(laid, "");
+    return;
+  }
+  add_cell(laid, listener->interface.data());
+  text average;
+  add_text(average, "%d s", static_cast<int>(listener->average_seconds));
+  add_cell(laid, text_of(average));
+  free_rows(average);
+}
+
+void add_stream_cells(const snapshot &shown, const stream_row *stream, bool is_utf8, const rows_of<mif_row> &mifs,
+                      table &laid) {
+  if (stream == nullptr || stream->entry == nullptr) {
+    for (int empty = 0; empty < 6; ++empty) {
+      add_cell(laid, "");
+    }
+    add_cell(laid, stream != nullptr ? stream_note(stream->kind) : "");
+    return;
+  }
+  const cache_row &entry = *stream->entry;
+  const double share =
+      shown.fastest_bits_per_second > 0 ? stream->bits_per_second / shown.fastest_bits_per_second : 0.0;
+  add_cell(laid, std::strcmp(entry.origin.data(), "::") == 0 ? "any" : entry.origin.data());
+  add_number_cell(laid, entry.packets);
+  add_cell(laid, bytes_text(entry.bytes).data());
+  add_cell(laid, shown.has_rates ? rate_text(stream->bits_per_second).data() : "-");
+  add_cell(laid, bar_of(share, is_utf8).data());
+  text outputs;
+  add_output_names(outputs, entry.outputs, mifs, ", ");
+  add_cell(laid, outputs.count > 0 ? text_of(outputs) : "none");
+  free_rows(outputs);
+  add_cell(laid, stream_note(stream->kind));
+}
+
+line_style style_of(const stream_row *stream) {
+  if (stream == nullptr || stream->kind == stream_kind::wanted) {
+    return line_style::plain;
+  }
+  return stream->kind == stream_kind::no_entry ? line_style::warning : line_style::faint;
+}
+
+// Listeners and streams stand side by side; the group's address is on its first line only.
+void add_group(const snapshot &shown, const group_row &group, bool is_utf8, const rows_of<mif_row> &mifs, table &laid) {
+  for (std::size_t i = 0; i < std::max(group.listener_count, group.stream_count); ++i) {
+    const stream_row *stream = i < group.stream_count ? &shown.streams.first[group.first_stream + i] : nullptr;
+    begin_row(laid, style_of(stream));
+    const bool is_tree = stream != nullptr && stream->kind == stream_kind::static_tree;
+    add_cell(laid, i > 0 ? "" : is_tree ? "any" : group.group.data());
+    add_listener_cells(i < group.listener_count ? &shown.listeners.first[group.first_listener + i] : nullptr, laid);
+    add_stream_cells(shown, stream, is_utf8, mifs, laid);
+  }
+}
+
+void add_groups(const snapshot &shown, bool is_utf8, const rows_of<mif_row> &mifs, page &to) {
+  table laid{group_columns, {}, {}, {}};
+  for (const group_row &group : all_rows(shown.groups)) {
+    add_group(shown, group, is_utf8, mifs, laid);
+  }
+  add_table(to, laid);
+  free_table(laid);
+  if (shown.groups.count == 0) {
+    add_line(to, line_style::plain, "No group has a listener, and the kernel forwards nothing.");
+  }
+}
+
+bool has_stream(const snapshot &shown, stream_kind kind) {
+  const std::span<stream_row> streams = all_rows(shown.streams);
+  return std::any_of(streams.begin(), streams.end(), [=](const stream_row &stream) { return stream.kind == kind; });
+}
+
+// An any-source entry forwards only along the static tree.
+void add_hints(const snapshot &shown, page &to) {
+  const std::span<stream_row> streams = all_rows(shown.streams);
+  const bool needs_tree = std::any_of(streams.begin(), streams.end(), [](const stream_row &stream) {
+    return stream.kind == stream_kind::wanted && std::strcmp(stream.entry->origin.data(), "::") == 0;
+  });
+  if (needs_tree && !has_stream(shown, stream_kind::static_tree)) {
+    add_line(to, line_style::plain, "");
+    add_line(to, line_style::warning,
+             "The static tree is missing, so any-source groups do not flow on a mainline kernel: "
+             "start tarnwick-assist.");
+  }
+  if (has_stream(shown, stream_kind::no_entry)) {
+    add_line(to, line_style::plain, "");
+    add_line(to, line_style::warning,
+             "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.");
+  }
+}
+
+} // namespace
+
+const char *stream_note(stream_kind kind) {
+  switch (kind) {
+  case stream_kind::wanted:
+    return "";
+  case stream_kind::no_entry:
+    return "no forwarding entry";
+  case stream_kind::left_over:
+    return "no listener";
+  case stream_kind::unresolved:
+    return "no entry takes it";
+  case stream_kind::static_tree:
+    return "static tree";
+  }
+  return "";
+}
+
+void add_output_names(text &names, std::uint32_t outputs, const rows_of<mif_row> &mifs, const char *separator) {
+  for (std::int32_t number = 0; outputs != 0; ++number, outputs >>= 1) {
+    if ((outputs & 1) == 0) {
+      continue;
+    }
+    const mif_row *mif = find_mif(mifs, number);
+    add_text(names, "%s", names.count > 0 ? separator : "");
+    if (mif != nullptr) {
+      add_text(names, "%s", mif->name.data());
+    } else {
+      add_text(names, "MIF %d", static_cast<int>(number));
+    }
+  }
+}
+
+void add_report(const snapshot &shown, const rows_of<mif_row> &mifs, bool is_utf8, page &to) {
+  add_title(shown, to);
+  add_line(to, line_style::plain, "");
+  add_interfaces(shown, to);
+  add_line(to, line_style::plain, "");
+  add_groups(shown, is_utf8, mifs, to);
+  add_hints(shown, to);
+}

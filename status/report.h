@@ -1,0 +1,15 @@
+// The snapshot as a page for people.
+#pragma once
+
+#include "status/page.h"
+#include "status/snapshot.h"
+
+// Adds the title, the interfaces, the groups with their streams, and hints about what keeps a stream from flowing.
+// `is_utf8`: bars may use block characters.
+void add_report(const snapshot &shown, const rows_of<mif_row> &mifs, bool is_utf8, page &to);
+
+// "br0, lan1": the names of an entry's outputs.
+void add_output_names(text &names, std::uint32_t outputs, const rows_of<mif_row> &mifs, const char *separator);
+
+// What the last column says of a stream; "" for one that flows as it should.
+const char *stream_note(stream_kind kind);

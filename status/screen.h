@@ -1,0 +1,26 @@
+// Where a page goes: a terminal that is redrawn, or a plain stream.
+#pragma once
+
+#include "status/page.h"
+
+struct screen {
+  bool is_terminal;
+  bool has_colour; // a terminal, and NO_COLOR is not set
+  bool is_utf8;
+  std::size_t rows;    // 0: unlimited
+  std::size_t columns; // 0: unlimited
+};
+
+// Looks at standard output. `is_redrawn` limits the page to the window, as it could not be scrolled back.
+screen measure_screen(bool is_redrawn);
+
+// Writes the page at the cursor; lines wider than the window are cut, lines beyond it are counted on the last one.
+void add_page(const screen &onto, const page &shown, text &to);
+
+// Hide and show the cursor and begin in the upper left corner; what an earlier page left behind is wiped.
+void add_redrawn_page(const screen &onto, const page &shown, text &to);
+void start_redrawing(const screen &onto);
+void end_redrawing(const screen &onto);
+
+// Writes everything to standard output. Returns whether it went through.
+bool write_out(const text &content);

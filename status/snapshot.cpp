@@ -1,0 +1,182 @@
+#include "status/snapshot.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+constexpr char any_address[] = "::";
+constexpr double bits_per_byte = 8.0;
+
+// Of groups; :: stands for every group and comes last.
+int compare_addresses(const group_text &left, const group_text &right) {
+  in6_addr left_bytes{};
+  in6_addr right_bytes{};
+  if (inet_pton(AF_INET6, left.data(), &left_bytes) != 1 || inet_pton(AF_INET6, right.data(), &right_bytes) != 1) {
+    return std::strcmp(left.data(), right.data()); // IPv4 groups
+  }
+  const bool is_left_any = std::memcmp(&left_bytes, &in6addr_any, sizeof(left_bytes)) == 0;
+  const bool is_right_any = std::memcmp(&right_bytes, &in6addr_any, sizeof(right_bytes)) == 0;
+  if (is_left_any != is_right_any) {
+    return is_left_any ? 1 : -1;
+  }
+  return std::memcmp(&left_bytes, &right_bytes, sizeof(left_bytes));
+}
+
+template <typename short_text> bool is_same(const short_text &left, const short_text &right) {
+  return std::strcmp(left.data(), right.data()) == 0;
+}
+
+bool is_any(const group_text &address) { return std::strcmp(address.data(), any_address) == 0; }
+
+bool is_same_entry(const cache_row &left, const cache_row &right) {
+  return is_same(left.group, right.group) && is_same(left.origin, right.origin);
+}
+
+bool has_listener(const daemon_state &state, const group_text &group) {
+  const std::span<group_line> lines = all_rows(state.groups);
+  return std::any_of(lines.begin(), lines.end(), [&](const group_line &line) { return is_same(line.group, group); });
+}
+
+stream_kind kind_of(const daemon_state &state, const cache_row &entry) {
+  if (is_any(entry.group) && is_any(entry.origin)) {
+    return stream_kind::static_tree;
+  }
+  if (entry.parent < 0) {
+    return stream_kind::unresolved;
+  }
+  return has_listener(state, entry.group) ? stream_kind::wanted : stream_kind::left_over;
+}
+
+// A counter that went back belongs to an entry that was made anew: it counts from zero.
+double per_second(std::uint64_t before, std::uint64_t now, double seconds) {
+  const std::uint64_t gained = now >= before ? now - before : now;
+  return seconds > 0 ? static_cast<double>(gained) / seconds : 0.0;
+}
+
+void set_rates(const traffic_sample &before, const traffic_sample &now, stream_row &stream) {
+  for (const cache_row &earlier : all_rows(before.entries)) {
+    if (is_same_entry(earlier, *stream.entry)) {
+      const double seconds = now.seconds - before.seconds;
+      stream.bits_per_second = per_second(earlier.bytes, stream.entry->bytes, seconds) * bits_per_byte;
+      stream.packets_per_second = per_second(earlier.packets, stream.entry->packets, seconds);
+      return;
+    }
+  }
+}
+
+const mif_row *mif_of(const traffic_sample &now, const interface_text &name) {
+  for (const mif_row &mif : all_rows(now.mifs)) {
+    if (is_same(mif.name, name)) {
+      return &mif;
+    }
+  }
+  return nullptr;
+}
+
+// The daemon lists its upstream interface last, since it links it first.
+void join_interfaces(const daemon_state &state, const traffic_sample &now, snapshot &joined) {
+  for (const interface_counters &counters : all_rows(state.interfaces)) {
+    add_row(joined.interfaces, interface_row{counters, false, mif_of(now, counters.name)});
+  }
+  if (joined.interfaces.count > 0) {
+    joined.interfaces.first[joined.interfaces.count - 1].is_upstream = true;
+  }
+  std::reverse(joined.interfaces.first, joined.interfaces.first + joined.interfaces.count);
+}
+
+void add_group(snapshot &joined, const group_text &group) {
+  const std::span<group_row> known = all_rows(joined.groups);
+  if (std::none_of(known.begin(), known.end(), [&](const group_row &row) { return is_same(row.group, group); })) {
+    add_row(joined.groups, group_row{group, 0, 0, 0, 0});
+  }
+}
+
+void join_groups(const daemon_state &state, const traffic_sample &now, snapshot &joined) {
+  for (const group_line &line : all_rows(state.groups)) {
+    add_group(joined, line.group);
+  }
+  for (const cache_row &entry : all_rows(now.entries)) {
+    add_group(joined, entry.group);
+  }
+  std::sort(
+      joined.groups.first, joined.groups.first + joined.groups.count,
+      [](const group_row &left, const group_row &right) { return compare_addresses(left.group, right.group) < 0; });
+}
+
+void join_listeners(const daemon_state &state, group_row &group, snapshot &joined) {
+  group.first_listener = joined.listeners.count;
+  for (const group_line &line : all_rows(state.groups)) {
+    if (is_same(line.group, group.group)) {
+      add_row(joined.listeners, line);
+    }
+  }
+  group.listener_count = joined.listeners.count - group.first_listener;
+}
+
+void join_streams(const daemon_state &state, const traffic_sample &before, const traffic_sample &now, group_row &group,
+                  snapshot &joined) {
+  group.first_stream = joined.streams.count;
+  for (const cache_row &entry : all_rows(now.entries)) {
+    if (is_same(entry.group, group.group)) {
+      stream_row &stream = add_row(joined.streams, stream_row{kind_of(state, entry), &entry, 0, 0});
+      set_rates(before, now, stream);
+      joined.fastest_bits_per_second = std::max(joined.fastest_bits_per_second, stream.bits_per_second);
+    }
+  }
+  if (joined.streams.count == group.first_stream) {
+    add_row(joined.streams, stream_row{stream_kind::no_entry, nullptr, 0, 0});
+  }
+  group.stream_count = joined.streams.count - group.first_stream;
+}
+
+bool read_table(pid_t daemon, const char *name, text &table) {
+  std::array<char, 64> path;
+  std::snprintf(path.data(), path.size(), "/proc/%d/net/%s", static_cast<int>(daemon), name);
+  return read_file(path.data(), table);
+}
+
+} // namespace
+
+double monotonic_seconds() {
+  constexpr double nanoseconds_per_second = 1e9;
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / nanoseconds_per_second;
+}
+
+bool read_traffic(pid_t daemon, traffic_sample &sample) {
+  clear_rows(sample.mifs);
+  clear_rows(sample.entries);
+  text table;
+  const bool has_mifs = read_table(daemon, "ip6_mr_vif", table);
+  if (has_mifs) {
+    parse_mif_table(text_of(table), sample.mifs);
+  }
+  const bool has_entries = has_mifs && read_table(daemon, "ip6_mr_cache", table);
+  sample.seconds = monotonic_seconds();
+  if (has_entries) {
+    parse_cache_table(text_of(table), sample.entries);
+  }
+  free_rows(table);
+  return has_entries;
+}
+
+void join_snapshot(const process_facts &daemon, const daemon_state &state, const traffic_sample &before,
+                   const traffic_sample &now, snapshot &joined) {
+  joined.daemon = daemon;
+  clear_rows(joined.interfaces);
+  clear_rows(joined.listeners);
+  clear_rows(joined.streams);
+  clear_rows(joined.groups);
+  joined.has_rates = &before != &now;
+  joined.fastest_bits_per_second = 0;
+  join_interfaces(state, now, joined);
+  join_groups(state, now, joined);
+  for (group_row &group : all_rows(joined.groups)) {
+    join_listeners(state, group, joined);
+    join_streams(state, before, now, group, joined);
+  }
+}

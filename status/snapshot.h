@@ -1,0 +1,64 @@
+// What runs at one moment: the daemon's state joined with the kernel's tables, and rates against an earlier moment.
+#pragma once
+
+#include "status/daemon_process.h"
+#include "status/kernel_tables.h"
+#include "status/state_request.h"
+
+#include <cstdint>
+
+// The kernel's tables with the time of reading, for rates.
+struct traffic_sample {
+  double seconds; // monotonic
+  rows_of<mif_row> mifs;
+  rows_of<cache_row> entries;
+};
+
+struct interface_row {
+  interface_counters counters;
+  bool is_upstream;
+  const mif_row *mif; // null: the kernel has no such MIF
+};
+
+enum class stream_kind {
+  wanted,     // listeners, and an entry that forwards to them
+  no_entry,   // listeners, but nothing in the kernel
+  left_over,  // an entry whose last listener is gone
+  unresolved, // packets that arrive and that no entry takes
+  static_tree // (::, ::), the companion's
+};
+
+struct stream_row {
+  stream_kind kind;
+  const cache_row *entry; // null for no_entry
+  double bits_per_second;
+  double packets_per_second;
+};
+
+// One line per group that the daemon holds or the kernel forwards, with its interfaces and streams.
+struct group_row {
+  group_text group;
+  std::size_t first_listener;
+  std::size_t listener_count;
+  std::size_t first_stream;
+  std::size_t stream_count;
+};
+
+struct snapshot {
+  process_facts daemon;
+  rows_of<interface_row> interfaces;
+  rows_of<group_line> listeners; // ordered by group
+  rows_of<stream_row> streams;   // ordered by group
+  rows_of<group_row> groups;     // by address, the static tree last
+  bool has_rates;                // an earlier moment was there to compare with
+  double fastest_bits_per_second;
+};
+
+// Reads the tables of the daemon's network namespace. Returns false when the kernel keeps none; errno says why.
+bool read_traffic(pid_t daemon, traffic_sample &sample);
+
+// Joins. `joined` points into `now`, which must outlive it. With `before` and `now` the same sample there are no rates.
+void join_snapshot(const process_facts &daemon, const daemon_state &state, const traffic_sample &before,
+                   const traffic_sample &now, snapshot &joined);
+
+double monotonic_seconds();

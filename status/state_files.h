@@ -1,0 +1,37 @@
+// The two files in which the daemon answers SIGUSR1. Lines that make no sense are passed over: other programs may
+// have written them.
+#pragma once
+
+#include "status/text.h"
+
+#include <array>
+#include <cstdint>
+#include <net/if.h>
+#include <netinet/in.h>
+
+inline constexpr char TYPE_MESSAGES_PATH[] = "/tmp/tarnwick_type_messages";
+inline constexpr char JOIN_STATE_PATH[] = "/tmp/tarnwick_join_state";
+
+using interface_text = std::array<char, IF_NAMESIZE>;
+using group_text = std::array<char, INET6_ADDRSTRLEN>;
+
+// "[MLD]ifname: br0 query: 1 join: 2 leave: 3 timeout: 4"
+struct interface_counters {
+  std::array<char, 8> protocol; // "MLD" or "IGMP"
+  interface_text name;
+  std::int32_t queries;
+  std::int32_t joins;
+  std::int32_t leaves;
+  std::int32_t timeouts;
+};
+
+// "ifname: br0 group: ff0e::1 average: 42"
+struct group_line {
+  interface_text interface;
+  group_text group;
+  std::int32_t average_seconds;
+};
+
+// Each parses a whole file and adds what it holds.
+void parse_type_messages(const char *file, rows_of<interface_counters> &interfaces);
+void parse_join_state(const char *file, rows_of<group_line> &groups);

@@ -1,0 +1,133 @@
+#include "status/state_request.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char state_folder[] = "/tmp";
+constexpr char first_file[] = "tarnwick_join_state";
+constexpr char last_closed_file[] = "tarnwick_type_messages";
+
+// How far the files are, as the notifications tell.
+struct file_progress {
+  bool is_whole;   // closed after the last change
+  bool is_changed; // since this was last cleared
+};
+
+long now_milliseconds() {
+  constexpr long milliseconds_per_second = 1000;
+  constexpr long nanoseconds_per_millisecond = 1000000;
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<long>(now.tv_sec) * milliseconds_per_second + now.tv_nsec / nanoseconds_per_millisecond;
+}
+
+void note_event(const inotify_event &event, const char *name, file_progress &progress) {
+  const bool is_last = std::strcmp(name, last_closed_file) == 0;
+  if (!is_last && std::strcmp(name, first_file) != 0) {
+    return;
+  }
+  if ((event.mask & IN_MODIFY) != 0) {
+    progress = {false, true};
+  } else if (is_last) {
+    progress.is_whole = true;
+  }
+}
+
+// Takes the notifications that are waiting.
+void drain_notifications(int notifications, file_progress &progress) {
+  alignas(inotify_event) std::array<char, 4096> buffer;
+  for (ssize_t got = read(notifications, buffer.data(), buffer.size()); got > 0;
+       got = read(notifications, buffer.data(), buffer.size())) {
+    std::size_t offset = 0;
+    while (offset + sizeof(inotify_event) <= static_cast<std::size_t>(got)) {
+      inotify_event event;
+      std::memcpy(&event, buffer.data() + offset, sizeof(event));
+      note_event(event, event.len > 0 ? buffer.data() + offset + sizeof(event) : "", progress);
+      offset += sizeof(event) + event.len;
+    }
+  }
+}
+
+state_answer read_state(daemon_state &state) {
+  clear_rows(state.interfaces);
+  clear_rows(state.groups);
+  text content;
+  const bool has_interfaces = read_file(TYPE_MESSAGES_PATH, content);
+  if (has_interfaces) {
+    parse_type_messages(text_of(content), state.interfaces);
+  }
+  const bool has_groups = has_interfaces && read_file(JOIN_STATE_PATH, content);
+  if (has_groups) {
+    parse_join_state(text_of(content), state.groups);
+  }
+  const int reason = errno;
+  free_rows(content);
+  errno = reason;
+  return has_groups ? state_answer::fresh : state_answer::unreadable;
+}
+
+// Reads again when another dump began under the reader's hands.
+state_answer wait_and_read(int notifications, daemon_state &state) {
+  file_progress progress{false, false};
+  const long deadline = now_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;
+  for (long left = ANSWER_DEADLINE_MILLISECONDS; left > 0; left = deadline - now_milliseconds()) {
+    pollfd waiting{notifications, POLLIN, 0};
+    if (!progress.is_whole && poll(&waiting, 1, static_cast<int>(left)) < 0) {
+      return state_answer::no_answer; // interrupted: the caller looks whether it is to end
+    }
+    drain_notifications(notifications, progress);
+    if (!progress.is_whole) {
+      continue;
+    }
+    progress.is_changed = false;
+    const state_answer answer = read_state(state);
+    const int reason = errno;
+    drain_notifications(notifications, progress);
+    if (!progress.is_changed) {
+      errno = reason;
+      return answer;
+    }
+  }
+  return state_answer::no_answer;
+}
+
+state_answer signal_and_read(pid_t daemon, int notifications, daemon_state &state) {
+  if (inotify_add_watch(notifications, state_folder, IN_CLOSE_WRITE | IN_MODIFY) < 0) {
+    return state_answer::cannot_watch;
+  }
+  if (kill(daemon, SIGUSR1) != 0) {
+    return state_answer::cannot_signal;
+  }
+  return wait_and_read(notifications, state);
+}
+
+} // namespace
+
+state_answer ask_for_state(pid_t daemon, daemon_state &state) {
+  const int notifications = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (notifications < 0) {
+    return state_answer::cannot_watch;
+  }
+  const state_answer answer = signal_and_read(daemon, notifications, state);
+  const int reason = errno;
+  close(notifications);
+  errno = reason;
+  return answer;
+}
+
+long seconds_since_written(const char *path) {
+  struct stat found {};
+  if (stat(path, &found) != 0) {
+    return -1;
+  }
+  const time_t now = std::time(nullptr);
+  return now > found.st_mtime ? static_cast<long>(now - found.st_mtime) : 0;
+}
