@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
-// A refresh of one group writes a dozen lines and more, so a line costs as little as it can: no printf, no lock, and
-// one hand-over to the stream.
+// A refresh of one group writes a dozen lines and more, so a line costs as little as it can: no printf, no lock. It
+// goes to the stream in three calls, prefix, message and newline, so that what watches the stream sees them in turn.
 
 namespace {
 
@@ -125,9 +125,10 @@ void log_line(char level, const log_site &site, const char *format, va_list &arg
   line_text line;
   line.length = 0;
   append_prefix(line, level, site);
-  append_message(line, format, arguments);
-  append(line, "\n", 1);
   hand_over(line);
+  append_message(line, format, arguments);
+  hand_over(line);
+  putchar_unlocked('\n');
 }
 
 } // namespace
