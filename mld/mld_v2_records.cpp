@@ -119,6 +119,15 @@ void allow_source(mld_group *group, const ipv6_address &source, bool has_any_sou
   }
 }
 
+// The slots keep their timers: a source that other hosts refreshed lately is not even asked for.
+void check_blocked_group(mld_group *group) {
+  group->retransmit_word = 0;
+  group->retransmit_timer = static_cast<std::int32_t>(MldRouter.last_member_query_interval);
+  group->group_timer =
+      static_cast<std::int32_t>(MldRouter.last_member_query_count * MldRouter.last_member_query_interval);
+  group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
+}
+
 } // namespace
 
 void mld_router_v2_exclude_group(mld_interface *intr, const mld_record &record, const ipv6_address &sender) {
@@ -207,12 +216,7 @@ void mld_router_v2_block_old_sources(mld_interface *intr, const mld_record &reco
     if (mld_find_source(group, source) == nullptr) {
       continue; // the query is queued all the same, and waits until the group is checked
     }
-    // The slot keeps its timer: a source that other hosts refreshed lately is not even asked for.
-    group->retransmit_word = 0;
-    group->retransmit_timer = static_cast<std::int32_t>(MldRouter.last_member_query_interval);
-    group->group_timer =
-        static_cast<std::int32_t>(MldRouter.last_member_query_count * MldRouter.last_member_query_interval);
-    group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
+    check_blocked_group(group);
     log_debug(MLD_HERE, "group: %s, set retransmit_timer = %d", ADDRESS_TEXT(group->group), group->retransmit_timer);
   }
 }
