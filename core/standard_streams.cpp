@@ -20,18 +20,21 @@ void fill_closed_descriptors() {
   }
 }
 
-bool is_pipe(int descriptor) {
+bool has_reader_that_may_hang(int descriptor) {
   struct stat status {};
-  return fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode);
+  return fstat(descriptor, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
 }
 
-// The pipe is opened anew: the flag would otherwise hold for everyone who shares the descriptor.
+// A pipe is opened anew: the flag would otherwise hold for everyone who shares the descriptor. A socket, such as a
+// service manager's log, and a pipe of another user cannot be opened; there the shared flag is the lesser harm.
 void write_without_waiting(int descriptor, const char *path) {
   fcntl(descriptor, F_SETPIPE_SZ, log_pipe_bytes);
   const int own = open(path, O_WRONLY | O_NONBLOCK);
   if (own >= 0) {
     dup2(own, descriptor);
     close(own);
+  } else {
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
   }
 }
 
@@ -40,10 +43,10 @@ void write_without_waiting(int descriptor, const char *path) {
 void protect_standard_streams() {
   fill_closed_descriptors();
   std::signal(SIGPIPE, SIG_IGN);
-  if (is_pipe(STDOUT_FILENO)) {
+  if (has_reader_that_may_hang(STDOUT_FILENO)) {
     write_without_waiting(STDOUT_FILENO, "/proc/self/fd/1");
   }
-  if (is_pipe(STDERR_FILENO)) {
+  if (has_reader_that_may_hang(STDERR_FILENO)) {
     write_without_waiting(STDERR_FILENO, "/proc/self/fd/2");
   }
 }

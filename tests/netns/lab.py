@@ -189,12 +189,13 @@ def run(lab, node, *command, check=True):
     return done.stdout
 
 
-def start(lab, node, *command, environment=None):
-    """Starts a program in a node; its output goes to a file of its own."""
+def start(lab, node, *command, environment=None, standard_input=subprocess.DEVNULL, standard_output=None):
+    """Starts a program in a node; its output goes to a file of its own, or its standard output where the test says."""
     log = lab.directory / f"{len(lab.programs):02d}-{node}-{pathlib.Path(command[0]).name}.log"
     with open(log, "w", encoding="utf-8") as output:
         process = subprocess.Popen(
-            enter(lab, node) + list(command), stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+            enter(lab, node) + list(command), stdin=standard_input,
+            stdout=output if standard_output is None else standard_output, stderr=output,
             env={**os.environ, **(environment or {})},
             preexec_fn=None if KEEP else lambda: namespaces.die_with_parent(signal.SIGKILL))
     program = Program(process, log, in_router=node == "router", pid=process.pid)

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import signal
 
 import kernel_view
@@ -10,25 +11,71 @@ import lab as laboratory
 DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"
 FAST_TICK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_tick.so"
+SIGNAL_AT_CALL = f"{laboratory.PROGRAMS_IN_ROUTER}/libsignal_at_call.so"
 MLDV2_ROUTERS = "ff02::16"
+USUAL_OPTIONS = ("-u", "wan0", "-d", "br0")
+START_DEADLINE_S = 15
+# Another user with two capabilities, which what it starts cannot add to.
+TWO_CAPABILITIES = (
+    "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all,+net_admin,+net_raw",
+    "--ambient-caps=-all,+net_admin,+net_raw", "--bounding-set=-all,+net_admin,+net_raw", "--no-new-privs")
+SHORT_LOG_BYTES = 1 << 16
+# For builds with sanitizers: stdbuf preloads a library too; what the daemon loses on purpose is listed.
+ENVIRONMENT = {
+    "TARNWICK_NVRAM": "/tmp/nvram",
+    "ASAN_OPTIONS": "verify_asan_link_order=0",
+    "LSAN_OPTIONS": f"suppressions={laboratory.PROGRAMS_IN_ROUTER}/lsan.supp:print_suppressions=0"}
 
 
-def start_daemon(lab, *options, ticks_per_second=1, wait=True):
+def start_daemon(lab, *options, ticks_per_second=1, wait=True, environment=None):
     """The daemon with the given options ("-u wan0 -d br0" when there are none), its log line by line.
 
     With `wait` it returns once the daemon listens. `ticks_per_second` hurries its clock.
     """
-    environment = {
-        "TARNWICK_NVRAM": "/tmp/nvram",
-        # Builds with AddressSanitizer: stdbuf preloads a library too; deleted hosts stay allocated by design.
-        "ASAN_OPTIONS": "verify_asan_link_order=0:detect_leaks=0"}
-    if ticks_per_second != 1:
-        environment |= {"LD_PRELOAD": FAST_TICK, "FAST_TICK_PER_SECOND": str(ticks_per_second)}
-    chosen = options or ("-u", "wan0", "-d", "br0")
-    lab.daemon = laboratory.start(lab, "router", "stdbuf", "-oL", DAEMON, *chosen, environment=environment)
+    chosen = options or USUAL_OPTIONS
+    lab.daemon = laboratory.start(lab, "router", "stdbuf", "-oL", DAEMON, *chosen,
+                                  environment=environment_of(ticks_per_second) | (environment or {}))
     if wait:
-        laboratory.wait_for(lambda: is_listening(lab.daemon), what="start of the daemon")
+        wait_until_listening(lab.daemon)
     return lab.daemon
+
+
+def environment_of(ticks_per_second=1):
+    hurried = {"LD_PRELOAD": FAST_TICK, "FAST_TICK_PER_SECOND": str(ticks_per_second)}
+    return ENVIRONMENT | (hurried if ticks_per_second != 1 else {})
+
+
+def wait_until_listening(daemon):
+    laboratory.wait_for(lambda: is_listening(daemon), START_DEADLINE_S, what="start of the daemon")
+
+
+def start_daemon_with_short_log(lab, *options, ticks_per_second=1):
+    """For floods, whose log would fill the disk: only its last lines are kept, and seen after the daemon's end.
+
+    Returns the daemon and the program that keeps the lines.
+    """
+    read_end, write_end = os.pipe()
+    keeper = laboratory.start(lab, "router", "tail", "-c", str(SHORT_LOG_BYTES), standard_input=read_end)
+    lab.daemon = laboratory.start(lab, "router", DAEMON, *(options or USUAL_OPTIONS), standard_output=write_end,
+                                  environment=environment_of(ticks_per_second))
+    os.close(read_end)
+    os.close(write_end)
+    wait_until_listening(lab.daemon)
+    return lab.daemon, keeper
+
+
+def is_sanitized(program):
+    return "libasan" in pathlib.Path(f"/proc/{program.pid}/maps").read_text(encoding="ascii")
+
+
+def private_kilobytes(program):
+    """Memory that the program has written to and shares with nobody."""
+    rollup = pathlib.Path(f"/proc/{program.pid}/smaps_rollup").read_text(encoding="ascii")
+    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", rollup, re.M).group(1))
+
+
+def open_descriptors(program):
+    return len(os.listdir(f"/proc/{program.pid}/fd"))
 
 
 def is_listening(program):
@@ -41,9 +88,11 @@ def is_listening(program):
     return bool(catches_tick) and status["State"].startswith("S")
 
 
-def start_companion(lab, downstream="br0"):
-    """The companion that a mainline kernel needs; returns once both of its works are done."""
+def start_companion(lab, downstream="br0", wait=True):
+    """The companion that a mainline kernel needs; with `wait` it returns once both of its works are done."""
     companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream)
+    if not wait:
+        return companion
 
     def is_effective():
         joined = all(MLDV2_ROUTERS in kernel_view.memberships(lab, name) for name in downstream.split(","))
@@ -60,13 +109,13 @@ def start_proxy(lab, downstream="br0", **options):
     return daemon
 
 
-def start_snooping(lab):
+def start_snooping(lab, *before):
     """A process of the name `igmp_snooping` in the router; returns the file with the signals that it got."""
     # Through a link in the router's own /tmp: the build's folder does not hold the stand-in.
     stand_in = lab.router_tmp / "igmp_snooping"
     stand_in.write_bytes((laboratory.TOOLS / "igmp_snooping").read_bytes())
     os.chmod(stand_in, 0o755)
-    laboratory.start(lab, "router", "/tmp/igmp_snooping", "/tmp/signals")
+    laboratory.start(lab, "router", *before, "/tmp/igmp_snooping", "/tmp/signals")
     notes = lab.router_tmp / "signals"
     laboratory.wait_for(lambda: notes.exists() and "ready" in notes.read_text(), what="start of igmp_snooping")
     return notes

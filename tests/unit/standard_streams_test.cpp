@@ -6,6 +6,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,6 +40,18 @@ int lowest_free_descriptor() {
   const int descriptor = open("/dev/null", O_RDONLY);
   close(descriptor);
   return descriptor;
+}
+
+// Whether a writer to a full standard output is refused at once, and not kept waiting.
+bool is_refused_when_full() {
+  const std::string block(4096, 'x');
+  constexpr int more_blocks_than_fit = 10000;
+  for (int i = 0; i < more_blocks_than_fit; ++i) {
+    if (write(STDOUT_FILENO, block.data(), block.size()) == -1) {
+      return errno == EAGAIN;
+    }
+  }
+  return false;
 }
 
 TEST(standard_streams, closed_ones_are_filled_so_that_no_socket_takes_their_number) {
@@ -92,14 +105,33 @@ TEST(standard_streams, reader_that_hangs_does_not_stop_the_writer_nor_change_the
       return false;
     }
     protect_standard_streams();
-    const std::string block(4096, 'x');
-    constexpr int more_blocks_than_fit = 10000;
-    for (int i = 0; i < more_blocks_than_fit; ++i) {
-      if (write(STDOUT_FILENO, block.data(), block.size()) == -1) {
-        return errno == EAGAIN && (fcntl(ends[1], F_GETFL) & O_NONBLOCK) == 0;
-      }
+    return is_refused_when_full() && (fcntl(ends[1], F_GETFL) & O_NONBLOCK) == 0;
+  }));
+}
+
+TEST(standard_streams, socket_whose_reader_hangs_does_not_stop_the_writer) {
+  EXPECT_TRUE(is_true_in_a_child([] {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) {
+      return false;
     }
-    return false;
+    protect_standard_streams();
+    return is_refused_when_full();
+  }));
+}
+
+TEST(standard_streams, hanging_reader_of_another_users_pipe_does_not_stop_the_writer) {
+  EXPECT_TRUE(is_true_in_a_child([] {
+    constexpr uid_t other_user = 65534;
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) {
+      return false;
+    }
+    if (geteuid() == 0 && setuid(other_user) != 0) {
+      return false;
+    }
+    protect_standard_streams();
+    return is_refused_when_full();
   }));
 }
 

@@ -1,0 +1,140 @@
+"""What may be wrong with /tmp: planted things, a full disk, a file system that cannot be written."""
+
+import os
+import signal
+
+import pytest
+
+import kernel_view
+from kernel_view import ANY
+from frames import report
+from lab import S1, S2, has_ended, log_of, run, send_signal, stop, wait_for
+from proxy import open_descriptors, start_proxy, start_snooping
+from traffic import listen, send_frame
+
+GROUP = "ff0e::1:2:3"
+STALE_GROUP = "ff0e::5"
+FAST = 10  # ticks per second
+DEADLINE_S = 30
+DUMP_FILES = ("tarnwick_host_in_group", "tarnwick_type_messages", "tarnwick_join_state")
+LEAVE_RECORD = "tarnwick_leave_record"
+DUMP_FAILED = "Create /tmp/tarnwick_type_messages failed!"
+RECORD_FAILED = 'Open file "/tmp/tarnwick_leave_record" failed.'
+
+
+def let_a_group_run_out(lab):
+    """One of two sources is blocked and nobody answers the query: two seconds later the group's time is over."""
+    send_frame(lab, "host2", "eth0", report("host2", [("ALLOW", STALE_GROUP, [S1, S2])]))
+    wait_for(lambda: STALE_GROUP in kernel_view.memberships(lab, "wan0"), DEADLINE_S, "stale group")
+    send_frame(lab, "host2", "eth0", report("host2", [("BLOCK", STALE_GROUP, [S1])]))
+    wait_for(lambda: STALE_GROUP not in kernel_view.memberships(lab, "wan0"), DEADLINE_S, "end of the stale group")
+
+
+def dump(daemon):
+    send_signal(daemon, signal.SIGUSR1)
+
+
+def assert_it_works(lab, group="ff0e::7"):
+    listen(lab, "host1", group)
+    wait_for(lambda: kernel_view.forwarding_of(lab, group) == {ANY: {"br0"}}, DEADLINE_S, "entry")
+    assert not has_ended(lab.daemon)
+
+
+def plant(kind, path, victim):
+    if kind == "link":
+        path.symlink_to("/tmp/victim")
+    elif kind == "directory":
+        path.mkdir()
+    else:
+        os.mkfifo(path)
+    victim.write_text("precious\n")
+
+
+@pytest.mark.parametrize("kind", ["link", "directory", "fifo"])
+def test_planted_thing_is_refused_and_costs_only_its_file(lab, kind):
+    victim = lab.router_tmp / "victim"
+    for name in (*DUMP_FILES, LEAVE_RECORD):
+        plant(kind, lab.router_tmp / name, victim)
+    daemon = start_proxy(lab, ticks_per_second=FAST)
+    dump(daemon)
+    wait_for(lambda: DUMP_FAILED in log_of(daemon), DEADLINE_S, "failed dump")
+    let_a_group_run_out(lab)
+    wait_for(lambda: RECORD_FAILED in log_of(daemon), DEADLINE_S, "failed leave record")
+    assert victim.read_text() == "precious\n"
+    assert_it_works(lab)
+    assert stop(daemon) == 0
+
+
+@pytest.mark.parametrize("kind", ["link", "directory", "fifo"])
+@pytest.mark.parametrize("name", ["tarnwick_host_in_group", "tarnwick_join_state"])
+def test_the_other_dump_files_are_written(lab, kind, name):
+    victim = lab.router_tmp / "victim"
+    plant(kind, lab.router_tmp / name, victim)
+    daemon = start_proxy(lab)
+    before = open_descriptors(daemon)
+    dump(daemon)
+    counters = lab.router_tmp / "tarnwick_type_messages"
+    wait_for(lambda: counters.exists() and "[MLD]ifname: br0" in counters.read_text(), DEADLINE_S, "dump")
+    assert open_descriptors(daemon) == before
+    assert victim.read_text() == "precious\n"
+    assert stop(daemon) == 0
+
+
+def mount_small_tmp(lab):
+    """A /tmp of its own that some processes of the router have filled, seen through the router's mounts."""
+    run(lab, "router", "mount", "-t", "tmpfs", "-o", "size=64k", "small", "/tmp")
+    run(lab, "router", "sh", "-c", "cat /dev/zero >/tmp/filler 2>/dev/null || true")
+
+
+def read_in_router(lab, name):
+    return run(lab, "router", "cat", f"/tmp/{name}", check=False)
+
+
+def test_full_disk_leaves_empty_files_and_harms_nothing(lab):
+    daemon = start_proxy(lab, ticks_per_second=FAST)
+    mount_small_tmp(lab)
+    before = open_descriptors(daemon)
+    for _ in range(20):
+        dump(daemon)
+    wait_for(lambda: "tarnwick_join_state" in run(lab, "router", "ls", "/tmp"), DEADLINE_S, "dump")
+    let_a_group_run_out(lab)
+    wait_for(lambda: LEAVE_RECORD in run(lab, "router", "ls", "/tmp"), DEADLINE_S, "leave record")
+    assert read_in_router(lab, "tarnwick_type_messages") == ""
+    assert open_descriptors(daemon) == before
+    assert_it_works(lab)
+    run(lab, "router", "rm", "/tmp/filler")
+    dump(daemon)
+    wait_for(lambda: "group: ff0e::7 " in read_in_router(lab, "tarnwick_join_state"), DEADLINE_S, "dump with room")
+    assert stop(daemon) == 0
+
+
+def test_unwritable_tmp_is_told_of_and_harms_nothing(lab):
+    notes = start_snooping(lab)
+    daemon = start_proxy(lab, ticks_per_second=FAST)
+    run(lab, "router", "mount", "-t", "tmpfs", "-o", "ro", "none", "/tmp")
+    dump(daemon)
+    wait_for(lambda: DUMP_FAILED in log_of(daemon), DEADLINE_S, "failed dump")
+    let_a_group_run_out(lab)
+    wait_for(lambda: RECORD_FAILED in log_of(daemon), DEADLINE_S, "failed leave record")
+    assert "USR2" not in notes.read_text()  # without a record there is nothing to tell
+    assert_it_works(lab)
+    run(lab, "router", "umount", "/tmp")
+    dump(daemon)
+    wait_for((lab.router_tmp / "tarnwick_type_messages").exists, DEADLINE_S, "dump afterwards")
+    assert stop(daemon) == 0
+
+
+def test_failing_dumps_lose_two_streams_each_and_forwarding_outlives_them(lab):
+    """Only root can ask for dumps. Streams flow on when no descriptor is left; queries need one and are not sent."""
+    (lab.router_tmp / "tarnwick_type_messages").mkdir()
+    daemon = start_proxy(lab, ticks_per_second=FAST)
+    run(lab, "router", "prlimit", "--nofile=40", "--pid", run(lab, "router", "pidof", "tarnwick").strip())
+    for _ in range(40):
+        before = log_of(daemon).count(DUMP_FAILED)
+        dump(daemon)
+        wait_for(lambda seen=before: log_of(daemon).count(DUMP_FAILED) > seen, DEADLINE_S, "failed dump")
+    assert open_descriptors(daemon) == 40
+    wait_for(lambda: "Can't create socket to send query!" in log_of(daemon), DEADLINE_S, "query without a socket")
+    assert_it_works(lab)
+    assert stop(daemon) == 0
+    assert kernel_view.multicast_interfaces(lab) == {}
