@@ -56,7 +56,3 @@ int list_remove_node(list *from, list_node *node) {
   }
   return -1;
 }
-
-list_node *list_get_head(const list *of) { return of->head; }
-
-list_node *list_get_next(const list_node *node) { return node->next; }

@@ -9,7 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
-// A refresh of one group writes a dozen lines and more, so a line costs as little as it can: no printf, no lock.
+// A refresh of one group writes a dozen lines and more, so a line costs as little as it can: no printf, no lock. It
+// goes to the stream in three calls, prefix, message and newline, so that what watches the stream sees them in turn.
 
 namespace {
 
@@ -18,80 +19,102 @@ constexpr std::size_t function_width = 36;
 constexpr std::size_t line_width = 4;
 constexpr std::size_t longest_name = 64;   // of tag or function; what is longer is cut
 constexpr std::size_t longest_number = 12; // "-2147483648" and its NUL
+constexpr std::size_t usual_line = 512;    // longer lines are handed over in pieces
 
-void put(const char *text, std::size_t length) { fwrite_unlocked(text, 1, length, stdout); }
+struct line_text {
+  std::array<char, usual_line> characters;
+  std::size_t length;
+};
 
-// Appends text, then blanks up to `width`. Returns the new end.
-char *append_left(char *end, const char *text, std::size_t length, std::size_t width) {
-  end = std::copy_n(text, length, end);
-  return length < width ? std::fill_n(end, width - length, ' ') : end;
+void hand_over(line_text &line) {
+  fwrite_unlocked(line.characters.data(), 1, line.length, stdout);
+  line.length = 0;
 }
 
-// Appends a number after blanks or zeros up to `width`.
-char *append_number(char *end, long long number, int base, std::size_t width, char fill) {
-  std::array<char, 24> digits;
+void append(line_text &line, const char *text, std::size_t length) {
+  if (length > usual_line - line.length) {
+    hand_over(line);
+    if (length > usual_line) {
+      fwrite_unlocked(text, 1, length, stdout);
+      return;
+    }
+  }
+  std::memcpy(&line.characters[line.length], text, length);
+  line.length += length;
+}
+
+void append_fill(line_text &line, char fill, std::size_t length, std::size_t width) {
+  constexpr std::size_t widest = function_width;
+  std::array<char, widest> filled;
+  if (length < width) {
+    filled.fill(fill);
+    append(line, filled.data(), width - length);
+  }
+}
+
+// Text, then blanks up to `width`.
+void append_left(line_text &line, const char *text, std::size_t width) {
+  const std::size_t length = strnlen(text, longest_name);
+  append(line, text, length);
+  append_fill(line, ' ', length, width);
+}
+
+// A number after blanks or zeros up to `width`.
+void append_number(line_text &line, long long number, int base, std::size_t width, char fill) {
+  std::array<char, longest_number + 12> digits;
   const std::to_chars_result result = std::to_chars(digits.data(), digits.data() + digits.size(), number, base);
   const auto length = static_cast<std::size_t>(result.ptr - digits.data());
-  if (length < width) {
-    end = std::fill_n(end, width - length, fill);
-  }
-  return std::copy_n(digits.data(), length, end);
+  append_fill(line, fill, length, width);
+  append(line, digits.data(), length);
 }
 
 // "D:mld :mld_proxy_stop                      #  81: "
-void put_prefix(char level, const log_site &site) {
-  std::array<char, 2 * longest_name + 32> prefix;
-  char *end = prefix.data();
-  *end++ = level;
-  *end++ = ':';
-  end = append_left(end, site.tag, strnlen(site.tag, longest_name), tag_width);
-  *end++ = ':';
-  end = append_left(end, site.function, strnlen(site.function, longest_name), function_width);
-  *end++ = '#';
-  end = append_number(end, site.line, 10, line_width, ' ');
-  *end++ = ':';
-  *end++ = ' ';
-  put(prefix.data(), static_cast<std::size_t>(end - prefix.data()));
-}
-
-void put_number(long long number, int base, std::size_t width) {
-  std::array<char, longest_number + 16> text;
-  const char *end = append_number(text.data(), number, base, width, '0');
-  put(text.data(), static_cast<std::size_t>(end - text.data()));
+void append_prefix(line_text &line, char level, const log_site &site) {
+  append(line, &level, 1);
+  append(line, ":", 1);
+  append_left(line, site.tag, tag_width);
+  append(line, ":", 1);
+  append_left(line, site.function, function_width);
+  append(line, "#", 1);
+  append_number(line, site.line, 10, line_width, ' ');
+  append(line, ": ", 2);
 }
 
 // Writes the conversion that starts at `conversion` (its '%'). Returns what follows it, or null if it is not one of the
 // few that the daemon's lines are made of.
-const char *put_conversion(const char *conversion, va_list &arguments) {
-  if (std::strncmp(conversion, "%s", 2) == 0) {
+const char *append_conversion(line_text &line, const char *conversion, va_list &arguments) {
+  switch (conversion[1]) {
+  case 's': {
     const char *text = va_arg(arguments, const char *);
-    put(text, std::strlen(text));
+    append(line, text, std::strlen(text));
     return conversion + 2;
   }
-  if (std::strncmp(conversion, "%d", 2) == 0) {
-    put_number(va_arg(arguments, int), 10, 0);
+  case 'd':
+    append_number(line, va_arg(arguments, int), 10, 0, ' ');
     return conversion + 2;
-  }
-  if (std::strncmp(conversion, "%u", 2) == 0) {
-    put_number(va_arg(arguments, unsigned int), 10, 0);
+  case 'u':
+    append_number(line, va_arg(arguments, unsigned int), 10, 0, ' ');
     return conversion + 2;
+  default:
+    break;
   }
   if (std::strncmp(conversion, "%02x", 4) == 0) {
-    put_number(va_arg(arguments, unsigned int), 16, 2);
+    append_number(line, va_arg(arguments, unsigned int), 16, 2, '0');
     return conversion + 4;
   }
   return nullptr;
 }
 
-void put_message(const char *format, va_list &arguments) {
+void append_message(line_text &line, const char *format, va_list &arguments) {
   while (*format != '\0') {
     const char *conversion = strchrnul(format, '%');
-    put(format, static_cast<std::size_t>(conversion - format));
+    append(line, format, static_cast<std::size_t>(conversion - format));
     if (*conversion == '\0') {
       return;
     }
-    format = put_conversion(conversion, arguments);
+    format = append_conversion(line, conversion, arguments);
     if (format == nullptr) {
+      hand_over(line);
       std::vprintf(conversion, arguments);
       return;
     }
@@ -99,8 +122,12 @@ void put_message(const char *format, va_list &arguments) {
 }
 
 void log_line(char level, const log_site &site, const char *format, va_list &arguments) {
-  put_prefix(level, site);
-  put_message(format, arguments);
+  line_text line;
+  line.length = 0;
+  append_prefix(line, level, site);
+  hand_over(line);
+  append_message(line, format, arguments);
+  hand_over(line);
   putchar_unlocked('\n');
 }
 

@@ -1,27 +1,11 @@
 #include "igmp/igmp_router.h"
 
 #include "core/log.h"
-#include "core/memory.h"
+#include "core/pool.h"
 #include "igmp/igmp_shutdown.h"
 
 igmp_router IgmpRouter{};
 std::uint32_t IgmpStartUpQueryIsSend = 0;
-
-namespace {
-
-// Returns false when an allocation failed; records made so far stay in the pool.
-template <typename record> bool fill_pool(list *pool, int size) {
-  for (int i = 0; i < size; ++i) {
-    record *fresh = my_malloc_record<record>();
-    if (fresh == nullptr) {
-      return false;
-    }
-    list_add(pool, &fresh->link);
-  }
-  return true;
-}
-
-} // namespace
 
 // Defaults of RFC 2236, section 8, where it has one.
 void init_igmp_config() {

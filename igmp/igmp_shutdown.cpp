@@ -1,6 +1,7 @@
 #include "igmp/igmp_shutdown.h"
 
 #include "core/memory.h"
+#include "core/pool.h"
 #include "core/shell.h"
 #include "igmp/igmp_group.h"
 #include "igmp/igmp_membership.h"
@@ -44,12 +45,6 @@ void unregister_interface(log_site site, const igmp_interface *intr) {
   }
   if (ProxyMode == PROXY_MODE_4TO6) {
     igmp_delete_mif(site, intr);
-  }
-}
-
-void free_pool(list *pool) {
-  for (list_node *record = list_remove(pool); record != nullptr; record = list_remove(pool)) {
-    my_free(record);
   }
 }
 

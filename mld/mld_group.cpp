@@ -2,8 +2,6 @@
 
 #include "mld/mld_wire.h"
 
-#include <algorithm>
-
 namespace {
 
 constexpr std::uint32_t tenths_per_second = 10;
@@ -23,7 +21,7 @@ mld_query *take_query(const ipv6_address &group) {
 
 mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address) {
   mld_group *group = list_first<mld_group>(&intr->groups);
-  while (group != nullptr && group->group != address) {
+  while (group != nullptr && !is_same_address(group->group, address)) {
     group = list_after(group);
   }
   return group;
@@ -76,7 +74,7 @@ bool mld_queue_queries(mld_group *group) {
 
 mld_source *mld_find_source(mld_group *group, const ipv6_address &address) {
   for (mld_source &slot : mld_sources(group)) {
-    if (slot.address == address) {
+    if (is_same_address(slot.address, address)) {
       return &slot;
     }
   }
@@ -94,9 +92,4 @@ mld_source *mld_append_source(mld_group *group, const ipv6_address &address, std
   slot.forward = forward;
   group->source_count = static_cast<std::int32_t>(used + 1);
   return &slot;
-}
-
-std::span<mld_source> mld_sources(mld_group *group) {
-  const auto used = static_cast<std::size_t>(std::clamp(group->source_count, 0, MLD_MAX_SOURCES));
-  return std::span<mld_source>(group->sources).first(used);
 }

@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "mld/mld_router.h"
 
+#include <algorithm>
 #include <span>
 
 // The interface's record of a group; null if it has none.
@@ -34,5 +35,8 @@ mld_source *mld_find_source(mld_group *group, const ipv6_address &address);
 // Appends a slot with a full source timer. Returns null when all slots are taken: the source is not recorded.
 mld_source *mld_append_source(mld_group *group, const ipv6_address &address, std::uint32_t forward);
 
-// The used slots; never more than there are.
-std::span<mld_source> mld_sources(mld_group *group);
+// The used slots; never more than there are. Inline: every tick walks the slots of all groups.
+inline std::span<mld_source> mld_sources(mld_group *group) {
+  const auto used = static_cast<std::size_t>(std::clamp(group->source_count, 0, MLD_MAX_SOURCES));
+  return std::span<mld_source>(group->sources).first(used);
+}

@@ -9,7 +9,7 @@ namespace {
 constexpr std::uint32_t reported_host_state = 2; // no reader; firmware tools see it in memory dumps
 
 bool matches(const mld_host *record, const ipv6_address &group, const ipv6_address &host, const ipv6_address &source) {
-  if (record->group != group) {
+  if (!is_same_address(record->group, group)) {
     return false;
   }
   if (host != In6AddrAny) {
@@ -58,10 +58,10 @@ int mld_router_host_del(mld_interface *intr, const ipv6_address &group, const ip
   if (record == nullptr) {
     return 0;
   }
-  std::array<char, INET6_ADDRSTRLEN> text{};
-  inet_ntop(AF_INET6, record->host.data(), text.data(), text.size());
   const int unlinked = list_remove_node(&intr->hosts, &record->link);
   if (unlinked == -1) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET6, record->host.data(), text.data(), text.size());
     log_debug(MLD_HERE, "list_remove_node fail: host = %s\n ", text.data());
   }
   return unlinked;

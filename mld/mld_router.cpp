@@ -1,29 +1,13 @@
 #include "mld/mld_router.h"
 
 #include "core/log.h"
-#include "core/memory.h"
+#include "core/pool.h"
 #include "mld/mld_shutdown.h"
 
 mld_router MldRouter{};
 std::uint32_t MldBlock = 0;
 std::uint32_t MldStartUpQueryIsSend = 0;
 ipv6_address mld_tmp_origin{};
-
-namespace {
-
-// Returns false when an allocation failed; records made so far stay in the pool.
-template <typename record> bool fill_pool(list *pool, int size) {
-  for (int i = 0; i < size; ++i) {
-    record *fresh = my_malloc_record<record>();
-    if (fresh == nullptr) {
-      return false;
-    }
-    list_add(pool, &fresh->link);
-  }
-  return true;
-}
-
-} // namespace
 
 // Defaults of RFC 3810, section 9, where it has one.
 int init_mld_config() {

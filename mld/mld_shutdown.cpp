@@ -1,6 +1,7 @@
 #include "mld/mld_shutdown.h"
 
 #include "core/memory.h"
+#include "core/pool.h"
 #include "mld/mld_group.h"
 #include "mld/mld_membership.h"
 #include "mld/mld_options.h"
@@ -36,12 +37,6 @@ void delete_mif(log_site site, const mld_interface *intr) {
   mif6ctl request{};
   request.mif6c_mifi = static_cast<mifi_t>(intr->vif_index);
   kernel_request(site, request_log::both, MldRouter.socket, MLD_OPTION_MRT6_DEL_MIF, request);
-}
-
-void free_pool(list *pool) {
-  for (list_node *record = list_remove(pool); record != nullptr; record = list_remove(pool)) {
-    my_free(record);
-  }
 }
 
 void stop_interfaces() {

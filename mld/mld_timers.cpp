@@ -82,7 +82,8 @@ void expire_source(mld_interface *intr, mld_group *group, const mld_source &slot
 
 // Slots may move down and all their timers may be cleared while they are walked; what follows then runs out at once.
 void run_source_timers(mld_interface *intr, mld_group *group, record_scratch scratch) {
-  for (std::size_t i = 0; i < mld_sources(group).size(); ++i) {
+  std::size_t used = mld_sources(group).size();
+  for (std::size_t i = 0; i < used; ++i) {
     mld_source &slot = group->sources[i];
     --slot.source_timer;
     ++group->active_seconds;
@@ -93,6 +94,7 @@ void run_source_timers(mld_interface *intr, mld_group *group, record_scratch scr
     if (group->state == MLD_GROUP_NO_MEMBERS) {
       return; // back in the pool with its last source
     }
+    used = mld_sources(group).size();
   }
 }
 

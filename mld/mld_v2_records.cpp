@@ -19,9 +19,31 @@ std::int32_t membership_seconds() { return static_cast<std::int32_t>(MldRouter.g
 
 std::int32_t source_seconds() { return static_cast<std::int32_t>(MldRouter.source_interval); }
 
-// Allow and block handle no more sources than a group can hold.
-std::size_t handled_sources(const mld_record &record) {
-  return std::min(mld_record_source_count(record), max_handled_sources);
+// Allow and block handle no more sources than a group can hold. Logs a record that has none.
+std::size_t handled_sources(log_site site, const mld_record &record) {
+  const std::size_t count = std::min(mld_record_source_count(record), max_handled_sources);
+  if (count == 0) {
+    log_debug(site, "No sources need to be added.");
+  }
+  return count;
+}
+
+bool is_skipped(log_site site, const ipv6_address &group) {
+  if (!is_link_local_group(group)) {
+    return false;
+  }
+  log_debug(site, "Skip local multicast group address: %s", ADDRESS_TEXT(group));
+  return true;
+}
+
+// Null after logging. The line says "skip" in either step, though ALLOW goes on and creates the group.
+mld_group *find_recorded_group(log_site site, const mld_interface *intr, const ipv6_address &address) {
+  mld_group *group = mld_find_group(intr, address);
+  if (group == nullptr) {
+    log_debug(site, "Cannot find group: %s on interface: %s, skip new source record.", ADDRESS_TEXT(address),
+              intr->name.data());
+  }
+  return group;
 }
 
 // A record sent from :: carries no usable source: the one that expired last takes its place, in the packet, too.
@@ -119,6 +141,15 @@ void allow_source(mld_group *group, const ipv6_address &source, bool has_any_sou
   }
 }
 
+// The slots keep their timers: a source that other hosts refreshed lately is not even asked for.
+void check_blocked_group(mld_group *group) {
+  group->retransmit_word = 0;
+  group->retransmit_timer = static_cast<std::int32_t>(MldRouter.last_member_query_interval);
+  group->group_timer =
+      static_cast<std::int32_t>(MldRouter.last_member_query_count * MldRouter.last_member_query_interval);
+  group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
+}
+
 } // namespace
 
 void mld_router_v2_exclude_group(mld_interface *intr, const mld_record &record, const ipv6_address &sender) {
@@ -141,22 +172,18 @@ void mld_router_v2_exclude_group(mld_interface *intr, const mld_record &record, 
 }
 
 void mld_router_v2_allow_new_sources(mld_interface *intr, const mld_record &record, const ipv6_address &sender) {
-  const std::size_t count = handled_sources(record);
+  const std::size_t count = handled_sources(MLD_HERE, record);
   if (count == 0) {
-    log_debug(MLD_HERE, "No sources need to be added.");
     return;
   }
   log_debug(MLD_HERE, "nsrcs = %d", static_cast<int>(count));
   const ipv6_address address = mld_record_group(record);
-  if (is_link_local_group(address)) {
-    log_debug(MLD_HERE, "Skip local multicast group address: %s", ADDRESS_TEXT(address));
+  if (is_skipped(MLD_HERE, address)) {
     return;
   }
-  mld_group *group = mld_find_group(intr, address);
+  mld_group *group = find_recorded_group(MLD_HERE, intr, address);
   if (group == nullptr) {
-    // Says "skip", but a host that allows sources of a group nobody knew gets them.
-    log_debug(MLD_HERE, "Cannot find group: %s on interface: %s, skip new source record.", ADDRESS_TEXT(address),
-              intr->name.data());
+    // A host that allows sources of a group nobody knew gets them.
     mld_router_v2_add_src_group(intr, record, joined_sources::listed, sender);
     return;
   }
@@ -174,20 +201,16 @@ void mld_router_v2_allow_new_sources(mld_interface *intr, const mld_record &reco
 }
 
 void mld_router_v2_block_old_sources(mld_interface *intr, const mld_record &record, const ipv6_address &sender) {
-  const std::size_t count = handled_sources(record);
+  const std::size_t count = handled_sources(MLD_HERE, record);
   if (count == 0) {
-    log_debug(MLD_HERE, "No sources need to be added.");
     return;
   }
   const ipv6_address address = mld_record_group(record);
-  if (is_link_local_group(address)) {
-    log_debug(MLD_HERE, "Skip local multicast group address: %s", ADDRESS_TEXT(address));
+  if (is_skipped(MLD_HERE, address)) {
     return;
   }
-  mld_group *group = mld_find_group(intr, address);
+  mld_group *group = find_recorded_group(MLD_HERE, intr, address);
   if (group == nullptr) {
-    log_debug(MLD_HERE, "Cannot find group: %s on interface: %s, skip new source record.", ADDRESS_TEXT(address),
-              intr->name.data());
     return;
   }
   for (std::size_t i = 0; i < count; ++i) {
@@ -207,12 +230,7 @@ void mld_router_v2_block_old_sources(mld_interface *intr, const mld_record &reco
     if (mld_find_source(group, source) == nullptr) {
       continue; // the query is queued all the same, and waits until the group is checked
     }
-    // The slot keeps its timer: a source that other hosts refreshed lately is not even asked for.
-    group->retransmit_word = 0;
-    group->retransmit_timer = static_cast<std::int32_t>(MldRouter.last_member_query_interval);
-    group->group_timer =
-        static_cast<std::int32_t>(MldRouter.last_member_query_count * MldRouter.last_member_query_interval);
-    group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
+    check_blocked_group(group);
     log_debug(MLD_HERE, "group: %s, set retransmit_timer = %d", ADDRESS_TEXT(group->group), group->retransmit_timer);
   }
 }

@@ -139,6 +139,6 @@ long seconds_running(const process_facts &facts) {
   if (ticks_per_second <= 0 || clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
     return -1;
   }
-  const long started = static_cast<long>(facts.start_ticks / static_cast<std::uint64_t>(ticks_per_second));
-  return now.tv_sec > started ? static_cast<long>(now.tv_sec) - started : 0;
+  const auto started = static_cast<std::int64_t>(facts.start_ticks / static_cast<std::uint64_t>(ticks_per_second));
+  return now.tv_sec > started ? static_cast<long>(now.tv_sec - started) : 0;
 }

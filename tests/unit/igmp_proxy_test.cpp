@@ -254,6 +254,14 @@ void given_nvram(const lines &entries) {
   nvram_file_forget();
 }
 
+lines joined(std::initializer_list<lines> parts) {
+  lines all;
+  for (const lines &part : parts) {
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  return all;
+}
+
 lines broken_igmp_invariants(bool has_whole_pools) {
   lines complaints;
   std::set<const void *> met;

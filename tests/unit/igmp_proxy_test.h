@@ -6,6 +6,7 @@
 #include "proxy_test.h"
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,9 @@ void given_nvram(const lines &entries);
 
 // The line that discovery, reception and the rest write before a datagram is looked at.
 std::string received_line(const std::string &sender, const std::string &destination, int ifindex);
+
+// Parts of an expected transcript, one behind the other.
+lines joined(std::initializer_list<lines> parts);
 
 // Complaints about records of the IGMP side, empty if all is well.
 lines broken_igmp_invariants(bool has_whole_pools);

@@ -42,14 +42,6 @@ lines clean_lines(const std::string &name, int index, const std::string &flag_so
   };
 }
 
-lines joined(std::initializer_list<lines> parts) {
-  lines all;
-  for (const lines &part : parts) {
-    all.insert(all.end(), part.begin(), part.end());
-  }
-  return all;
-}
-
 lines report_lines() {
   return {
       logged_debug(stopping, "No memory leaks detected."),

@@ -3,16 +3,12 @@
 
 #include "igmp/igmp_group.h"
 #include "igmp/igmp_leave.h"
-#include "igmp/igmp_query.h"
 #include "igmp/igmp_report.h"
 #include "igmp/igmp_retransmission.h"
-#include "igmp/igmp_snooping.h"
 #include "igmp_proxy_test.h"
 #include "request_text.h"
 
 #include <cerrno>
-#include <cstring>
-#include <filesystem>
 
 namespace {
 
@@ -126,70 +122,6 @@ TEST_F(igmp_querier_timers, non_querier_takes_the_role_back_and_queries_on_the_t
   EXPECT_EQ(br0->is_querier, 1);
   when_ticked();
   then({general_query("br0")});
-}
-
-TEST_F(igmp_querier_timers, refused_query_is_logged_and_the_timer_goes_on) {
-  given_failure("sendto(lan1", ENETUNREACH);
-  when_ticked();
-  then({
-      general_query("lan1"),
-      logged_error("igmp_router_send_query", "Unable to send query ErrorNumber:" + std::to_string(ENETUNREACH) + "."),
-      general_query("br0"),
-  });
-  EXPECT_EQ(lan1->query_timer, 29);
-}
-
-struct igmp_sending : igmp_test {
-  std::vector<std::uint8_t> sent_for(const std::string &group, int code) {
-    when([&] { igmp_router_send_query(br0, static_cast<std::uint8_t>(code), word(group)); });
-    then({sent("br0", group)});
-    return Kernel.frames.back();
-  }
-};
-
-// Internet checksum in the order of the wire, carries folded to the end.
-std::uint32_t receiver_sum(const std::vector<std::uint8_t> &message) {
-  std::uint32_t sum = 0;
-  for (std::size_t i = 0; i < message.size(); i += 2) {
-    sum += static_cast<std::uint32_t>(message[i] << 8 | message[i + 1]);
-  }
-  while (sum > 0xffff) {
-    sum = (sum >> 16) + (sum & 0xffff);
-  }
-  return sum;
-}
-
-TEST_F(igmp_sending, group_query_goes_to_its_group) {
-  const std::vector<std::uint8_t> message = sent_for(group_address, 10);
-  EXPECT_EQ(hex_text(message.data(), message.size()), "110afdf0ef010203");
-}
-
-TEST_F(igmp_sending, receivers_find_the_checksum_good) {
-  for (int i = 0; i < 256; ++i) {
-    const std::string group =
-        "2" + std::to_string(24 + i % 16) + "." + std::to_string(i) + ".77." + std::to_string(255 - i);
-    EXPECT_EQ(receiver_sum(sent_for(group, 10)), 0xffffu) << group;
-  }
-}
-
-TEST_F(igmp_sending, sum_that_carries_twice_is_folded_once) {
-  // Type and code, then two words of the group that bring the sum of native words to 0x1ffff.
-  const std::array<std::uint8_t, 2> first{0x11, 10};
-  std::uint16_t start;
-  std::memcpy(&start, first.data(), sizeof(start));
-  std::array<std::uint16_t, 2> words{};
-  words[0] = 0xfefe;
-  words[1] = static_cast<std::uint16_t>(0x1ffff - start - words[0]);
-  std::uint32_t group;
-  std::memcpy(&group, words.data(), sizeof(group));
-  const std::vector<std::uint8_t> message = sent_for(wire_text(group), 10);
-  EXPECT_EQ(hex_text(&message[2], 2), "ffff"); // 0x1ffff becomes 0x10000, whose low half is complemented
-}
-
-TEST_F(igmp_sending, non_querier_sends_nothing) {
-  br0->is_querier = 0;
-  when([&] { igmp_router_send_query(br0, 10, word(group_address)); });
-  then({});
 }
 
 struct tick_row {
@@ -448,40 +380,12 @@ TEST_F(igmp_group_timers, leftover_queries_of_an_expired_group_come_back) {
   EXPECT_EQ(length(IgmpRouter.free_queries), IGMP_QUERY_POOL_SIZE);
 }
 
-TEST_F(igmp_group_timers, leave_record_names_a_source_only_if_there_is_one) {
-  int result = -1;
-  when([&] { result = igmp_snooping_leave(word("192.0.2.7"), word(group_address)); });
-  then(record_lines);
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(file_contents(leave_record), "src=192.0.2.7\ngrp=239.1.2.3\n");
-  when([&] { igmp_snooping_leave(InAddrAny, word("239.255.255.255")); });
-  then(record_lines);
-  EXPECT_EQ(file_contents(leave_record), "grp=239.255.255.255\n");
-}
-
-TEST_F(igmp_group_timers, refused_command_is_reported_by_its_result) {
-  given_failure("system(", ENOMEM);
-  int result = 0;
-  when([&] { result = igmp_snooping_leave(InAddrAny, word(group_address)); });
-  then(record_lines);
-  EXPECT_EQ(result, -1);
-}
-
 TEST_F(igmp_group_timers, leave_record_that_cannot_be_opened_wakes_nobody_and_the_group_still_ends) {
   given_failure("open(", EACCES);
   given_group(br0, group_address)->group_timer = 0;
   when_ticked();
   then_in_order({record_lines[0], no_members_line(group_timer)});
   EXPECT_TRUE(Kernel.commands.empty());
-}
-
-TEST_F(igmp_group_timers, leave_record_does_not_follow_a_planted_link) {
-  std::filesystem::create_symlink(Kernel.directory + "/victim", redirected(leave_record));
-  int result = 0;
-  when([&] { result = igmp_snooping_leave(InAddrAny, word(group_address)); });
-  then({record_lines[0]});
-  EXPECT_EQ(result, -1);
-  EXPECT_FALSE(std::filesystem::exists(Kernel.directory + "/victim"));
 }
 
 } // namespace

@@ -109,7 +109,9 @@ TEST_F(mld_link_local, broken_lines_are_reported_and_skipped) {
 }
 
 TEST_F(mld_link_local, line_longer_than_the_buffer_is_read_in_pieces) {
-  given_table(std::string(1500, 'x') + "\nfe800000000000000000000000000003 03 40 20 80      br0\n");
+  std::string table(1500, 'x');
+  table += "\nfe800000000000000000000000000003 03 40 20 80      br0\n";
+  given_table(table);
   when_read();
   then({"fopen(/proc/net/if_inet6, r)", broken_line, broken_line});
   EXPECT_EQ(result, 0);

@@ -1,0 +1,29 @@
+// What a benchmark prints: one figure a line, for bench/write_report.py to judge and lay out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+enum class judged { ratio, value, nothing }; // what the goal is about
+
+struct goal {
+  judged what;
+  double limit; // at most
+};
+
+inline constexpr goal no_goal{judged::nothing, 0};
+
+// Prints "figure|topic|name|unit|value|floor|judged|limit" on standard error (standard output is the log under
+// measurement). Floor 0: there is none.
+void print_figure(const std::string &topic, const std::string &name, const std::string &unit, double value,
+                  double floor, goal to_reach);
+
+// Prints a line of explanation that the report puts under the topic's table.
+void print_note(const std::string &topic, const std::string &text);
+
+double median(std::vector<double> values);
+double percentile(std::vector<double> values, double percent);
+
+std::int64_t now_ns();        // CLOCK_MONOTONIC
+std::int64_t thread_cpu_ns(); // CLOCK_THREAD_CPUTIME_ID

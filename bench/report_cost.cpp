@@ -1,0 +1,237 @@
+// What a report costs the daemon, beside the floor, on the real kernel. Two networks, one process:
+//
+//     host0 === down0 [ daemon's functions ] up0 === source0
+//     host1 === down1 [ floor              ] up1 === source1
+//
+// Reports are put on the host's end of the link and wait in the socket; only what follows is timed: the wait, the
+// receive, and all that is done with it, in processor time, so that waiting for a processor does not count. The
+// variants take turns within each round, a few reports each.
+
+#include "bench/figure.h"
+#include "bench/report_case.h"
+#include "core/standard_streams.h"
+
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned reports_per_turn = 16; // the receive queue holds 256
+constexpr unsigned rounds = 150;
+constexpr std::array<unsigned, 5> group_counts{1, 32, 64, 96, 127};
+
+struct bench_world {
+  floor_proxy floor;
+  int daemon_injector;
+  int floor_injector;
+  std::array<int, 2> pipe;
+  FILE *quiet; // where the scene is set
+  std::map<std::string, FILE *> logs;
+};
+
+// A pipe as the daemon makes it of its standard output, and a reader in a process of its own.
+FILE *open_pipe_with_reader() {
+  std::array<int, 2> ends;
+  if (pipe(ends.data()) == -1) {
+    give_up("pipe");
+  }
+  if (fork() == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    close(ends[1]);
+    std::array<char, 65536> taken;
+    while (read(ends[0], taken.data(), taken.size()) > 0) {
+    }
+    _exit(0);
+  }
+  close(ends[0]);
+  const int own_output = dup(STDOUT_FILENO);
+  dup2(ends[1], STDOUT_FILENO);
+  protect_standard_streams();
+  const int log = dup(STDOUT_FILENO);
+  dup2(own_output, STDOUT_FILENO);
+  return fdopen(log, "w");
+}
+
+void wait_until_readable(int socket) {
+  pollfd waited{socket, POLLIN, 0};
+  if (poll(&waited, 1, 1000) != 1) {
+    give_up("a report did not arrive");
+  }
+}
+
+double clock_cost_ns() {
+  std::vector<double> costs;
+  for (int i = 0; i < 1001; ++i) {
+    const std::int64_t start = thread_cpu_ns();
+    costs.push_back(static_cast<double>(thread_cpu_ns() - start));
+  }
+  return median(costs);
+}
+
+// A log reader that lags behind would slow the log down, or lose it: each turn begins with an empty pipe.
+void wait_until_taken(FILE *log) {
+  int waiting = 0;
+  for (int tries = 0; tries < 1000 && ioctl(fileno(log), FIONREAD, &waiting) == 0 && waiting > 0; ++tries) {
+    usleep(1000);
+  }
+}
+
+void queue_reports(int injector, report_case which) {
+  const frame report = report_case_frame(which);
+  for (unsigned i = 0; i < reports_per_turn; ++i) {
+    inject(injector, report);
+  }
+}
+
+// Nanoseconds for each of a turn's reports.
+double daemon_turn(bench_world &world, report_case which, FILE *log, double clock_ns) {
+  wait_until_taken(log);
+  set_daemon_scene(which);
+  queue_reports(world.daemon_injector, which);
+  double spent = 0;
+  for (unsigned i = 0; i < reports_per_turn; ++i) {
+    const host_records hosts = linked_hosts_of(group_number(target_number));
+    wait_until_readable(MldRouter.socket);
+    switch_log(log);
+    const std::int64_t start = thread_cpu_ns();
+    linked_receive(world.pipe[0]);
+    spent += static_cast<double>(thread_cpu_ns() - start) - clock_ns;
+    switch_log(world.quiet);
+    restore_daemon_scene(which, hosts);
+  }
+  clear_daemon_scene();
+  return spent / reports_per_turn;
+}
+
+double floor_turn(bench_world &world, report_case which, double clock_ns) {
+  set_floor_scene(world.floor, which);
+  queue_reports(world.floor_injector, which);
+  floor_message message;
+  double spent = 0;
+  for (unsigned i = 0; i < reports_per_turn; ++i) {
+    wait_until_readable(world.floor.router_socket);
+    const std::int64_t start = thread_cpu_ns();
+    floor_receive(world.floor, message);
+    floor_requests(world.floor, which);
+    spent += static_cast<double>(thread_cpu_ns() - start) - clock_ns;
+    restore_floor_scene(world.floor, which);
+  }
+  clear_floor_scene(world.floor, which);
+  return spent / reports_per_turn;
+}
+
+using turns = std::map<std::string, std::vector<double>>;
+
+turns measure(bench_world &world, report_case which, double clock_ns) {
+  turns all;
+  for (unsigned round = 0; round < rounds; ++round) {
+    all["floor"].push_back(floor_turn(world, which, clock_ns));
+    for (const auto &[name, log] : world.logs) {
+      all[name].push_back(daemon_turn(world, which, log, clock_ns));
+    }
+  }
+  return all;
+}
+
+void add_groups(bench_world &world, unsigned from, unsigned to) {
+  for (unsigned number = from; number < to; ++number) {
+    linked_apply(MLD2_MODE_IS_EXCLUDE, group_number(number), {});
+    floor_join(world.floor, group_number(number));
+    floor_add_entry(world.floor, In6AddrAny, group_number(number));
+  }
+}
+
+void build_world(bench_world &world) {
+  std::signal(SIGPIPE, SIG_IGN);
+  const network daemon_side = make_network();
+  const network floor_side = make_network();
+  const network outside = make_network();
+  world.quiet = std::fopen("/dev/null", "w");
+  switch_log(world.quiet);
+  make_link(daemon_side, "down0", outside, "host0");
+  make_link(daemon_side, "up0", outside, "source0");
+  make_link(floor_side, "down1", outside, "host1");
+  make_link(floor_side, "up1", outside, "source1");
+  enter_network(outside);
+  world.daemon_injector = open_injector("host0");
+  world.floor_injector = open_injector("host1");
+  enter_network(floor_side);
+  world.floor = floor_open("up1", "down1");
+  prepare_kernel(world.floor.upstream, world.floor.downstream);
+  enter_network(daemon_side);
+  linked_start("up0", "down0");
+  prepare_kernel(if_nametoindex("up0"), if_nametoindex("down0"));
+  if (pipe(world.pipe.data()) == -1) {
+    give_up("pipe");
+  }
+}
+
+struct kept_figure {
+  std::map<unsigned, double> by_groups;
+};
+
+void print_costs(report_case which, unsigned groups, const turns &all, std::map<std::string, kept_figure> &kept) {
+  const double floor = median(all.at("floor"));
+  kept["floor"].by_groups[groups] = floor;
+  for (const auto &[name, costs] : all) {
+    if (name == "floor") {
+      continue;
+    }
+    // The rounds' own ratios, so that what slows the machine down slows both.
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < costs.size(); ++i) {
+      ratios.push_back(costs[i] / all.at("floor")[i]);
+    }
+    kept[name].by_groups[groups] = median(costs);
+    const double limit = name == "no log" ? 1.15 : 2;
+    print_figure("report", std::string(report_case_name(which)) + ", " + name + ", " + std::to_string(groups), "us",
+                 median(ratios) * floor / 1000, floor / 1000, goal{judged::ratio, limit});
+  }
+}
+
+void print_growth(report_case which, const std::map<std::string, kept_figure> &kept, bool is_mute) {
+  for (const auto &[name, costs] : kept) {
+    if (name == "floor" && !is_mute) {
+      continue; // once is enough
+    }
+    const goal to_reach = name == "floor" ? no_goal : goal{judged::ratio, 1.3};
+    print_figure("growth", std::string(report_case_name(which)) + ", " + name, "us", costs.by_groups.at(127) / 1000,
+                 costs.by_groups.at(1) / 1000, to_reach);
+  }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  const bool is_mute = argc > 1 && std::strcmp(argv[1], "--mute") == 0;
+  const char *folder = argc > 2 ? argv[2] : "/tmp";
+  bench_world world{};
+  build_world(world);
+  if (is_mute) {
+    world.logs["no log"] = std::fopen("/dev/null", "w");
+  } else {
+    world.logs["/dev/null"] = std::fopen("/dev/null", "w");
+    world.logs["file"] = std::fopen((std::string(folder) + "/report_cost.log").c_str(), "w");
+    world.logs["pipe"] = open_pipe_with_reader();
+  }
+  std::map<report_case, std::map<std::string, kept_figure>> kept;
+  const double clock_ns = clock_cost_ns();
+  unsigned groups = 0;
+  for (const unsigned wanted : group_counts) {
+    add_groups(world, groups, wanted);
+    groups = wanted;
+    for (const report_case which : all_report_cases) {
+      print_costs(which, groups, measure(world, which, clock_ns), kept[which]);
+    }
+  }
+  for (const report_case which : all_report_cases) {
+    print_growth(which, kept[which], is_mute);
+  }
+  return 0;
+}
