@@ -632,16 +632,18 @@ int __wrap_select(int limit, fd_set *readable, fd_set *writable, fd_set *excepti
   }
   Kernel.select_limit = limit;
   const bool waits_plainly = writable == nullptr && exceptional == nullptr && timeout == nullptr;
-  return request("select(" + watched_text(limit, readable) + ")" + (waits_plainly ? "" : " with more than reading"))
-             ? -1
-             : answer_select(readable);
+  // By itself: the answer may end the run with a jump, which would leave the text allocated.
+  const bool is_refused =
+      request("select(" + watched_text(limit, readable) + ")" + (waits_plainly ? "" : " with more than reading"));
+  return is_refused ? -1 : answer_select(readable);
 }
 
 ssize_t __wrap_read(int descriptor, void *buffer, std::size_t room) {
   if (!IsActive || descriptor != PIPE_READ_END) {
     return __real_read(descriptor, buffer, room);
   }
-  return request("read(pipe, " + std::to_string(room) + ")") ? -1 : read_pipe(buffer, room);
+  const bool is_refused = request("read(pipe, " + std::to_string(room) + ")");
+  return is_refused ? -1 : read_pipe(buffer, room);
 }
 
 ssize_t __wrap_write(int descriptor, const void *bytes, std::size_t length) {
