@@ -4,6 +4,8 @@ What the fixed pools make impossible: while a flood holds all 128 groups, no fur
 nobody reports any more gives its record back after 350 s, and the next general query brings the host that was refused
 back. Groups that were known before the flood keep their streams all the time.
 
+The floods come by a LAN without a bridge: a bridge that looks at multicast drops much of what is malformed.
+
 Each flood is short here. With HOSTILE_LONG=N in the environment it is N times as long.
 """
 
@@ -36,7 +38,7 @@ POOL_FILLERS = ("groups", "malformed", "sources")
 
 def start_flood(lab, kind):
     count, per_second = FLOODS[kind]
-    return start(lab, "host2", program("mld_flood"), "-i", "eth0", "-k", kind, "-n", str(count * LENGTH), "-r",
+    return start(lab, "host3", program("mld_flood"), "-i", "eth0", "-k", kind, "-n", str(count * LENGTH), "-r",
                  str(per_second))
 
 
@@ -71,26 +73,50 @@ def joined_groups(lab):
     return {group for group in kernel_view.memberships(lab, "wan0") if not group.startswith(("ff01", "ff02"))}
 
 
+@pytest.fixture(name="lab")
+def lab_with_a_lan_without_bridge(make_lab):
+    return make_lab(second_lan=True)
+
+
 def start_router(lab, ticks_per_second=1):
     """The proxy with a listener that was there before anything bad happened; daemon, keeper of its log, listener."""
-    daemon, keeper = start_daemon_with_short_log(lab, ticks_per_second=ticks_per_second)
-    start_companion(lab)
+    lans = "br0,lan1"
+    daemon, keeper = start_daemon_with_short_log(lab, "-u", "wan0", "-d", lans, ticks_per_second=ticks_per_second)
+    start_companion(lab, lans)
     listener = listen(lab, "host1", GROUP)
     wait_for(lambda: kernel_view.forwarding_of(lab, GROUP) == {ANY: {"br0"}}, STREAM_DEADLINE_S, "listener's entry")
     return daemon, keeper, listener
 
 
+def messages_heard(lab, daemon):
+    """What the daemon has counted on the flooded LAN: queries and changes of groups."""
+    counters = lab.router_tmp / "tarnwick_type_messages"
+    counters.unlink(missing_ok=True)
+    send_signal(daemon, signal.SIGUSR1)
+    line = wait_for(lambda: counters.exists() and re.search(r"lan1 query: (\d+) join: (\d+)", counters.read_text()),
+                    STREAM_DEADLINE_S, "counters")
+    return sum(map(int, line.groups()))
+
+
 def assert_stream_flows(lab, group, listener):
-    """Fifty datagrams after one another; a report of a host may cost one or two of them."""
-    before = received(listener)
-    sent = send_stream(lab, group, count=50)
-    wait_for(lambda: received(listener) - before >= sent - 2, STREAM_DEADLINE_S, f"stream of {group}")
+    """A stream reaches its listener, but for one or two datagrams that a report of the host may cost.
+
+    Not always at once: records that exclude sources of "group ::" make the daemon replace the companion's entry, and
+    after many repairs the companion waits before the next one.
+    """
+    def flows():
+        before = received(listener)
+        sent = send_stream(lab, group, count=50)
+        return received(listener) - before >= sent - 2
+
+    wait_for(flows, STREAM_DEADLINE_S, f"stream of {group}")
 
 
 def assert_clean_stop(lab, daemon, keeper):
     assert stop(daemon, deadline_s=30) == 0
     assert kernel_view.multicast_interfaces(lab) == {}
     assert kernel_view.interface_flags(lab, "br0") == kernel_view.interface_flags(lab, "wan0") == set()
+    assert kernel_view.interface_flags(lab, "lan1") == set()
     assert joined_groups(lab) == set()
     assert wait_for_end(keeper) == 0
     log = log_of(keeper)
@@ -106,6 +132,7 @@ def test_listener_from_before_keeps_its_stream_and_memory_stays(lab, kind, recor
     memory = MemoryWatch(daemon)
     record_property("messages", wait_for_end_of_flood(start_flood(lab, kind), daemon, memory.look))
     record_property("private_kb", f"{memory.first} to {memory.highest}")
+    assert messages_heard(lab, daemon) > 30
     assert_stream_flows(lab, GROUP, listener)
     memory.look()
     assert_clean_stop(lab, daemon, keeper)
@@ -138,7 +165,7 @@ def test_join_during_a_flood_works_once_the_flood_has_run_out(lab, kind):
 def test_full_pool_holds_no_more_than_its_groups(lab):
     daemon, keeper, _ = start_router(lab)
     wait_for_end_of_flood(start_flood(lab, "groups"), daemon)
-    assert len(joined_groups(lab)) == GROUP_POOL
+    assert len(joined_groups(lab)) == GROUP_POOL  # the listener's and 127 of the flood's
     listen(lab, "host1", LATE_GROUP)
     assert stop(daemon, deadline_s=30) == 0
     assert wait_for_end(keeper) == 0
