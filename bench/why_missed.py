@@ -57,7 +57,7 @@ REASONS = {
     "tick": ["- With empty pools the tick is one allocation and release of a scratch record, which every pass makes and",
              "  the memory report counts; the walk it is compared with is four records long. It is some ten nanoseconds",
              "  a second."],
-    "zap": ["- The daemon's own part lies between report and first datagram, some 20 us with its log and cold caches. The",
+    "zap": ["- The daemon's own part is the few microseconds of the report, between its arrival and the first datagram. The",
             "  host's own random delay of some 10 ms before its report, and at the 99th percentile the wait for a",
             "  processor on a machine that does other work as well, differ from turn to turn by more than the goal allows;",
             "  the load average above tells how busy this machine was."],
