@@ -31,8 +31,8 @@ def report_reasons(missed, figures):
     lines = parts_of_a_report(figures) + [""]
     if any("no log" in figure.name for figure in missed):
         lines += ["- Without the log: groups and host records stand on linked lists, newest or oldest first, an order",
-                  "  that the log and the state files show. A report walks the groups once to three times and the host",
-                  "  records up to three times; the group measured stands at the end. A walk over 127 records costs about",
+                  "  that the log and the state files show. A report walks the groups once to four times and the host",
+                  "  records up to four times; the group measured stands at the end. A walk over 127 records costs about",
                   "  0.2 us, since each step waits for the one before (5 cycles at best), and that is all the difference",
                   "  between 1 and 127 groups that the kernel does not make itself."]
     if any("no log" not in figure.name for figure in missed):
@@ -57,9 +57,10 @@ REASONS = {
     "tick": ["- With empty pools the tick is one allocation and release of a scratch record, which every pass makes and",
              "  the memory report counts; the walk it is compared with is four records long. It is some ten nanoseconds",
              "  a second."],
-    "zap": ["- The figures hold the host's own random delay before its report and, at the 99th percentile, what the",
-            "  machine's other work takes away from the processes of both sides; the rows from the report's arrival on",
-            "  leave the host's delay out."],
+    "zap": ["- The daemon's own part is the few microseconds of the report, between its arrival and the first datagram. The",
+            "  host's own random delay of some 10 ms before its report, and at the 99th percentile the wait for a",
+            "  processor on a machine that does other work as well, differ from turn to turn by more than the goal allows;",
+            "  the load average above tells how busy this machine was."],
     "memory": ["- The pools are allocated at start (128 groups, 128 hosts, 100 queries) and never grow. Compare",
                "  `/proc/PID/smaps`: the heap with the pools is the largest part; the 64 KiB for the NVRAM file count only",
                "  as far as the file fills them."],
