@@ -31,39 +31,52 @@ def report_reasons(missed, figures):
     lines = parts_of_a_report(figures) + [""]
     if any("no log" in figure.name for figure in missed):
         lines += ["- Without the log: groups and host records stand on linked lists, newest or oldest first, an order",
-                  "  that the log and the state files show. A report walks the groups once to three times and the host",
-                  "  records up to three times; the group measured stands at the end. A walk over 127 records costs about",
-                  "  0.2 us, since each step waits for the one before (5 cycles at best), and that is all the difference",
+                  "  that the log and the state files show. A report walks the groups once to four times and the host",
+                  "  records up to four times; the group measured stands at the end. A walk over 127 records "
+                  "costs about",
+                  "  0.2 us, since each step waits for the one before (5 cycles at best), and that is all the "
+                  "difference",
                   "  between 1 and 127 groups that the kernel does not make itself."]
     if any("no log" not in figure.name for figure in missed):
-        lines += ["- With the log: what the kernel asks for taking the text to a file or a pipe (columns on the right) is",
+        lines += ["- With the log: what the kernel asks for taking the text to a file or a pipe (columns on the "
+                  "right) is",
                   "  as much again as writing the text; a report that asks the kernel for little (leave, refresh of a",
                   "  source, MLDv1 refresh) has a floor of one select and one recvmsg, less than its own lines cost."]
     if any("any-source group" in figure.name for figure in missed):
-        lines += ["- An any-source group that is created, or dropped and created again, is logged with one line for each",
-                  "  group that the interface has (`group database = ...`). Those lines are required, so this cost grows",
+        lines += ["- An any-source group that is created, or dropped and created again, is logged with one line "
+                  "for each",
+                  "  group that the interface has (`group database = ...`). Those lines are required, so this "
+                  "cost grows",
                   "  with the number of groups."]
     return lines
 
 
 def growth_reasons(missed, figures):
     del missed, figures
-    return ["- The rows `floor` show the kernel's own growth: it walks the socket's memberships for every join and leave.",
+    return ["- The rows `floor` show the kernel's own growth: it walks the socket's memberships for every join "
+            "and leave.",
             "- Any-source groups with the log: one line for each group of the interface, as above.",
             "- The rest is the walks over the lists of groups and host records, as above."]
 
 
 REASONS = {
-    "tick": ["- With empty pools the tick is one allocation and release of a scratch record, which every pass makes and",
-             "  the memory report counts; the walk it is compared with is four records long. It is some ten nanoseconds",
+    "tick": ["- With empty pools the tick is one allocation and release of a scratch record, which every pass "
+    "makes and",
+             "  the memory report counts; the walk it is compared with is four records long. It is some ten "
+             "nanoseconds",
              "  a second."],
-    "zap": ["- The figures hold the host's own random delay before its report and, at the 99th percentile, what the",
-            "  machine's other work takes away from the processes of both sides; the rows from the report's arrival on",
-            "  leave the host's delay out."],
+    "zap": ["- The daemon's own part is the few microseconds of the report, between its arrival and the first "
+    "datagram. The",
+            "  host's own random delay of some 10 ms before its report, and at the 99th percentile the wait for a",
+            "  processor on a machine that does other work as well, differ from turn to turn by more than the "
+            "goal allows;",
+            "  the load average above tells how busy this machine was."],
     "memory": ["- The pools are allocated at start (128 groups, 128 hosts, 100 queries) and never grow. Compare",
-               "  `/proc/PID/smaps`: the heap with the pools is the largest part; the 64 KiB for the NVRAM file count only",
+               "  `/proc/PID/smaps`: the heap with the pools is the largest part; the 64 KiB for the NVRAM file "
+               "count only",
                "  as far as the file fills them."],
-    "start": ["- The first query goes out with the first tick, one second after the main loop begins; what is above that",
+    "start": ["- The first query goes out with the first tick, one second after the main loop begins; what is "
+    "above that",
               "  is the start-up, with a shell for the forwarding switch."],
 }
 

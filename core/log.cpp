@@ -60,8 +60,9 @@ void append_left(line_text &line, const char *text, std::size_t width) {
 }
 
 // A number after blanks or zeros up to `width`.
-void append_number(line_text &line, long long number, int base, std::size_t width, char fill) {
-  std::array<char, longest_number + 12> digits;
+template <typename integer>
+void append_number(line_text &line, integer number, int base, std::size_t width, char fill) {
+  std::array<char, longest_number> digits;
   const std::to_chars_result result = std::to_chars(digits.data(), digits.data() + digits.size(), number, base);
   const auto length = static_cast<std::size_t>(result.ptr - digits.data());
   append_fill(line, fill, length, width);

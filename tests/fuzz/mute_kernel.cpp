@@ -60,6 +60,7 @@ struct block {
   std::size_t size;
 };
 std::array<block, block_slots> Blocks;
+bool HasUsedBlocks = false; // since the table was cleared; parsers allocate nothing, and clearing takes time
 
 block *slot_of(const void *address) {
   std::size_t slot = (reinterpret_cast<std::uintptr_t>(address) >> 4) % block_slots;
@@ -80,6 +81,7 @@ void remember(void *address, std::size_t size) {
     slot = (slot + 1) % block_slots;
   }
   Blocks[slot] = {address, size};
+  HasUsedBlocks = true;
   ++Kernel.blocks_in_use;
   Kernel.bytes_in_use += size;
 }
@@ -181,6 +183,10 @@ std::size_t release_lost_blocks() {
   }
   TableCount = 0;
   const std::size_t lost = Kernel.blocks_in_use;
+  if (!HasUsedBlocks) {
+    return lost;
+  }
+  HasUsedBlocks = false;
   for (block &one : Blocks) {
     if (one.address != nullptr && one.address != &FreedMark) {
       __real_free(one.address);
