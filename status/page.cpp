@@ -47,7 +47,7 @@ template <typename cell_getter>
 void add_laid_line(page &shown, line_style style, const table &laid, const rows_of<std::size_t> &widths,
                    cell_getter cell_of) {
   text line;
-  for (std::size_t at = 0; at < laid.columns.size(); ++at) {
+  for (std::size_t at = 0; at < widths.count; ++at) {
     add_blanks(line, at > 0 ? gap_columns : 0);
     add_padded(line, cell_of(at), widths.first[at], laid.columns[at].side);
   }
