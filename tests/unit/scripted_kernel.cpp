@@ -99,9 +99,9 @@ void take_output() {
 
 [[noreturn]] void end_run() { std::longjmp(EndOfRun, 1); }
 
-void report_endless_wait(const std::string &what) {
+void report_endless_wait(const char *what) {
   if (!Kernel.may_wait_for_ever) {
-    ScriptErrors.push_back("the daemon would wait for ever in " + what);
+    ScriptErrors.push_back(std::string("the daemon would wait for ever in ") + what);
   }
   end_run();
 }
