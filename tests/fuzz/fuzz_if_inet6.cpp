@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t siz
     if (set_linklocal(&intr) == 0 && intr.link_local[0] != 0xfe) {
       mute::fail("an address that is not link-local");
     }
-    mute::release_lost_blocks();
+    mute::release_what_is_lost();
   });
   return 0;
 }

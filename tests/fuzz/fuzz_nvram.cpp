@@ -1,4 +1,5 @@
 // The NVRAM file: the first line of the input is the key, the rest the file.
+#include "igmp/igmp_lan_address.h"
 #include "mute_kernel.h"
 #include "platform/nvram.h"
 #include "platform/nvram_file.h"
@@ -26,7 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t siz
     }
     unsigned char mac[6] = {};
     ether_atoe(value != nullptr ? value : key.c_str(), mac);
-    mute::release_lost_blocks();
+    igmp_lan_address();
+    mute::release_what_is_lost();
   });
   return 0;
 }

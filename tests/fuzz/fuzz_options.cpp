@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t siz
         mute::fail("a name without end");
       }
     }
-    mute::release_lost_blocks();
+    mute::release_what_is_lost();
   });
   return 0;
 }

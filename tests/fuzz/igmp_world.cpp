@@ -12,9 +12,13 @@
 #include "igmp/igmp_socket.h"
 #include "igmp/igmp_timers.h"
 #include "mute_kernel.h"
+#include "platform/nvram.h"
+#include "platform/nvram_file.h"
 #include "script_reader.h"
 
 #include <array>
+#include <net/if.h>
+#include <utility>
 #include <vector>
 
 namespace world {
@@ -22,6 +26,33 @@ namespace world {
 namespace {
 
 using ipv4_bytes = std::array<std::uint8_t, 4>;
+
+// What the proxy finds on the router when it starts.
+struct surroundings {
+  std::span<const mute::network_interface> interfaces;
+  std::span<const char> nvram; // ends with a NUL that is not part of it
+};
+
+constexpr short is_up = IFF_UP | IFF_MULTICAST;
+constexpr std::array<mute::network_interface, 4> usual_interfaces{
+    {{"x2", is_up}, {"x3", is_up}, {"x4", is_up}, {"x5", is_up}}};
+// A dial-up link upstream, and neighbours that are none of the LAN.
+constexpr std::array<mute::network_interface, 7> mixed_interfaces{{{"x1", is_up | IFF_LOOPBACK},
+                                                                   {"x2", is_up | IFF_POINTOPOINT},
+                                                                   {"x3", is_up},
+                                                                   {"x4", is_up},
+                                                                   {"x5ppp", is_up},
+                                                                   {"x6", is_up}, // to be ignored
+                                                                   {"x7nas", is_up}}};
+constexpr std::array<mute::network_interface, 2> interfaces_of_lan{{{"x3", is_up}, {"x4", is_up}}};
+
+constexpr char no_keys[] = "";
+constexpr char translator_keys[] = "lan_ifname=lan\nipv6_natpt_ifname=translator\nx3=lan\nx4=translator\n";
+
+constexpr std::array<surroundings, 4> all_surroundings{{{usual_interfaces, no_keys},
+                                                        {mixed_interfaces, translator_keys},
+                                                        {interfaces_of_lan, no_keys}, // nothing is upstream
+                                                        {{}, no_keys}}};
 
 constexpr std::array<int, 6> arrival_indexes{3, 4, 5, 2, 99, 0};
 constexpr std::array<std::uint8_t, 6> types{0x11, 0x12, 0x16, 0x17, 0x22, 0xff};
@@ -35,6 +66,8 @@ constexpr std::array<ipv4_bytes, 10> groups{
 constexpr std::array<ipv4_bytes, 4> hosts{ipv4_bytes{192, 0, 2, 1}, {192, 0, 2, 200}, {10, 0, 0, 1}, {0, 0, 0, 0}};
 
 constexpr ipv4_bytes destination{224, 0, 0, 1};
+
+constexpr std::array<proxy_mode, 2> modes{PROXY_MODE_4TO4, PROXY_MODE_4TO6};
 
 bool IsRunning = false;
 
@@ -101,6 +134,41 @@ void check_igmp() {
   }
 }
 
+// Read with nothing refused, or its complaints would fill standard error.
+void read_nvram(std::span<const char> contents) {
+  const unsigned int refusals = std::exchange(mute::Kernel.refusals, 0);
+  mute::Kernel.file = contents;
+  nvram_file_forget();
+  nvram_get("lan_ifname");
+  mute::Kernel.refusals = refusals;
+}
+
+void start_in(const surroundings &found) {
+  malloc_counter = 0;
+  free_counter = 0;
+  IgmpStartUpQueryIsSend = 0;
+  LanIndex = 0;
+  NatptIndex = 0;
+  UpstreamInterfacesName = "x2";
+  IgnoreInterfacesName = {"x6"};
+  IgnoreInterfacesNum = 1;
+  MldPrefix = {0xff, 0x0e};
+  mute::Kernel.interfaces = found.interfaces;
+  read_nvram(found.nvram.first(found.nvram.size() - 1));
+  init_igmp_config();
+  IsRunning = init_igmp_socket() == 0 && init_igmp_group() == 0 && init_igmp_query() == 0 &&
+              igmp_create_network_list() == 0 && igmp_check_upstream_interface() == 0;
+}
+
+void restart(script_reader &script) {
+  stop_igmp();
+  ProxyMode = modes[script.below(modes.size())];
+  ForceNonQuerier = script.below(2);
+  const surroundings &found = all_surroundings[script.below(all_surroundings.size())];
+  refuse_within_start(script);
+  start_in(found);
+}
+
 void run_step(script_reader &script) {
   constexpr std::uint8_t kinds_of_steps = 16;
   switch (script.below(kinds_of_steps)) {
@@ -119,13 +187,13 @@ void run_step(script_reader &script) {
     break;
   case 12:
     mute::Kernel.refusals = script.byte();
+    mute::Kernel.grants = script.byte();
     break;
   case 13:
     write_state_dump();
     break;
   case 14:
-    stop_igmp();
-    start_igmp();
+    restart(script);
     break;
   case 15:
     deliver_from_elsewhere(script);
@@ -138,24 +206,13 @@ void run_step(script_reader &script) {
 
 } // namespace
 
-void start_igmp() {
-  malloc_counter = 0;
-  free_counter = 0;
-  IgmpStartUpQueryIsSend = 0;
-  UpstreamInterfacesName = "x2";
-  MldPrefix = {0xff, 0x0e};
-  mute::Kernel.ipv4_interfaces = 4;
-  mute::Kernel.file = {};
-  init_igmp_config();
-  IsRunning = init_igmp_socket() == 0 && init_igmp_group() == 0 && init_igmp_query() == 0 &&
-              igmp_create_network_list() == 0 && igmp_check_upstream_interface() == 0;
-}
+void start_igmp() { start_in(all_surroundings[0]); }
 
 // A stop that follows a start half-way through discovery leaves the one record that was on no list yet.
 void stop_igmp() {
   const std::size_t allowed = IsRunning ? 0 : 1;
   igmp_proxy_stop();
-  const std::size_t lost = mute::release_lost_blocks();
+  const std::size_t lost = mute::release_what_is_lost();
   if (lost > allowed) {
     mute::fail("IGMP blocks lost: " + std::to_string(lost));
   }
@@ -192,7 +249,8 @@ void run_igmp_step(std::span<const std::uint8_t> bytes) {
 void run_igmp_script(std::span<const std::uint8_t> bytes) {
   mute::Kernel.refusals = 0;
   script_reader script{bytes, 0};
-  ProxyMode = script.below(2) == 0 ? PROXY_MODE_4TO4 : PROXY_MODE_4TO6;
+  ProxyMode = modes[script.below(modes.size())];
+  ForceNonQuerier = 0;
   start_igmp();
   while (!script.is_at_end()) {
     if (!IsRunning) {

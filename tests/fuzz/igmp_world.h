@@ -16,8 +16,10 @@ void stop_igmp();
 
 // Carries out the script's steps, checking all records after each one. The first byte chooses the mode; then, one step
 // each:
-//   0-6 report, leave or query    7 raw datagram    8-10 tick    11 up to 256 ticks    12 refuse the next requests
-//   13 state dump    14 stop and start    15 message from nowhere, from upstream or without packet information
+//   0-6 report, leave or query    7 raw datagram    8-10 tick    11 up to 256 ticks
+//   12 refuse some of the next requests    13 state dump
+//   14 stop, and start in either mode, with other interfaces or with refusals on the way
+//   15 message from nowhere, from upstream or without packet information
 void run_igmp_script(std::span<const std::uint8_t> script);
 
 // The first step of the script alone, on the running proxy, with the checks.

@@ -16,17 +16,48 @@
 
 #include <algorithm>
 #include <array>
+#include <net/if.h>
 #include <vector>
 
 namespace world {
 
 namespace {
 
-// Interfaces of the table below, as the kernel lists their addresses.
-constexpr char if_inet6[] = "fe800000000000000000000000000002 02 40 20 80 x2\n"
-                            "fe800000000000000000000000000003 03 40 20 80 x3\n"
-                            "fe800000000000000000000000000004 04 40 20 80 x4\n"
-                            "fe800000000000000000000000000028 28 40 20 80 x40\n";
+// What the proxy finds on the router when it starts.
+struct surroundings {
+  std::span<const char> if_inet6; // ends with a NUL that is not part of it
+  std::span<const mute::network_interface> interfaces;
+  name_pointers downstream;
+  std::int32_t downstream_count;
+};
+
+constexpr short is_up = IFF_UP | IFF_MULTICAST;
+
+constexpr char usual_addresses[] = "fe800000000000000000000000000002 02 40 20 80 x2\n"
+                                   "fe800000000000000000000000000003 03 40 20 80 x3\n"
+                                   "fe800000000000000000000000000004 04 40 20 80 x4\n"
+                                   "fe800000000000000000000000000028 28 40 20 80 x40\n";
+constexpr std::array<mute::network_interface, 4> usual_interfaces{
+    {{"x2", is_up}, {"x3", is_up}, {"x4", is_up}, {"x40", is_up}}};
+
+// A dial-up link upstream; among the LAN's names some that are none of it.
+constexpr char mixed_addresses[] = "20010db8000000000000000000000003 03 40 00 80 x3\n"
+                                   "not a line of this table\n"
+                                   "fe800000000000000000000000000002 02 40 20 80 x2\n"
+                                   "fe800000000000000000000000000003 03 40 20 80 x3\n"
+                                   "fe800000000000000000000000000005 05 40 20 80 x5ppp\n"
+                                   "fe800000000000000000000000000006 06 40 20 80 x6nas\n";
+constexpr std::array<mute::network_interface, 5> mixed_interfaces{
+    {{"x1", is_up | IFF_LOOPBACK}, {"x2", is_up | IFF_POINTOPOINT}, {"x3", is_up}, {"x5ppp", is_up}, {"x6nas", is_up}}};
+
+// An interface that has no link-local address yet.
+constexpr char early_addresses[] = "fe800000000000000000000000000002 02 40 20 80 x2\n";
+
+constexpr std::array<surroundings, 3> all_surroundings{
+    {{usual_addresses, usual_interfaces, {"x3", "x4", "x40"}, 3},
+     {mixed_addresses, mixed_interfaces, {"x1", "x5ppp", "x3", "x6nas"}, 4},
+     {early_addresses, usual_interfaces, {"x3", "x4"}, 2}}};
+
 constexpr std::array<int, 6> arrival_indexes{3, 4, 40, 2, 99, 0};
 
 constexpr ipv6_address ending(std::uint8_t first, std::uint8_t second, std::uint8_t last) {
@@ -115,7 +146,33 @@ void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &scr
 void deliver_from_elsewhere(script_reader &script) {
   const int ifindex = arrival_indexes[script.below(arrival_indexes.size())];
   const bool has_packet_info = script.below(2) == 0;
-  deliver(made_report(script), ifindex, hosts[script.below(hosts.size())], has_packet_info);
+  const bool is_query = script.below(2) == 0;
+  const std::vector<std::uint8_t> bytes = is_query ? made_v1_message(ICMPV6_MGM_QUERY, script) : made_report(script);
+  deliver(bytes, ifindex, hosts[script.below(hosts.size())], has_packet_info);
+}
+
+void start_in(const surroundings &found) {
+  malloc_counter = 0;
+  free_counter = 0;
+  MldBlock = 0;
+  MldStartUpQueryIsSend = 0;
+  mld_tmp_origin = In6AddrAny;
+  UpstreamInterfacesName = "x2";
+  DownstreamInterfacesName = found.downstream;
+  DownstreamInterfacesNum = found.downstream_count;
+  mute::Kernel.interfaces = found.interfaces;
+  mute::Kernel.file = found.if_inet6.first(found.if_inet6.size() - 1);
+  init_mld_config();
+  IsRunning = init_mld_socket() == 0 && init_mld_group() == 0 && init_mld_host() == 0 && init_mld_query() == 0 &&
+              mld_create_network_list() == 0 && mld_check_upstream_interface() == 0;
+  HostsLeft = MLD_HOST_POOL_SIZE;
+}
+
+void restart(script_reader &script) {
+  stop_mld();
+  const surroundings &found = all_surroundings[script.below(all_surroundings.size())];
+  refuse_within_start(script);
+  start_in(found);
 }
 
 void run_step(script_reader &script) {
@@ -141,13 +198,13 @@ void run_step(script_reader &script) {
     break;
   case 12:
     mute::Kernel.refusals = script.byte();
+    mute::Kernel.grants = script.byte();
     break;
   case 13:
     write_state_dump();
     break;
   case 14:
-    stop_mld();
-    start_mld();
+    restart(script);
     break;
   case 15:
     deliver_from_elsewhere(script);
@@ -160,28 +217,14 @@ void run_step(script_reader &script) {
 
 } // namespace
 
-void start_mld() {
-  malloc_counter = 0;
-  free_counter = 0;
-  MldBlock = 0;
-  MldStartUpQueryIsSend = 0;
-  mld_tmp_origin = In6AddrAny;
-  UpstreamInterfacesName = "x2";
-  DownstreamInterfacesName = {"x3", "x4", "x40"};
-  DownstreamInterfacesNum = 3;
-  mute::Kernel.file = std::span<const char>(if_inet6, sizeof(if_inet6) - 1);
-  init_mld_config();
-  IsRunning = init_mld_socket() == 0 && init_mld_group() == 0 && init_mld_host() == 0 && init_mld_query() == 0 &&
-              mld_create_network_list() == 0 && mld_check_upstream_interface() == 0;
-  HostsLeft = MLD_HOST_POOL_SIZE;
-}
+void start_mld() { start_in(all_surroundings[0]); }
 
 void stop_mld() {
   scripted::record_count count;
   check_mld_records(count);
   const bool was_running = IsRunning;
   mld_proxy_stop();
-  const auto lost = static_cast<int>(mute::release_lost_blocks());
+  const auto lost = static_cast<int>(mute::release_what_is_lost());
   if (was_running && lost != MLD_HOST_POOL_SIZE - count.hosts) {
     mute::fail("blocks lost: " + std::to_string(lost) + ", hosts left: " + std::to_string(count.hosts));
   }

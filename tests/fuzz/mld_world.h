@@ -16,7 +16,8 @@ void stop_mld();
 
 // Carries out the script's steps, checking all records after each one. The script's bytes, one step each:
 //   0-6 MLDv2 report made of records from small tables    7 MLDv1 report    8 query    9 raw message
-//   10 tick    11 up to 256 ticks    12 refuse the next requests    13 state dump    14 stop and start
+//   10 tick    11 up to 256 ticks    12 refuse some of the next requests    13 state dump
+//   14 stop, and start with other interfaces or with refusals on the way
 //   15 message from nowhere, from upstream or without packet information
 void run_mld_script(std::span<const std::uint8_t> script);
 

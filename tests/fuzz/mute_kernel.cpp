@@ -1,5 +1,7 @@
 #include "mute_kernel.h"
 
+#include "mute_memory.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -20,6 +22,7 @@ void __real_free(void *);
 FILE *__real_fopen(const char *, const char *);
 FILE *__real_fdopen(int, const char *);
 int __real_open(const char *, int, ...);
+int __real_fclose(FILE *);
 int __real_close(int);
 int __real_fstat(int, struct stat *);
 int __real_system(const char *);
@@ -36,69 +39,50 @@ constexpr int state_file_descriptor = 90000;
 
 bool IsActive = false; // inside `play`; the fuzzer's own calls go to the system
 
-// Address tables, which the daemon leaves open: one for each interface of each start.
-constexpr char left_open_path[] = "/proc/net/if_inet6";
-std::array<FILE *, 64> Tables;
-std::size_t TableCount = 0;
+// Streams that the daemon has open: address tables, which it never closes, and state files, of which a failed dump
+// leaves two.
+std::array<FILE *, 512> Streams;
+std::size_t StreamCount = 0;
 
-FILE *open_contents(const char *path) {
-  FILE *contents = Kernel.file.empty() ? __real_fopen("/dev/null", "r")
-                                       : fmemopen(const_cast<char *>(Kernel.file.data()), Kernel.file.size(), "r");
-  if (std::strcmp(path, left_open_path) == 0) {
-    if (TableCount == Tables.size()) {
-      fail("too many open tables");
-    }
-    Tables[TableCount++] = contents;
+FILE *note_stream(FILE *stream) {
+  if (stream == nullptr || StreamCount == Streams.size()) {
+    fail("no stream, or too many open ones");
   }
-  return contents;
+  Streams[StreamCount++] = stream;
+  return stream;
 }
 
-// Blocks of the daemon, in a table with open addressing: it never holds more than its pools and a few frames.
-constexpr std::size_t block_slots = 8192;
-struct block {
-  void *address;
-  std::size_t size;
-};
-std::array<block, block_slots> Blocks;
-bool HasUsedBlocks = false; // since the table was cleared; parsers allocate nothing, and clearing takes time
-
-block *slot_of(const void *address) {
-  std::size_t slot = (reinterpret_cast<std::uintptr_t>(address) >> 4) % block_slots;
-  for (std::size_t tried = 0; tried < block_slots; ++tried, slot = (slot + 1) % block_slots) {
-    if (Blocks[slot].address == address) {
-      return &Blocks[slot];
-    }
+// Streams of the fuzzer are not known: it keeps the input of a crash from within the daemon's code.
+void forget_stream(FILE *stream) {
+  FILE **const end = Streams.data() + StreamCount;
+  FILE **const found = std::find(Streams.data(), end, stream);
+  if (found != end) {
+    *found = Streams[--StreamCount];
   }
-  return nullptr;
 }
 
-// A freed slot keeps a mark, so that searches walk over it.
-char FreedMark;
-
-void remember(void *address, std::size_t size) {
-  std::size_t slot = (reinterpret_cast<std::uintptr_t>(address) >> 4) % block_slots;
-  while (Blocks[slot].address != nullptr && Blocks[slot].address != &FreedMark) {
-    slot = (slot + 1) % block_slots;
-  }
-  Blocks[slot] = {address, size};
-  HasUsedBlocks = true;
-  ++Kernel.blocks_in_use;
-  Kernel.bytes_in_use += size;
+// Nothing to read, and what is written leads to nowhere.
+FILE *open_nothing(const char *mode) {
+  cookie_io_functions_t functions{};
+  functions.read = [](void *, char *, std::size_t) -> ssize_t { return 0; };
+  return note_stream(fopencookie(nullptr, mode, functions));
 }
 
-void forget(void *address) {
-  block *found = slot_of(address);
-  if (found == nullptr) {
-    fail("the daemon freed a block that it did not have");
-  }
-  --Kernel.blocks_in_use;
-  Kernel.bytes_in_use -= found->size;
-  *found = {&FreedMark, 0};
+FILE *open_contents() {
+  return Kernel.file.empty()
+             ? open_nothing("r")
+             : note_stream(fmemopen(const_cast<char *>(Kernel.file.data()), Kernel.file.size(), "r"));
 }
+
+int index_of(const char *name) { return std::atoi(name + 1); }
 
 bool is_refused() {
   ++Kernel.requests;
   if (Kernel.refusals == 0) {
+    return false;
+  }
+  if (Kernel.grants > 0) {
+    --Kernel.grants;
     return false;
   }
   --Kernel.refusals;
@@ -119,23 +103,31 @@ void append_control(msghdr *header, int level, int type, const void *data, std::
   header->msg_controllen = CMSG_SPACE(length);
 }
 
-// As many interfaces as `Kernel.ipv4_interfaces` says: "x2" with 192.0.2.2, "x3" with 192.0.2.3, ...
+// With 192.0.2.3 for number 3.
 void list_interfaces(void *request) {
   ifconf list;
   std::memcpy(&list, request, sizeof(list));
-  const int room = list.ifc_len / static_cast<int>(sizeof(ifreq));
-  const int listed = std::min(room, Kernel.ipv4_interfaces);
-  for (int i = 0; i < listed; ++i) {
-    constexpr std::uint8_t first_number = 2;
-    const auto number = static_cast<std::uint8_t>(first_number + i);
+  const std::size_t room = static_cast<std::size_t>(list.ifc_len) / sizeof(ifreq);
+  const std::size_t listed = std::min(room, Kernel.interfaces.size());
+  for (std::size_t i = 0; i < listed; ++i) {
+    const char *name = Kernel.interfaces[i].name;
     ifreq entry{};
-    std::snprintf(entry.ifr_name, sizeof(entry.ifr_name), "x%d", number);
-    const std::array<std::uint8_t, 4> address{192, 0, 2, number};
+    std::snprintf(entry.ifr_name, sizeof(entry.ifr_name), "%s", name);
+    const std::array<std::uint8_t, 4> address{192, 0, 2, static_cast<std::uint8_t>(index_of(name))};
     std::memcpy(entry.ifr_addr.sa_data + 2, address.data(), address.size());
-    std::memcpy(list.ifc_buf + static_cast<std::size_t>(i) * sizeof(ifreq), &entry, sizeof(entry));
+    std::memcpy(list.ifc_buf + i * sizeof(ifreq), &entry, sizeof(entry));
   }
-  list.ifc_len = listed * static_cast<int>(sizeof(ifreq));
+  list.ifc_len = static_cast<int>(listed * sizeof(ifreq));
   std::memcpy(request, &list, sizeof(list));
+}
+
+short flags_of(const char *name) {
+  for (const network_interface &one : Kernel.interfaces) {
+    if (std::strcmp(one.name, name) == 0) {
+      return one.flags;
+    }
+  }
+  return 0;
 }
 
 void fill_ipv6(msghdr *header) {
@@ -177,25 +169,11 @@ void play(const std::function<void()> &daemon_code) {
   IsActive = false;
 }
 
-std::size_t release_lost_blocks() {
-  for (std::size_t i = 0; i < TableCount; ++i) {
-    std::fclose(Tables[i]);
+std::size_t release_what_is_lost() {
+  while (StreamCount > 0) {
+    __real_fclose(Streams[--StreamCount]);
   }
-  TableCount = 0;
-  const std::size_t lost = Kernel.blocks_in_use;
-  if (!HasUsedBlocks) {
-    return lost;
-  }
-  HasUsedBlocks = false;
-  for (block &one : Blocks) {
-    if (one.address != nullptr && one.address != &FreedMark) {
-      __real_free(one.address);
-    }
-    one = block{};
-  }
-  Kernel.blocks_in_use = 0;
-  Kernel.bytes_in_use = 0;
-  return lost;
+  return give_back_all_blocks();
 }
 
 void fail(const std::string &what) {
@@ -213,19 +191,15 @@ void *__wrap_malloc(std::size_t size) {
   if (!IsActive) {
     return __real_malloc(size);
   }
-  if (is_refused()) {
-    return nullptr;
-  }
-  void *made = __real_malloc(size);
-  remember(made, size);
-  return made;
+  return is_refused() ? nullptr : take_block(size);
 }
 
-void __wrap_free(void *address) {
-  if (IsActive && address != nullptr) {
-    forget(address);
+void __wrap_free(void *block) {
+  if (!IsActive) {
+    __real_free(block);
+  } else if (block != nullptr) {
+    give_back_block(block);
   }
-  __real_free(address);
 }
 
 int __wrap_socket(int, int, int) {
@@ -245,12 +219,12 @@ int __wrap_setsockopt(int, int, int, const void *value, socklen_t length) {
 }
 
 ssize_t __wrap_sendto(int, const void *bytes, std::size_t length, int, const sockaddr *, socklen_t) {
-  __wrap_setsockopt(0, 0, 0, bytes, static_cast<socklen_t>(length));
-  return static_cast<ssize_t>(length);
+  return __wrap_setsockopt(0, 0, 0, bytes, static_cast<socklen_t>(length)) == 0 ? static_cast<ssize_t>(length) : -1;
 }
 
-// Interfaces are named after their index: "x3" is number 3.
-unsigned int __wrap_if_nametoindex(const char *name) { return static_cast<unsigned int>(std::atoi(name + 1)); }
+unsigned int __wrap_if_nametoindex(const char *name) {
+  return is_refused() ? 0 : static_cast<unsigned int>(index_of(name));
+}
 
 int __wrap_ioctl(int, unsigned long number, ...) {
   va_list arguments;
@@ -266,9 +240,9 @@ int __wrap_ioctl(int, unsigned long number, ...) {
   }
   auto *asked = static_cast<ifreq *>(argument);
   if (number == SIOCGIFINDEX) {
-    asked->ifr_ifindex = static_cast<int>(__wrap_if_nametoindex(asked->ifr_name));
+    asked->ifr_ifindex = index_of(asked->ifr_name);
   } else if (number == SIOCGIFFLAGS) {
-    asked->ifr_flags = IFF_UP | IFF_MULTICAST;
+    asked->ifr_flags = flags_of(asked->ifr_name);
   }
   return 0;
 }
@@ -312,14 +286,22 @@ int __wrap_fstat(int descriptor, struct stat *status) {
 }
 
 FILE *__wrap_fdopen(int descriptor, const char *mode) {
-  return IsActive ? __real_fopen("/dev/null", "w") : __real_fdopen(descriptor, mode);
+  return IsActive ? open_nothing(mode) : __real_fdopen(descriptor, mode);
 }
 
 FILE *__wrap_fopen(const char *path, const char *mode) {
-  if (!IsActive) {
+  const bool is_daemons = IsActive && mode[0] == 'r'; // the fuzzer writes, from wherever a crash happens
+  if (!is_daemons) {
     return __real_fopen(path, mode);
   }
-  return is_refused() ? nullptr : open_contents(path);
+  return is_refused() ? nullptr : open_contents();
+}
+
+int __wrap_fclose(FILE *stream) {
+  if (IsActive) {
+    forget_stream(stream);
+  }
+  return __real_fclose(stream);
 }
 
 int __wrap_system(const char *command) {

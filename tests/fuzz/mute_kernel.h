@@ -18,13 +18,18 @@ struct message {
   bool has_packet_info;
 };
 
+// Its index is the number behind the first letter of its name: "x3" is number 3, "x5ppp" number 5.
+struct network_interface {
+  const char *name;
+  short flags;
+};
+
 struct kernel {
-  unsigned int refusals;      // how many requests from now on are refused
+  unsigned int grants;        // how many requests are granted before the refusals begin
+  unsigned int refusals;      // how many requests are refused then
   message next;               // what recvmsg delivers
   std::span<const char> file; // what any fopen delivers
-  int ipv4_interfaces;        // how many SIOCGIFCONF lists
-  std::size_t blocks_in_use;  // of the daemon's malloc and free
-  std::size_t bytes_in_use;
+  std::span<const network_interface> interfaces;
   std::uint64_t requests; // made so far
   std::uint64_t commands; // shell commands among them
 };
@@ -37,8 +42,8 @@ void silence();
 // Runs daemon code against this kernel; outside of it every call goes to the system.
 void play(const std::function<void()> &daemon_code);
 
-// Releases the blocks that the daemon has lost on purpose. Returns how many there were.
-std::size_t release_lost_blocks();
+// Releases the blocks and streams that the daemon has lost on purpose. Returns how many blocks there were.
+std::size_t release_what_is_lost();
 
 // Ends the program with a word on standard error, so that the fuzzer keeps the input.
 [[noreturn]] void fail(const std::string &what);

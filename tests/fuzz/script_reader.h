@@ -1,6 +1,8 @@
 // A script's bytes, one after the other; zeros behind the end.
 #pragma once
 
+#include "mute_kernel.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -15,5 +17,16 @@ struct script_reader {
   std::uint8_t byte() { return is_at_end() ? 0 : bytes[offset++]; }
   std::uint8_t below(std::size_t limit) { return static_cast<std::uint8_t>(byte() % limit); }
 };
+
+// A start makes some 400 requests. Every other one goes well; in the rest some requests are refused from anywhere on.
+inline void refuse_within_start(script_reader &script) {
+  if (script.below(2) == 0) {
+    return;
+  }
+  constexpr unsigned int values_of_byte = 256;
+  const unsigned int upper = script.below(2);
+  mute::Kernel.grants = upper * values_of_byte + script.byte();
+  mute::Kernel.refusals = script.byte();
+}
 
 } // namespace world

@@ -1,6 +1,7 @@
 #include "soak.h"
 
 #include "mute_kernel.h"
+#include "mute_memory.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -50,19 +51,19 @@ void play_day(const soaked_side &side, std::mt19937_64 &random, tally &total) {
     }
     side.tick();
     ++total.ticks;
-    total.most_bytes = std::max(total.most_bytes, mute::Kernel.bytes_in_use);
+    total.most_bytes = std::max(total.most_bytes, mute::MemoryUse.bytes);
   }
 }
 
 void play_days(const soaked_side &side, long days, unsigned long seed, tally &total) {
   std::mt19937_64 random(seed);
   side.start();
-  const std::size_t bytes_at_start = mute::Kernel.bytes_in_use;
+  const std::size_t bytes_at_start = mute::MemoryUse.bytes;
   for (long day = 0; day < days; ++day) {
     play_day(side, random, total);
-    if (mute::Kernel.bytes_in_use != bytes_at_start) {
+    if (mute::MemoryUse.bytes != bytes_at_start) {
       mute::fail("memory went from " + std::to_string(bytes_at_start) + " to " +
-                 std::to_string(mute::Kernel.bytes_in_use) + " bytes");
+                 std::to_string(mute::MemoryUse.bytes) + " bytes");
     }
     if (day % days_per_week == days_per_week - 1) { // a restart brings lost host records back
       side.stop();
