@@ -42,3 +42,11 @@ def pytest_runtest_makereport(item, call):
             report.sections.append((program.log.name, laboratory.log_of(program)))
         for table in TABLES:
             report.sections.append((f"router: {table}", kernel_view.read_table(lab, table)))
+
+
+def pytest_terminal_summary(terminalreporter):
+    """The figures that tests have recorded: how much was sent, how much memory was used."""
+    for report in terminalreporter.getreports("passed"):
+        if report.when == "call" and report.user_properties:
+            figures = ", ".join(f"{name} {value}" for name, value in report.user_properties)
+            terminalreporter.line(f"{report.nodeid.split('::')[-1]}: {figures}")

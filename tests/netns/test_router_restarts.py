@@ -65,10 +65,11 @@ def start_with_signal_at(lab, call):
     return daemon, int(re.search(r"^calls of start-up: (\d+)$", log_of(daemon), re.M).group(1))
 
 
-def test_sigterm_at_every_stage_of_start_up_is_lost_and_the_next_one_ends_it(lab):
+def test_sigterm_at_every_stage_of_start_up_is_lost_and_the_next_one_ends_it(lab, record_property):
     _, calls = start_with_signal_at(lab, 0)
     assert stop(lab.daemon) == 0
     assert calls > 20
+    record_property("stages", calls)
     for call in range(1, calls + 1):
         daemon, _ = start_with_signal_at(lab, call)
         assert set(kernel_view.multicast_interfaces(lab).values()) == {"wan0", "br0"}, call
