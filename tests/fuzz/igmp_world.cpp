@@ -81,16 +81,19 @@ void append(std::vector<std::uint8_t> &bytes, const ipv4_bytes &address) {
 }
 
 // An IPv4 header without options, then the message.
-std::vector<std::uint8_t> made_datagram(script_reader &script) {
-  const std::uint8_t type = types[script.below(types.size())];
-  const ipv4_bytes group = group_number(script.byte());
-  const ipv4_bytes sender = hosts[script.below(hosts.size())];
+std::vector<std::uint8_t> datagram(std::uint8_t type, const ipv4_bytes &group, const ipv4_bytes &sender) {
   std::vector<std::uint8_t> bytes{0x45, 0, 0, 28, 0, 0, 0, 0, 1, 2, 0, 0};
   append(bytes, sender);
   append(bytes, destination);
   bytes.insert(bytes.end(), {type, 0, 0, 0});
   append(bytes, group);
   return bytes;
+}
+
+std::vector<std::uint8_t> made_datagram(script_reader &script) {
+  const std::uint8_t type = types[script.below(types.size())];
+  const ipv4_bytes group = group_number(script.byte());
+  return datagram(type, group, hosts[script.below(hosts.size())]);
 }
 
 std::vector<std::uint8_t> raw_datagram(script_reader &script) {
@@ -111,9 +114,23 @@ void deliver(const std::vector<std::uint8_t> &bytes, int ifindex, bool has_packe
   igmp_network_socket_read_data();
 }
 
-void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &script) {
+int lan_index(script_reader &script) {
   constexpr std::size_t lan_interfaces = 3;
-  deliver(bytes, arrival_indexes[script.below(lan_interfaces)], true);
+  return arrival_indexes[script.below(lan_interfaces)];
+}
+
+void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &script) {
+  deliver(bytes, lan_index(script), true);
+}
+
+// The same message for one group after the other: enough to run a pool dry.
+void deliver_burst(script_reader &script) {
+  const std::uint8_t type = types[script.below(types.size())];
+  const int ifindex = lan_index(script);
+  std::uint8_t group = script.byte();
+  for (int more = script.byte(); more >= 0; --more, ++group) {
+    deliver(datagram(type, group_number(group), hosts[0]), ifindex, true);
+  }
 }
 
 void deliver_from_elsewhere(script_reader &script) {
@@ -136,11 +153,11 @@ void check_igmp() {
 
 // Read with nothing refused, or its complaints would fill standard error.
 void read_nvram(std::span<const char> contents) {
-  const unsigned int refusals = std::exchange(mute::Kernel.refusals, 0);
+  const mute::refusal_plan planned = std::exchange(mute::Kernel.refusals, {});
   mute::Kernel.file = contents;
   nvram_file_forget();
   nvram_get("lan_ifname");
-  mute::Kernel.refusals = refusals;
+  mute::Kernel.refusals = planned;
 }
 
 void start_in(const surroundings &found) {
@@ -165,12 +182,12 @@ void restart(script_reader &script) {
   ProxyMode = modes[script.below(modes.size())];
   ForceNonQuerier = script.below(2);
   const surroundings &found = all_surroundings[script.below(all_surroundings.size())];
-  refuse_within_start(script);
+  plan_refusals_of_start(script);
   start_in(found);
 }
 
 void run_step(script_reader &script) {
-  constexpr std::uint8_t kinds_of_steps = 16;
+  constexpr std::uint8_t kinds_of_steps = 17;
   switch (script.below(kinds_of_steps)) {
   case 7:
     deliver_from_lan(raw_datagram(script), script);
@@ -186,8 +203,7 @@ void run_step(script_reader &script) {
     }
     break;
   case 12:
-    mute::Kernel.refusals = script.byte();
-    mute::Kernel.grants = script.byte();
+    plan_refusals(script);
     break;
   case 13:
     write_state_dump();
@@ -197,6 +213,9 @@ void run_step(script_reader &script) {
     break;
   case 15:
     deliver_from_elsewhere(script);
+    break;
+  case 16:
+    deliver_burst(script);
     break;
   default:
     deliver_from_lan(made_datagram(script), script);
@@ -247,7 +266,7 @@ void run_igmp_step(std::span<const std::uint8_t> bytes) {
 }
 
 void run_igmp_script(std::span<const std::uint8_t> bytes) {
-  mute::Kernel.refusals = 0;
+  mute::Kernel.refusals = {};
   script_reader script{bytes, 0};
   ProxyMode = modes[script.below(modes.size())];
   ForceNonQuerier = 0;
@@ -260,7 +279,7 @@ void run_igmp_script(std::span<const std::uint8_t> bytes) {
     run_step(script);
     check_igmp();
   }
-  mute::Kernel.refusals = 0;
+  mute::Kernel.refusals = {};
   stop_igmp();
 }
 

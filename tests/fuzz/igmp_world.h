@@ -19,7 +19,7 @@ void stop_igmp();
 //   0-6 report, leave or query    7 raw datagram    8-10 tick    11 up to 256 ticks
 //   12 refuse some of the next requests    13 state dump
 //   14 stop, and start in either mode, with other interfaces or with refusals on the way
-//   15 message from nowhere, from upstream or without packet information
+//   15 message from nowhere, from upstream or without packet information    16 burst of messages for many groups
 void run_igmp_script(std::span<const std::uint8_t> script);
 
 // The first step of the script alone, on the running proxy, with the checks.

@@ -95,9 +95,10 @@ ipv6_address group_number(std::uint8_t number) {
   return number < groups.size() ? groups[number] : ending(0xff, 0x0e, number);
 }
 
+constexpr std::size_t kinds_of_records = 9; // 0, the six of MLDv2, and two beyond
+
 void append_record(std::vector<std::uint8_t> &bytes, script_reader &script) {
-  constexpr int kinds = 9; // 0, the six of MLDv2, and two beyond
-  const std::uint8_t kind = script.below(kinds);
+  const std::uint8_t kind = script.below(kinds_of_records);
   const std::uint8_t group = script.byte();
   const std::uint8_t source_count = script.below(13);
   bytes.insert(bytes.end(), {kind, 0, 0, source_count});
@@ -137,9 +138,13 @@ void deliver(const std::vector<std::uint8_t> &bytes, int ifindex, const ipv6_add
   mld_network_socket_read_data();
 }
 
-void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &script) {
+int lan_index(script_reader &script) {
   constexpr std::size_t lan_interfaces = 3;
-  const int ifindex = arrival_indexes[script.below(lan_interfaces)];
+  return arrival_indexes[script.below(lan_interfaces)];
+}
+
+void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &script) {
+  const int ifindex = lan_index(script);
   deliver(bytes, ifindex, hosts[script.below(hosts.size())], true);
 }
 
@@ -149,6 +154,21 @@ void deliver_from_elsewhere(script_reader &script) {
   const bool is_query = script.below(2) == 0;
   const std::vector<std::uint8_t> bytes = is_query ? made_v1_message(ICMPV6_MGM_QUERY, script) : made_report(script);
   deliver(bytes, ifindex, hosts[script.below(hosts.size())], has_packet_info);
+}
+
+// The same report for one group after the other: enough to run a pool dry.
+void deliver_burst(script_reader &script) {
+  const std::uint8_t kind = script.below(kinds_of_records);
+  const auto has_source = static_cast<std::uint8_t>(script.below(2));
+  const int ifindex = lan_index(script);
+  const ipv6_address &sender = hosts[script.below(hosts.size())];
+  std::uint8_t group = script.byte();
+  for (int more = script.byte(); more >= 0; --more, ++group) {
+    std::vector<std::uint8_t> bytes{ICMPV6_MLD2_REPORT, 0, 0, 0, 0, 0, 0, 1, kind, 0, 0, has_source};
+    append(bytes, group_number(group));
+    append(bytes, sources[0]);
+    deliver(bytes, ifindex, sender, true);
+  }
 }
 
 void start_in(const surroundings &found) {
@@ -171,12 +191,12 @@ void start_in(const surroundings &found) {
 void restart(script_reader &script) {
   stop_mld();
   const surroundings &found = all_surroundings[script.below(all_surroundings.size())];
-  refuse_within_start(script);
+  plan_refusals_of_start(script);
   start_in(found);
 }
 
 void run_step(script_reader &script) {
-  constexpr std::uint8_t kinds_of_steps = 16;
+  constexpr std::uint8_t kinds_of_steps = 17;
   const std::uint8_t step = script.below(kinds_of_steps);
   switch (step) {
   case 7:
@@ -197,8 +217,7 @@ void run_step(script_reader &script) {
     }
     break;
   case 12:
-    mute::Kernel.refusals = script.byte();
-    mute::Kernel.grants = script.byte();
+    plan_refusals(script);
     break;
   case 13:
     write_state_dump();
@@ -208,6 +227,9 @@ void run_step(script_reader &script) {
     break;
   case 15:
     deliver_from_elsewhere(script);
+    break;
+  case 16:
+    deliver_burst(script);
     break;
   default:
     deliver_from_lan(made_report(script), script);
@@ -272,7 +294,7 @@ void tick_mld() {
 }
 
 void run_mld_script(std::span<const std::uint8_t> bytes) {
-  mute::Kernel.refusals = 0;
+  mute::Kernel.refusals = {};
   start_mld();
   script_reader script{bytes, 0};
   while (!script.is_at_end()) {
@@ -283,7 +305,7 @@ void run_mld_script(std::span<const std::uint8_t> bytes) {
     run_step(script);
     check_mld();
   }
-  mute::Kernel.refusals = 0;
+  mute::Kernel.refusals = {};
   stop_mld();
 }
 

@@ -18,7 +18,7 @@ void stop_mld();
 //   0-6 MLDv2 report made of records from small tables    7 MLDv1 report    8 query    9 raw message
 //   10 tick    11 up to 256 ticks    12 refuse some of the next requests    13 state dump
 //   14 stop, and start with other interfaces or with refusals on the way
-//   15 message from nowhere, from upstream or without packet information
+//   15 message from nowhere, from upstream or without packet information    16 burst of messages for many groups
 void run_mld_script(std::span<const std::uint8_t> script);
 
 // The first step of the script alone, on the running proxy, with the checks.

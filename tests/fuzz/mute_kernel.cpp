@@ -69,25 +69,26 @@ FILE *open_nothing(const char *mode) {
 }
 
 FILE *open_contents() {
-  return Kernel.file.empty()
-             ? open_nothing("r")
-             : note_stream(fmemopen(const_cast<char *>(Kernel.file.data()), Kernel.file.size(), "r"));
+  return Kernel.file.empty() ? open_nothing("r")
+                             : note_stream(fmemopen(const_cast<char *>(Kernel.file.data()), Kernel.file.size(), "r"));
 }
 
 int index_of(const char *name) { return std::atoi(name + 1); }
 
 bool is_refused() {
   ++Kernel.requests;
-  if (Kernel.refusals == 0) {
+  refusal_plan &plan = Kernel.refusals;
+  if (plan.length == 0) {
     return false;
   }
-  if (Kernel.grants > 0) {
-    --Kernel.grants;
+  if (plan.grants > 0) {
+    --plan.grants;
     return false;
   }
-  --Kernel.refusals;
+  constexpr unsigned int pattern_bits = 8;
+  --plan.length;
   errno = ENOBUFS;
-  return true;
+  return (plan.pattern >> (plan.length % pattern_bits) & 1) != 0;
 }
 
 void append_control(msghdr *header, int level, int type, const void *data, std::size_t length) {

@@ -24,9 +24,15 @@ struct network_interface {
   short flags;
 };
 
+// Which of the daemon's next requests are refused.
+struct refusal_plan {
+  unsigned int grants;  // how many are granted before it begins
+  unsigned int length;  // for how many it then goes on
+  std::uint8_t pattern; // a bit for each of eight, over and over: 1 refuses
+};
+
 struct kernel {
-  unsigned int grants;        // how many requests are granted before the refusals begin
-  unsigned int refusals;      // how many requests are refused then
+  refusal_plan refusals;
   message next;               // what recvmsg delivers
   std::span<const char> file; // what any fopen delivers
   std::span<const network_interface> interfaces;

@@ -18,15 +18,22 @@ struct script_reader {
   std::uint8_t below(std::size_t limit) { return static_cast<std::uint8_t>(byte() % limit); }
 };
 
+// Bytes: for how many requests, after how many, which of eight.
+inline void plan_refusals(script_reader &script) {
+  const std::uint8_t length = script.byte();
+  const std::uint8_t grants = script.byte();
+  mute::Kernel.refusals = {grants, length, script.byte()};
+}
+
 // A start makes some 400 requests. Every other one goes well; in the rest some requests are refused from anywhere on.
-inline void refuse_within_start(script_reader &script) {
+inline void plan_refusals_of_start(script_reader &script) {
   if (script.below(2) == 0) {
     return;
   }
   constexpr unsigned int values_of_byte = 256;
-  const unsigned int upper = script.below(2);
-  mute::Kernel.grants = upper * values_of_byte + script.byte();
-  mute::Kernel.refusals = script.byte();
+  const unsigned int later = script.below(2) * values_of_byte;
+  plan_refusals(script);
+  mute::Kernel.refusals.grants += later;
 }
 
 } // namespace world
