@@ -62,8 +62,8 @@ void play_days(const soaked_side &side, long days, unsigned long seed, tally &to
   for (long day = 0; day < days; ++day) {
     play_day(side, random, total);
     if (mute::MemoryUse.bytes != bytes_at_start) {
-      mute::fail("memory went from " + std::to_string(bytes_at_start) + " to " +
-                 std::to_string(mute::MemoryUse.bytes) + " bytes");
+      mute::fail("memory went from " + std::to_string(bytes_at_start) + " to " + std::to_string(mute::MemoryUse.bytes) +
+                 " bytes");
     }
     if (day % days_per_week == days_per_week - 1) { // a restart brings lost host records back
       side.stop();
