@@ -57,7 +57,8 @@ def growth_reasons(missed, figures):
 
 
 REASONS = {
-    "tick": ["- With empty pools the tick is one allocation and release of a scratch record, which every pass "
+    "tick": ["- Most of the idle load is the kernel's for waking a process once a second, as its floor shows.",
+             "- With empty pools the tick is one allocation and release of a scratch record, which every pass "
     "makes and",
              "  the memory report counts; the walk it is compared with is four records long. It is some ten "
              "nanoseconds",
