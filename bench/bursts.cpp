@@ -60,7 +60,7 @@ void make_queries_due(unsigned count) {
     mld_append_source(group, source, 1)->source_timer = -1; // asked for by name, so that one socket is opened
     group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
     group->retransmit_timer = 0;
-    list_add(&intr->groups, &group->link);
+    mld_link_group(intr, group);
   }
 }
 
@@ -69,7 +69,7 @@ void forget_groups(unsigned count) {
   for (unsigned number = 0; number < count; ++number) {
     mld_group *group = mld_find_group(intr, group_number(number));
     if (group != nullptr) {
-      list_remove_node(&intr->groups, &group->link);
+      mld_unlink_group(intr, group);
       mld_release_group(group);
     }
   }

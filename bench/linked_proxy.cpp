@@ -52,7 +52,7 @@ void linked_forget_group(const ipv6_address &address) {
   mld_interface *intr = linked_downstream();
   mld_group *group = mld_find_group(intr, address);
   if (group != nullptr) {
-    list_remove_node(&intr->groups, &group->link);
+    mld_unlink_group(intr, group);
     mld_proxy_drop_membership(group);
     mld_release_group(group);
   }
@@ -71,8 +71,8 @@ void linked_move_to_end(const ipv6_address &address) {
   mld_interface *intr = linked_downstream();
   mld_group *group = mld_find_group(intr, address);
   if (group != nullptr) {
-    list_remove_node(&intr->groups, &group->link);
-    list_append(&intr->groups, &group->link);
+    mld_unlink_group(intr, group);
+    list_index_append(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
   }
 }
 
@@ -94,7 +94,8 @@ void linked_restore_hosts(const ipv6_address &group, const host_records &before)
     }
   }
   for (mld_host *host : all) {
-    list_remove_node(&linked_downstream()->hosts, &host->link); // fails for those that were deleted
+    // Fails for those that were deleted.
+    list_index_remove(MldHostIndex, &linked_downstream()->hosts, &host->link, mld_host_key);
     list_add(&MldRouter.free_hosts, &host->link);
   }
 }

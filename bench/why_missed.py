@@ -30,18 +30,16 @@ def parts_of_a_report(figures):
 def report_reasons(missed, figures):
     lines = parts_of_a_report(figures) + [""]
     if any("no log" in figure.name for figure in missed):
-        lines += ["- Without the log: groups and host records stand on linked lists, newest or oldest first, an order",
-                  "  that the log and the state files show. A report walks the groups once to four times and the host",
-                  "  records up to four times; the group measured stands at the end. A walk over 127 records "
-                  "costs about",
-                  "  0.2 us, since each step waits for the one before (5 cycles at best), and that is all the "
-                  "difference",
-                  "  between 1 and 127 groups that the kernel does not make itself."]
+        lines += ["- Without the log: a report that asks the kernel for nothing (leave, MLDv1 refresh) has a floor of "
+                  "one select",
+                  "  and one recvmsg, and 15 % of that are some hundred nanoseconds for parsing, finding and changing "
+                  "the records."]
     if any("no log" not in figure.name for figure in missed):
-        lines += ["- With the log: what the kernel asks for taking the text to a file or a pipe (columns on the "
-                  "right) is",
-                  "  as much again as writing the text; a report that asks the kernel for little (leave, refresh of a",
-                  "  source, MLDv1 refresh) has a floor of one select and one recvmsg, less than its own lines cost."]
+        lines += ["- With the log: the kernel asks for taking the text (columns on the right, and the next table) as "
+                  "much as it costs",
+                  "  to write it, for a pipe more, since each piece wakes the reader. A report that asks the kernel "
+                  "for little (leave,",
+                  "  refresh of a source, MLDv1 refresh) has a floor that is less than its own lines cost there."]
     if any("any-source group" in figure.name for figure in missed):
         lines += ["- An any-source group that is created, or dropped and created again, is logged with one line "
                   "for each",
@@ -55,12 +53,12 @@ def growth_reasons(missed, figures):
     del missed, figures
     return ["- The rows `floor` show the kernel's own growth: it walks the socket's memberships for every join "
             "and leave.",
-            "- Any-source groups with the log: one line for each group of the interface, as above.",
-            "- The rest is the walks over the lists of groups and host records, as above."]
+            "- Any-source groups with the log: one line for each group of the interface, as above."]
 
 
 REASONS = {
-    "tick": ["- With empty pools the tick is one allocation and release of a scratch record, which every pass "
+    "tick": ["- Most of the idle load is the kernel's for waking a process once a second, as its floor shows.",
+             "- With empty pools the tick is one allocation and release of a scratch record, which every pass "
     "makes and",
              "  the memory report counts; the walk it is compared with is four records long. It is some ten "
              "nanoseconds",

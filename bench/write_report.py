@@ -20,6 +20,7 @@ Figure = collections.namedtuple("Figure", "topic name unit value floor judged li
 TOPICS = {
     "report": "Cost of a report, with so many other groups (select, receive and all that follows)",
     "growth": "Cost of a report with 127 other groups (value) beside that with 1 (floor)",
+    "write": "What the kernel asks for taking 4 KiB of log, some 45 lines",
     "log": "The log line",
     "tick": "The tick",
     "zap": "Zap",

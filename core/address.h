@@ -27,6 +27,13 @@ inline bool is_same_address(const ipv6_address &left, const ipv6_address &right)
   return low[0] == low[1] && high[0] == high[1];
 }
 
+// The four words of an address folded into one: what an index finds it by.
+inline std::uint32_t address_key(const ipv6_address &address) {
+  std::array<std::uint32_t, 4> words;
+  std::memcpy(words.data(), address.data(), address.size());
+  return words[0] ^ words[1] ^ words[2] ^ words[3];
+}
+
 struct address_text {
   std::array<char, 40> characters; // eight groups of four digits, seven colons, NUL
 };

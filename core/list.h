@@ -29,7 +29,7 @@ list_node *list_remove(list *from);
 // Unlinks a node. Returns 0, or -1 if the list is null or empty or does not hold the node.
 int list_remove_node(list *from, list_node *node);
 
-// Inline: a report walks lists of 128 records several times.
+// Inline: a tick walks lists of 128 records.
 inline list_node *list_get_head(const list *of) { return of->head; }
 inline list_node *list_get_next(const list_node *node) { return node->next; }
 

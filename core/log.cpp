@@ -43,42 +43,50 @@ void append(line_text &line, const char *text, std::size_t length) {
   line.length += length;
 }
 
-void append_fill(line_text &line, char fill, std::size_t length, std::size_t width) {
-  constexpr std::size_t widest = function_width;
-  std::array<char, widest> filled;
-  if (length < width) {
-    filled.fill(fill);
-    append(line, filled.data(), width - length);
-  }
-}
-
-// Text, then blanks up to `width`.
-void append_left(line_text &line, const char *text, std::size_t width) {
-  const std::size_t length = strnlen(text, longest_name);
-  append(line, text, length);
-  append_fill(line, ' ', length, width);
-}
-
-// A number after blanks or zeros up to `width`.
-template <typename integer>
-void append_number(line_text &line, integer number, int base, std::size_t width, char fill) {
+// A number, after zeros up to `width`.
+template <typename integer> void append_number(line_text &line, integer number, int base, std::size_t width) {
   std::array<char, longest_number> digits;
   const std::to_chars_result result = std::to_chars(digits.data(), digits.data() + digits.size(), number, base);
   const auto length = static_cast<std::size_t>(result.ptr - digits.data());
-  append_fill(line, fill, length, width);
+  for (std::size_t i = length; i < width; ++i) {
+    append(line, "0", 1);
+  }
   append(line, digits.data(), length);
 }
 
-// "D:mld :mld_proxy_stop                      #  81: "
-void append_prefix(line_text &line, char level, const log_site &site) {
-  append(line, &level, 1);
-  append(line, ":", 1);
-  append_left(line, site.tag, tag_width);
-  append(line, ":", 1);
-  append_left(line, site.function, function_width);
-  append(line, "#", 1);
-  append_number(line, site.line, 10, line_width, ' ');
-  append(line, ": ", 2);
+// Text, then blanks up to `width`. Returns where the next column begins.
+template <std::size_t width> char *put_left(char *out, const char *text) {
+  const std::size_t length = strnlen(text, longest_name);
+  std::memset(out, ' ', width);
+  std::memcpy(out, text, length);
+  return out + std::max(length, width);
+}
+
+// A number, after blanks up to `width`.
+template <std::size_t width> char *put_right(char *out, int number) {
+  std::array<char, longest_number> digits;
+  const std::to_chars_result result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+  const auto length = static_cast<std::size_t>(result.ptr - digits.data());
+  std::memset(out, ' ', width);
+  out += width > length ? width - length : 0;
+  std::memcpy(out, digits.data(), length);
+  return out + length;
+}
+
+// "D:mld :mld_proxy_stop                      #  81: ". The line is empty before it, and longer than any prefix.
+void put_prefix(line_text &line, char level, const log_site &site) {
+  static_assert(2 * longest_name + longest_number + 6 <= usual_line);
+  char *out = line.characters.data();
+  *out++ = level;
+  *out++ = ':';
+  out = put_left<tag_width>(out, site.tag);
+  *out++ = ':';
+  out = put_left<function_width>(out, site.function);
+  *out++ = '#';
+  out = put_right<line_width>(out, site.line);
+  *out++ = ':';
+  *out++ = ' ';
+  line.length = static_cast<std::size_t>(out - line.characters.data());
 }
 
 // Writes the conversion that starts at `conversion` (its '%'). Returns what follows it, or null if it is not one of the
@@ -91,16 +99,16 @@ const char *append_conversion(line_text &line, const char *conversion, va_list &
     return conversion + 2;
   }
   case 'd':
-    append_number(line, va_arg(arguments, int), 10, 0, ' ');
+    append_number(line, va_arg(arguments, int), 10, 0);
     return conversion + 2;
   case 'u':
-    append_number(line, va_arg(arguments, unsigned int), 10, 0, ' ');
+    append_number(line, va_arg(arguments, unsigned int), 10, 0);
     return conversion + 2;
   default:
     break;
   }
   if (std::strncmp(conversion, "%02x", 4) == 0) {
-    append_number(line, va_arg(arguments, unsigned int), 16, 2, '0');
+    append_number(line, va_arg(arguments, unsigned int), 16, 2);
     return conversion + 4;
   }
   return nullptr;
@@ -124,8 +132,7 @@ void append_message(line_text &line, const char *format, va_list &arguments) {
 
 void log_line(char level, const log_site &site, const char *format, va_list &arguments) {
   line_text line;
-  line.length = 0;
-  append_prefix(line, level, site);
+  put_prefix(line, level, site);
   hand_over(line);
   append_message(line, format, arguments);
   hand_over(line);

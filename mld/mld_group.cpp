@@ -2,6 +2,10 @@
 
 #include "mld/mld_wire.h"
 
+list_index MldGroupIndex{};
+
+static_assert(MLD_GROUP_POOL_SIZE <= LIST_INDEX_PLACES);
+
 namespace {
 
 constexpr std::uint32_t tenths_per_second = 10;
@@ -19,12 +23,31 @@ mld_query *take_query(const ipv6_address &group) {
 
 } // namespace
 
+std::uint32_t mld_group_key(const list_node *group) {
+  return address_key(reinterpret_cast<const mld_group *>(group)->group);
+}
+
 mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address) {
-  mld_group *group = list_first<mld_group>(&intr->groups);
-  while (group != nullptr && !is_same_address(group->group, address)) {
-    group = list_after(group);
+  for (const list_place *place = list_index_first(MldGroupIndex, address_key(address)); place != nullptr;
+       place = list_index_next(MldGroupIndex, place)) {
+    auto *group = reinterpret_cast<mld_group *>(place->node);
+    if (place->on == &intr->groups && is_same_address(group->group, address)) {
+      return group;
+    }
   }
-  return group;
+  return nullptr;
+}
+
+void mld_link_group(mld_interface *intr, mld_group *group) {
+  list_index_add(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+}
+
+int mld_unlink_group(mld_interface *intr, mld_group *group) {
+  return list_index_remove(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+}
+
+mld_group *mld_pop_group(mld_interface *intr) {
+  return reinterpret_cast<mld_group *>(list_index_pop(MldGroupIndex, &intr->groups, mld_group_key));
 }
 
 mld_group *mld_take_group(log_site site, const ipv6_address &address) {

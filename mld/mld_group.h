@@ -1,6 +1,7 @@
 // Group records between the pool and an interface's list, and their source slots.
 #pragma once
 
+#include "core/list_index.h"
 #include "core/log.h"
 #include "mld/mld_router.h"
 
@@ -9,6 +10,19 @@
 
 // The interface's record of a group; null if it has none.
 mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address);
+
+// Of all interfaces' groups, by address: whoever links or unlinks one does it through the index.
+extern list_index MldGroupIndex;
+std::uint32_t mld_group_key(const list_node *group);
+
+// Puts a group in front of the interface's.
+void mld_link_group(mld_interface *intr, mld_group *group);
+
+// Takes a group off the interface's list. Returns 0, or -1 if it is not there.
+int mld_unlink_group(mld_interface *intr, mld_group *group);
+
+// Takes off the interface's first group; null if it has none.
+mld_group *mld_pop_group(mld_interface *intr);
 
 // Takes a record from the pool for a group with members: zeroed, full group timer, no sources, on no list yet. When
 // the pool is dry, logs for `site` and returns null; the report is lost then.

@@ -3,31 +3,56 @@
 #include "core/log.h"
 
 #include <arpa/inet.h>
+#include <bit>
+
+list_index MldHostIndex{};
 
 namespace {
 
 constexpr std::uint32_t reported_host_state = 2; // no reader; firmware tools see it in memory dumps
 
-bool matches(const mld_host *record, const ipv6_address &group, const ipv6_address &host, const ipv6_address &source) {
-  if (!is_same_address(record->group, group)) {
-    return false;
+static_assert(MLD_HOST_POOL_SIZE <= LIST_INDEX_PLACES);
+
+// The three are folded apart: in a report of many sources group and host are the same for all.
+std::uint32_t key_of(const ipv6_address &group, const ipv6_address &host, const ipv6_address &source) {
+  return address_key(group) ^ std::rotl(address_key(host), 7) ^ std::rotl(address_key(source), 14);
+}
+
+mld_host *find_host(const mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
+                    const ipv6_address &source) {
+  for (const list_place *place = list_index_first(MldHostIndex, key_of(group, host, source)); place != nullptr;
+       place = list_index_next(MldHostIndex, place)) {
+    auto *record = reinterpret_cast<mld_host *>(place->node);
+    if (place->on == &intr->hosts && is_same_address(record->group, group) && is_same_address(record->host, host) &&
+        is_same_address(record->source, source)) {
+      return record;
+    }
   }
-  if (host != In6AddrAny) {
-    return record->host == host && record->source == source;
+  return nullptr;
+}
+
+// Whatever host it is.
+mld_host *find_any_host(const mld_interface *intr, const ipv6_address &group, const ipv6_address &source) {
+  const bool is_any_source = is_same_address(source, In6AddrAny);
+  mld_host *record = list_first<mld_host>(&intr->hosts);
+  while (record != nullptr &&
+         (!is_same_address(record->group, group) || (!is_any_source && !is_same_address(record->source, source)))) {
+    record = list_after(record);
   }
-  return source == In6AddrAny || record->source == source;
+  return record;
 }
 
 } // namespace
 
+std::uint32_t mld_host_key(const list_node *host) {
+  const auto *record = reinterpret_cast<const mld_host *>(host);
+  return key_of(record->group, record->host, record->source);
+}
+
 mld_host *mld_router_host_lookup(const mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
                                  const ipv6_address &source) {
   log_debug(MLD_HERE, "host_address: %s source_address: %s", ADDRESS_TEXT(host), ADDRESS_TEXT(source));
-  mld_host *record = list_first<mld_host>(&intr->hosts);
-  while (record != nullptr && !matches(record, group, host, source)) {
-    record = list_after(record);
-  }
-  return record;
+  return is_same_address(host, In6AddrAny) ? find_any_host(intr, group, source) : find_host(intr, group, host, source);
 }
 
 mld_host *mld_router_host_add(mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
@@ -48,7 +73,7 @@ mld_host *mld_router_host_add(mld_interface *intr, const ipv6_address &group, co
   log_debug(MLD_HERE, "list_add host:%s", ADDRESS_TEXT(record->host));
   log_debug(MLD_HERE, "list_add source:%s", ADDRESS_TEXT(record->source));
   record->host_state = reported_host_state;
-  list_append(&intr->hosts, &record->link);
+  list_index_append(MldHostIndex, &intr->hosts, &record->link, mld_host_key);
   return record;
 }
 
@@ -58,7 +83,7 @@ int mld_router_host_del(mld_interface *intr, const ipv6_address &group, const ip
   if (record == nullptr) {
     return 0;
   }
-  const int unlinked = list_remove_node(&intr->hosts, &record->link);
+  const int unlinked = list_index_remove(MldHostIndex, &intr->hosts, &record->link, mld_host_key);
   if (unlinked == -1) {
     std::array<char, INET6_ADDRSTRLEN> text{};
     inet_ntop(AF_INET6, record->host.data(), text.data(), text.size());

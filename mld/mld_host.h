@@ -2,7 +2,12 @@
 // decided by queries, not by this table.
 #pragma once
 
+#include "core/list_index.h"
 #include "mld/mld_router.h"
+
+// Of all interfaces' hosts, by group, host and source: whoever links or unlinks one does it through the index.
+extern list_index MldHostIndex;
+std::uint32_t mld_host_key(const list_node *host);
 
 // First record that matches. A host other than :: must match together with group and source; for host :: any host
 // does, and for source :: with it any source, too. Null if there is none.

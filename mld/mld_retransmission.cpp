@@ -62,7 +62,7 @@ mld_group *mld_router_retransmit_timer_expired(mld_interface *intr, mld_group *g
     group->state = MLD_GROUP_MEMBERS_PRESENT;
     return following;
   }
-  if (list_remove_node(&intr->groups, &group->link) == -1) {
+  if (mld_unlink_group(intr, group) == -1) {
     log_error(RETRANSMIT_HERE, "Group Removal of %s unsuccesful.", ADDRESS_TEXT(group->group));
     return nullptr;
   }

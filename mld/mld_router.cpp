@@ -2,6 +2,8 @@
 
 #include "core/log.h"
 #include "core/pool.h"
+#include "mld/mld_group.h"
+#include "mld/mld_host.h"
 #include "mld/mld_shutdown.h"
 
 mld_router MldRouter{};
@@ -13,6 +15,8 @@ ipv6_address mld_tmp_origin{};
 int init_mld_config() {
   log_debug(MLD_HERE, "Initializing MLD configuration settings.");
   MldRouter = mld_router{};
+  MldGroupIndex = list_index{};
+  MldHostIndex = list_index{};
   MldRouter.other_querier_interval = 300;
   MldRouter.query_interval = 125;
   MldRouter.query_response_interval = 10;

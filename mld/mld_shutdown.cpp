@@ -3,6 +3,7 @@
 #include "core/memory.h"
 #include "core/pool.h"
 #include "mld/mld_group.h"
+#include "mld/mld_host.h"
 #include "mld/mld_membership.h"
 #include "mld/mld_options.h"
 
@@ -15,8 +16,7 @@ namespace {
 
 // A group is off the list before it is dropped, so the last interface that holds it leaves it upstream.
 void drop_groups(log_site site, mld_interface *intr) {
-  for (mld_group *group = list_pop<mld_group>(&intr->groups); group != nullptr;
-       group = list_pop<mld_group>(&intr->groups)) {
+  for (mld_group *group = mld_pop_group(intr); group != nullptr; group = mld_pop_group(intr)) {
     log_debug(site, "group address: %s", ADDRESS_TEXT(group->group));
     mld_proxy_drop_membership(group);
     mld_return_queries(group);
@@ -75,6 +75,7 @@ void mld_proxy_clean_interface(mld_interface *intr) {
 void mld_proxy_stop() {
   log_debug(MLD_HERE, "Stop MLD Proxy.");
   stop_interfaces();
+  MldHostIndex = list_index{};
   free_pool(&MldRouter.free_hosts);
   free_pool(&MldRouter.free_queries);
   free_pool(&MldRouter.free_groups);

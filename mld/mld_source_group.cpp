@@ -41,7 +41,7 @@ void give_up_expired_sources(mld_interface *intr, mld_group *group, const ipv6_a
 bool drop_idle_group(mld_interface *intr, mld_group *group, const ipv6_address &sender) {
   log_debug(ADD_SRC_HERE, "group retransmit_timer < 0, drop this group: %s", ADDRESS_TEXT(group->group));
   mld_router_host_del(intr, group->group, sender, In6AddrAny);
-  if (list_remove_node(&intr->groups, &group->link) == -1) {
+  if (mld_unlink_group(intr, group) == -1) {
     log_error(ADD_SRC_HERE, "Group Removal of %s unsuccesful.", ADDRESS_TEXT(group->group));
     return false;
   }
@@ -83,7 +83,7 @@ void create_all_sources_group(mld_interface *intr, const ipv6_address &address, 
   }
   refresh_any_source(group);
   trace_groups(intr, group);
-  list_add(&intr->groups, &group->link);
+  mld_link_group(intr, group);
   join_all_sources(intr, group, sender);
 }
 
@@ -114,7 +114,7 @@ mld_group *create_group_with_source(mld_interface *intr, const ipv6_address &add
     return nullptr;
   }
   mld_append_source(group, source, forward_of_new_source());
-  list_add(&intr->groups, &group->link);
+  mld_link_group(intr, group);
   join_source(intr, group, source, sender);
   return group;
 }
@@ -162,7 +162,7 @@ void add_listed_sources(mld_interface *intr, mld_group *group, const mld_record 
 // Ends a group whose only source ran out. Unlike other ends its record goes to the tail of the pool.
 int end_group_of_last_source(mld_interface *intr, mld_group *group, const ipv6_address &source) {
   log_debug(LEAVE_HERE, "Last one source: %s in group: %s", ADDRESS_TEXT(source), ADDRESS_TEXT(group->group));
-  const int unlinked = list_remove_node(&intr->groups, &group->link);
+  const int unlinked = mld_unlink_group(intr, group);
   if (unlinked == 0) {
     mld_proxy_drop_membership(group);
     mld_clear_group(group);

@@ -183,7 +183,7 @@ bool mld_router_group_timer_expired(mld_interface *intr, mld_group *group) {
   log_debug(MLD_HERE, "Group timer expired.");
   mld_cancel_queries(group);
   mld_snooping_leave(In6AddrAny, group->group);
-  if (list_remove_node(&intr->groups, &group->link) == -1) {
+  if (mld_unlink_group(intr, group) == -1) {
     log_error(MLD_HERE, "Group Removal of %s unsuccesful.", ADDRESS_TEXT(group->group));
     return false;
   }

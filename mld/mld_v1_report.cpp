@@ -21,7 +21,7 @@ void mld_router_version1_report_handler(mld_interface *intr, const ipv6_address 
     if (group == nullptr) {
       return;
     }
-    list_add(&intr->groups, &group->link);
+    mld_link_group(intr, group);
     log_debug(MLD_HERE, "Add the group membership: %s", ADDRESS_TEXT(address));
     mld_proxy_add_membership(group);
   }

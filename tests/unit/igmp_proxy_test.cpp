@@ -6,13 +6,13 @@
 #include "igmp/igmp_receive.h"
 #include "igmp/igmp_timers.h"
 #include "igmp/igmp_wire.h"
+#include "invariants.h"
 #include "platform/nvram_file.h"
 
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <set>
 
 namespace scripted {
 
@@ -58,31 +58,6 @@ igmp_interface *make_interface(const char *name, int index, igmp_role role, cons
 void free_all(list *records) {
   while (list_node *record = list_remove(records)) {
     my_free(record);
-  }
-}
-
-// Adds the list's records to `met`; a record met before is a complaint.
-void meet(const list &of, std::set<const void *> &met, int &total, lines &complaints) {
-  for (const list_node *node = list_get_head(&of); node != nullptr; node = list_get_next(node)) {
-    if (!met.insert(node).second) {
-      complaints.push_back("a record on two lists, or an endless list");
-      return;
-    }
-    ++total;
-  }
-}
-
-void check_group(const igmp_group *group, lines &complaints) {
-  if (group->state < IGMP_GROUP_MEMBERS_PRESENT || group->state > IGMP_GROUP_CHECKING_MEMBERSHIP) {
-    complaints.push_back("a group in state " + std::to_string(group->state));
-  }
-  if (group->owner != &IgmpRouter.upstream_name) {
-    complaints.push_back("a group without owner");
-  }
-  for (const std::int32_t timer : {group->group_timer, group->v1_host_timer, group->retransmit_timer}) {
-    if (timer < 0 || timer > 350) {
-      complaints.push_back("a timer of " + std::to_string(timer));
-    }
   }
 }
 
@@ -264,27 +239,16 @@ lines joined(std::initializer_list<lines> parts) {
 
 lines broken_igmp_invariants(bool has_whole_pools) {
   lines complaints;
-  std::set<const void *> met;
-  int groups = 0;
-  int queries = 0;
-  int interfaces = 0;
-  meet(IgmpRouter.free_groups, met, groups, complaints);
-  meet(IgmpRouter.free_queries, met, queries, complaints);
-  meet(IgmpRouter.interfaces, met, interfaces, complaints);
-  for (const auto *intr = list_first<igmp_interface>(&IgmpRouter.interfaces); intr != nullptr && complaints.empty();
-       intr = list_after(intr)) {
-    meet(intr->groups, met, groups, complaints);
-    for (const auto *group = list_first<igmp_group>(&intr->groups); group != nullptr && complaints.empty();
-         group = list_after(group)) {
-      meet(group->queries, met, queries, complaints);
-      check_group(group, complaints);
-    }
+  record_count count;
+  const std::string complaint = check_igmp_records(count);
+  if (!complaint.empty()) {
+    complaints.push_back(complaint);
   }
-  if (has_whole_pools && groups != IGMP_GROUP_POOL_SIZE) {
-    complaints.push_back("groups in pool and lists: " + std::to_string(groups));
+  if (has_whole_pools && count.groups != IGMP_GROUP_POOL_SIZE) {
+    complaints.push_back("groups in pool and lists: " + std::to_string(count.groups));
   }
-  if (has_whole_pools && queries != IGMP_QUERY_POOL_SIZE) {
-    complaints.push_back("queries in pool and lists: " + std::to_string(queries));
+  if (has_whole_pools && count.queries != IGMP_QUERY_POOL_SIZE) {
+    complaints.push_back("queries in pool and lists: " + std::to_string(count.queries));
   }
   return complaints;
 }

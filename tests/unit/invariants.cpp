@@ -1,6 +1,8 @@
 #include "invariants.h"
 
 #include "igmp/igmp_router.h"
+#include "mld/mld_group.h"
+#include "mld/mld_host.h"
 #include "mld/mld_router.h"
 
 #include <array>
@@ -65,6 +67,49 @@ bool add_list(const list &of, int &total) {
   const int count = meet_all(of);
   total += count;
   return count >= 0;
+}
+
+// Every record of the list has its place, right after its predecessor. Counts them in `placed`.
+std::string check_places(const list_index &index, const list &of, record_key key_of, int &placed) {
+  const list_node *previous = nullptr;
+  for (const list_node *node = list_get_head(&of); node != nullptr; node = list_get_next(node)) {
+    const list_place *place = list_index_first(index, key_of(node));
+    while (place != nullptr && place->node != node) {
+      place = list_index_next(index, place);
+    }
+    if (place == nullptr || place->on != &of || place->previous != previous) {
+      return "a record that the index does not find where it is";
+    }
+    previous = node;
+    ++placed;
+  }
+  return "";
+}
+
+std::string check_no_more_places(const list_index &index, int placed) {
+  int taken = 0;
+  bool is_end_known = index.last_appended == nullptr;
+  for (const list_place &place : index.places) {
+    taken += place.node != nullptr ? 1 : 0;
+    is_end_known = is_end_known || place.node == index.last_appended;
+  }
+  return taken == placed && is_end_known ? "" : "an index that holds a record which is on no list";
+}
+
+std::string check_indexes() {
+  int groups = 0;
+  int hosts = 0;
+  for (const mld_interface *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr;
+       intr = list_after(intr)) {
+    for (const std::string &complaint : {check_places(MldGroupIndex, intr->groups, mld_group_key, groups),
+                                         check_places(MldHostIndex, intr->hosts, mld_host_key, hosts)}) {
+      if (!complaint.empty()) {
+        return complaint;
+      }
+    }
+  }
+  const std::string complaint = check_no_more_places(MldGroupIndex, groups);
+  return complaint.empty() ? check_no_more_places(MldHostIndex, hosts) : complaint;
 }
 
 constexpr std::int32_t membership_seconds = 350;
@@ -139,7 +184,7 @@ std::string check_mld_records(record_count &count) {
       return complaint;
     }
   }
-  return "";
+  return check_indexes();
 }
 
 namespace {

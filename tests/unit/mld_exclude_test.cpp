@@ -79,7 +79,7 @@ TEST_F(mld_exclude_record, unwanted_source_of_a_known_group_is_refreshed_without
     when_excluded("ff0e::1", {"2001:db8::1"});
     then({});
     then_groups(br0, {group_line("ff0e::1"), slot_line("2001:db8::1", 360, 0)});
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }
@@ -98,7 +98,7 @@ TEST_F(mld_exclude_record, record_from_the_unspecified_address_leaves_a_wanted_s
     when_excluded("ff0e::1", {"2001:db8::1"}, "::");
     then(source_left("ff0e::1", "2001:db8::1"));
     then_groups(br0, {group_line("ff0e::1"), slot_line("2001:db8::1", 360, 0)});
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }
@@ -145,7 +145,7 @@ TEST_F(mld_exclude_record, interface_without_a_usable_mif_gets_no_output) {
     mld_group *group = given_old_group(1);
     when_excluded("ff0e::1", {"2001:db8::1"});
     then_requests({entry_request("MRT6_ADD_MFC", "2001:db8::1", "ff0e::1", "")});
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

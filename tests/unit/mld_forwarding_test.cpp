@@ -40,7 +40,7 @@ TEST_F(mld_forwarding, outputs_are_the_downstream_interfaces_that_have_the_group
 
 TEST_F(mld_forwarding, group_of_no_interface_has_no_outputs) {
   mld_group *group = given_group(br0, "ff0e::1");
-  list_remove_node(&br0->groups, &group->link);
+  mld_unlink_group(br0, group);
   run([&] {
     const collected_outputs outputs =
         mld_collect_outputs(MLD_STEP_OF("mld_collector"), group, outputs_purpose::drop_membership);

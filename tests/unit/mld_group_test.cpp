@@ -12,7 +12,7 @@ struct mld_group_records : mld_report_test {
     when([&] {
       taken = mld_take_group(MLD_HERE, address(group));
       if (taken != nullptr) {
-        list_add(&br0->groups, &taken->link);
+        mld_link_group(br0, taken);
       }
     });
     return taken;
@@ -55,7 +55,7 @@ TEST_F(mld_group_records, released_group_gives_its_queries_back_in_any_state) {
     mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1"});
     given_checking(group, 3, 1);
     group->state = state;
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     when([&] { mld_release_group(group); });
     EXPECT_EQ(group->state, MLD_GROUP_NO_MEMBERS);
     EXPECT_EQ(group->source_count, 0);

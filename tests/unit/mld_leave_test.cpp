@@ -152,7 +152,7 @@ TEST_F(mld_group_leave, expired_source_among_others_is_blocked_and_removed_in_pl
         group_timer_set(),
     });
     then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line(given.left[0], 0), slot_line(given.left[1], 0)});
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }
@@ -200,7 +200,7 @@ TEST_F(mld_group_leave, any_source_listener_keeps_an_expired_source_from_being_b
     when_expired(expired);
     then({logged_debug(leave, "Exist null source."), source_removed(expired), group_timer_set()});
     EXPECT_EQ(group->source_count, 2);
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

@@ -192,7 +192,7 @@ TEST_F(mld_leave_timeline, lasting_any_source_listener_keeps_sources_from_being_
                                       entry_request("MRT6_DEL_MFC", "::", "ff0e::1", ""),
                                   });
     then_groups(br0, {group_line("ff0e::1"), slot_line("::", seconds)});
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

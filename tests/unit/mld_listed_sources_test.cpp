@@ -92,7 +92,7 @@ TEST_F(mld_listed_sources_join, lasting_any_source_listener_covers_every_source)
     then_groups(br0, {group_line("ff0e::1"), slot_line("::", seconds), slot_line("2001:db8::1"),
                       slot_line("2001:db8::2", 360, 0)});
     EXPECT_EQ(length(br0->hosts) == 0, is_covered);
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

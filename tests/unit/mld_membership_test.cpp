@@ -17,7 +17,7 @@ struct mld_membership : mld_test {
   // A group that this interface has just lost, as the callers hand it over.
   mld_group *given_lost(mld_interface *intr, const std::string &group, const lines &sources = {}) {
     mld_group *lost = given_group(intr, group, sources);
-    list_remove_node(&intr->groups, &lost->link);
+    mld_unlink_group(intr, lost);
     return lost;
   }
 

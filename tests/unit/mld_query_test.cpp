@@ -263,7 +263,7 @@ TEST_F(mld_query_sending, lasting_any_source_slot_keeps_expired_sources_from_bei
                                            "ifindex=2";
                           }),
               one.is_blocked);
-    list_remove_node(&br0->groups, &asked->link);
+    mld_unlink_group(br0, asked);
     mld_release_group(asked);
   }
 }

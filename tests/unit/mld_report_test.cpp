@@ -2,6 +2,7 @@
 
 #include "core/memory.h"
 #include "mld/mld_group.h"
+#include "mld/mld_host.h"
 
 namespace scripted {
 
@@ -72,7 +73,7 @@ void mld_report_test::given_host(mld_interface *intr, const std::string &group, 
   made->host = address(host);
   made->source = address(source);
   made->host_state = 2;
-  list_append(&intr->hosts, &made->link);
+  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key);
 }
 
 void mld_report_test::when_ticked_quietly(int ticks) {

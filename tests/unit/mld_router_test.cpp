@@ -240,7 +240,7 @@ TEST_F(mld_router_records, a_released_group_gives_its_queries_back_in_any_state)
     given_checking(group, 2, 1);
     group->state = state;
     EXPECT_EQ(length(MldRouter.free_queries), MLD_QUERY_POOL_SIZE - 2);
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     when([&] { mld_release_group(group); });
     EXPECT_EQ(length(MldRouter.free_queries), MLD_QUERY_POOL_SIZE);
     EXPECT_EQ(group->state, MLD_GROUP_NO_MEMBERS);

@@ -134,7 +134,7 @@ TEST_F(mld_source_expiry, all_slots_may_run_out_in_one_pass) {
     // Removed one by one, every second slot is passed over; asked for, all stay.
     EXPECT_EQ(group->source_count, forward == 0 ? 5 : 10);
     EXPECT_EQ(length(group->queries), forward == 0 ? 5 : 10);
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

@@ -171,7 +171,7 @@ TEST_F(mld_all_sources_join, number_decides_about_the_drop_and_not_whether_queri
     when_joined("ff0e::1");
     const lines happened = take_transcript();
     EXPECT_EQ(happened.front() == group_dropped().front(), given.is_dropped) << happened.front();
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

@@ -140,7 +140,7 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
     then_in_order(together({received_report("fe80::a", 3, 1),
                             record_traced("ff0e::1", static_cast<int>(given.sources.size()), given.name)}));
     then_groups(br0, given.groups);
-    while (auto *left = list_pop<mld_group>(&br0->groups)) {
+    while (auto *left = mld_pop_group(br0)) {
       mld_release_group(left);
     }
   }
@@ -265,7 +265,7 @@ TEST_F(mld_v2_report, sources_beyond_the_buffer_are_not_handled) {
     when_received(bytes, "fe80::a", 3);
     then_in_order({sources_traced(65535)});
     EXPECT_LE(group->source_count, MLD_MAX_SOURCES);
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
     then_groups(br0, {});
   }
@@ -281,7 +281,7 @@ TEST_F(mld_v2_report, last_source_within_the_buffer_is_the_last_handled) {
     then_anything();
     EXPECT_EQ(group->sources[0].source_timer, 360);
     EXPECT_EQ(group->sources[1].source_timer, 9);
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }
@@ -295,7 +295,7 @@ TEST_F(mld_v2_report, record_cut_before_its_first_source_changes_no_group) {
     when_received(mldv2_report({{7, "ff0e::9", many_sources(97)}, {type, "ff0e::1", many_sources(1)}}), "fe80::a", 3);
     then_in_order({group_traced("ff0e::1"), sources_traced(1)});
     then_groups(br0, {group_line("ff0e::1"), slot_line("2001:db8::1")});
-    list_remove_node(&br0->groups, &group->link);
+    mld_unlink_group(br0, group);
     mld_release_group(group);
   }
 }

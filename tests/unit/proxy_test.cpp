@@ -6,6 +6,7 @@
 #include "core/signals.h"
 #include "invariants.h"
 #include "mld/mld_group.h"
+#include "mld/mld_host.h"
 #include "mld/mld_receive.h"
 #include "mld/mld_timers.h"
 #include "mld/mld_wire.h"
@@ -44,6 +45,8 @@ void reset_daemon() {
   malloced_size = 0;
   MyInAddr = {};
   MldRouter = mld_router{};
+  MldGroupIndex = list_index{};
+  MldHostIndex = list_index{};
   MldBlock = 0;
   MldStartUpQueryIsSend = 0;
   mld_tmp_origin = {};
@@ -209,7 +212,7 @@ mld_group *mld_test::given_group(mld_interface *intr, const std::string &group, 
   for (const std::string &source : sources) {
     mld_append_source(made, address(source), 1);
   }
-  list_add(&intr->groups, &made->link);
+  mld_link_group(intr, made);
   return made;
 }
 

@@ -1,6 +1,7 @@
 #include "core/state_dump.h"
 
 #include "core_test.h"
+#include "mld/mld_group.h"
 #include "mld/mld_shutdown.h"
 
 #include <cerrno>
@@ -121,7 +122,7 @@ TEST_F(state_dump, counters_of_years_show_as_signed_numbers) {
 TEST_F(state_dump, next_dump_replaces_the_one_before) {
   mld_group *group = given_group(br0, "ff0e::1");
   when_dumped();
-  list_remove_node(&br0->groups, &group->link);
+  mld_unlink_group(br0, group);
   list_add(&MldRouter.free_groups, &group->link);
   std::ofstream(redirected(host_in_group)) << "left over\n";
   when_dumped();
