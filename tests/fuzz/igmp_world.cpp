@@ -123,12 +123,14 @@ void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &scr
   deliver(bytes, lan_index(script), true);
 }
 
+constexpr std::size_t longest_burst = 160; // the largest pool has fewer records
+
 // The same message for one group after the other: enough to run a pool dry.
 void deliver_burst(script_reader &script) {
   const std::uint8_t type = types[script.below(types.size())];
   const int ifindex = lan_index(script);
   std::uint8_t group = script.byte();
-  for (int more = script.byte(); more >= 0; --more, ++group) {
+  for (int more = script.below(longest_burst); more >= 0; --more, ++group) {
     deliver(datagram(type, group_number(group), hosts[0]), ifindex, true);
   }
 }

@@ -156,6 +156,8 @@ void deliver_from_elsewhere(script_reader &script) {
   deliver(bytes, ifindex, hosts[script.below(hosts.size())], has_packet_info);
 }
 
+constexpr std::size_t longest_burst = 160; // the largest pool has 128 records
+
 // The same report for one group after the other: enough to run a pool dry.
 void deliver_burst(script_reader &script) {
   const std::uint8_t kind = script.below(kinds_of_records);
@@ -163,7 +165,7 @@ void deliver_burst(script_reader &script) {
   const int ifindex = lan_index(script);
   const ipv6_address &sender = hosts[script.below(hosts.size())];
   std::uint8_t group = script.byte();
-  for (int more = script.byte(); more >= 0; --more, ++group) {
+  for (int more = script.below(longest_burst); more >= 0; --more, ++group) {
     std::vector<std::uint8_t> bytes{ICMPV6_MLD2_REPORT, 0, 0, 0, 0, 0, 0, 1, kind, 0, 0, has_source};
     append(bytes, group_number(group));
     append(bytes, sources[0]);
