@@ -192,6 +192,22 @@ TEST_F(igmp_membership_4to6, group_lost_by_one_of_two_interfaces_keeps_membershi
   });
 }
 
+// The LAN is fed by the translator, so it is no output; but its hosts still want the group.
+TEST_F(igmp_membership_4to6, group_that_only_the_lan_still_has_stays_joined_without_an_output) {
+  LanIndex = 4;
+  NatptIndex = 9;
+  given_group(lan1, group_address);
+  when_dropped(br0, given_group(br0, group_address));
+  then({
+      still_there_line("lan1"),
+      vif_line(drop),
+      delete_line("Delete from MF6C with address"),
+      mfc6("MRT6_DEL_MFC", ""),
+      add_line(drop),
+      mfc6("MRT6_ADD_MFC", ""),
+  });
+}
+
 TEST_F(igmp_membership_4to6, refused_deletion_ends_the_rewrite) {
   given_group(lan1, group_address);
   given_failure("setsockopt(igmp, MRT6_DEL_MFC)", ENOENT);

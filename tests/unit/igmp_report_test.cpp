@@ -121,6 +121,17 @@ TEST_F(igmp_reports, every_state_follows_every_message) {
   }
 }
 
+// Left over from a leave that found the pool dry: only a group that is being checked gives its queries back.
+TEST_F(igmp_reports, queries_of_a_group_that_is_not_being_checked_stay_with_it) {
+  igmp_group *group = given_group(br0, "239.1.2.3");
+  given_checking(group, 1, 0);
+  for (const event what : {event::v2_report, event::v1_report}) {
+    group->state = IGMP_GROUP_MEMBERS_PRESENT;
+    when_heard(what, "239.1.2.3");
+    EXPECT_EQ(length(group->queries), 1);
+  }
+}
+
 TEST_F(igmp_reports, first_version_2_report_creates_and_joins_the_group) {
   given_group(br0, "239.5.5.5");
   when_heard(event::v2_report);

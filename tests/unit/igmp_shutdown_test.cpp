@@ -156,6 +156,18 @@ TEST_F(igmp_shutdown, flag_socket_that_cannot_be_opened_shows_in_the_flags_reque
   });
 }
 
+// Descriptor 0 stands for "no socket" here: an interface keeps its flags if standard input was closed.
+TEST_F(igmp_shutdown, flag_socket_with_number_0_is_taken_for_none_and_stays_open) {
+  Kernel.next_socket = 0;
+  when([&] { igmp_proxy_clean_interface(br0); });
+  then({
+      logged_debug(cleaning, "Cleaning interface: br0"),
+      "socket(AF_INET, SOCK_DGRAM, 0)",
+      delete_vif(3),
+      "close(br0)",
+  });
+}
+
 TEST_F(igmp_shutdown, refused_steps_are_logged_and_the_rest_is_done) {
   given_failure("ioctl(fd 1100, SIOCSIFFLAGS)", EPERM);
   given_failure("setsockopt(igmp, MRT_DEL_VIF)", EADDRNOTAVAIL);

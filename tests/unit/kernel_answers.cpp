@@ -222,6 +222,10 @@ int answer_select(fd_set *readable) {
   return next.result != 0 ? next.result : static_cast<int>(next.ready.size());
 }
 
+bool is_open_table(const FILE *stream) {
+  return std::find(OpenTables.begin(), OpenTables.end(), stream) != OpenTables.end();
+}
+
 void forget_answers() {
   for (FILE *table : OpenTables) {
     std::fclose(table);

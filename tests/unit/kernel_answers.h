@@ -22,6 +22,7 @@ ssize_t write_pipe(const std::string &text);
 
 // /proc/net/if_inet6 with the script's interfaces.
 FILE *open_if_inet6();
+bool is_open_table(const FILE *stream);
 
 // Back to an empty pipe, and no table open.
 void forget_answers();

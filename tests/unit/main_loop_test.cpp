@@ -223,6 +223,16 @@ TEST_F(main_loop, dump_asked_for_in_a_wait_that_ends_with_a_tick_is_written_befo
   then(prepared(expected));
 }
 
+TEST_F(main_loop, dump_asked_for_before_the_loop_is_written_at_its_first_wake_up) {
+  Kernel.handlers[SIGUSR1](SIGUSR1);
+  given_wake_ups({{{PIPE_READ_END}, 0, 0, {SIGALRM}}, interrupted_by({SIGTERM})});
+  EXPECT_EQ(when_looped(), 0);
+  lines expected{wait, tick};
+  expected.insert(expected.end(), dump_files.begin(), dump_files.end());
+  expected.insert(expected.end(), {read_ticks, timer_run(100), wait, tick, read_ticks, stopped});
+  then(prepared(expected));
+}
+
 TEST_F(main_loop, one_request_makes_one_dump) {
   given_wake_ups({interrupted_by({SIGUSR1, SIGUSR1, SIGALRM}), interrupted_by({SIGALRM}), interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);

@@ -80,6 +80,16 @@ TEST_F(mld_allow_record, unknown_group_is_created_despite_the_log_line) {
   EXPECT_EQ(br0->join_count, 1u);
 }
 
+// Ten is how many are handled for a group that is known.
+TEST_F(mld_allow_record, unknown_group_gets_sources_beyond_the_tenth) {
+  lines sources(10, "2001:db8::1");
+  sources.insert(sources.end(), {"2001:db8::2", "2001:db8::3"});
+  when_allowed(sources);
+  then_anything();
+  then_groups(br0,
+              {group_line("ff0e::1"), slot_line("2001:db8::1"), slot_line("2001:db8::2"), slot_line("2001:db8::3")});
+}
+
 TEST_F(mld_allow_record, queries_of_a_group_being_checked_go_back_but_its_state_stays) {
   mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1"});
   given_checking(group, 3, 5);

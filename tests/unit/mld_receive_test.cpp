@@ -74,28 +74,31 @@ TEST_F(mld_receive, election_compares_addresses_byte_by_byte_unsigned) {
     std::uint32_t querier_before;
     std::uint32_t querier_after;
     std::int32_t other_timer_after;
+    std::int32_t query_timer_after = 77;
   };
   const row rows[] = {
-      {"fe80::2", 0, 1, 0, 300},    // lower
-      {"fe80::2", 0, 0, 0, 300},    // lower, again
-      {"7f00::ffff", 0, 1, 0, 300}, // lower in the first byte, higher in the last
-      {"::", 0, 1, 0, 300},         // lower than any
-      {"fe80::3", 0, 0, 0, 0},      // equal: the role is left as it is
-      {"fe80::4", 0, 1, 1, 0},      // higher
-      {"fe80::4", 0, 0, 0, 0},      // higher: the role comes back on the next tick
-      {"fe80::ff", 0, 1, 1, 0},     // a byte above 127 is higher, not negative
-      {"ff00::", 0, 1, 1, 0},       // the same in the first byte
-      {"fe80::2", 1, 1, 1, 0},      // told to stay querier
-      {"fe80::2", 1, 0, 1, 0},      // told so while another one was
-      {"fe80::2", 2, 1, 0, 300},    // only 1 tells so
+      {"fe80::2", 0, 1, 0, 300, 0},    // lower
+      {"fe80::2", 0, 0, 0, 300, 0},    // lower, again
+      {"7f00::ffff", 0, 1, 0, 300, 0}, // lower in the first byte, higher in the last
+      {"::", 0, 1, 0, 300, 0},         // lower than any
+      {"fe80::3", 0, 0, 0, 0},         // equal: the role is left as it is
+      {"fe80::4", 0, 1, 1, 0},         // higher
+      {"fe80::4", 0, 0, 0, 0},         // higher: the role comes back on the next tick
+      {"fe80::ff", 0, 1, 1, 0},        // a byte above 127 is higher, not negative
+      {"ff00::", 0, 1, 1, 0},          // the same in the first byte
+      {"fe80::2", 1, 1, 1, 0},         // told to stay querier
+      {"fe80::2", 1, 0, 1, 0},         // told so while another one was
+      {"fe80::2", 2, 1, 0, 300, 0},    // only 1 tells so
   };
   for (const row &given : rows) {
     SCOPED_TRACE(testing::Message() << given.sender << " " << given.non_querier << " " << given.querier_before);
     MldRouter.non_querier = given.non_querier;
     br0->is_querier = given.querier_before;
     br0->other_querier_timer = 55;
+    br0->query_timer = 77;
     when_received(mldv1_message(130, "::"), given.sender, br0_index);
     then_requests({"recvmsg(mld)"});
+    EXPECT_EQ(br0->query_timer, given.query_timer_after);
     EXPECT_EQ(br0->is_querier, given.querier_after);
     EXPECT_EQ(br0->other_querier_timer, given.other_timer_after);
   }

@@ -25,6 +25,7 @@ ssize_t __real_sendto(int, const void *, std::size_t, int, const sockaddr *, soc
 int __real_close(int);
 int __real_open(const char *, int, ...);
 FILE *__real_fopen(const char *, const char *);
+int __real_fclose(FILE *);
 void *__real_malloc(std::size_t);
 int __real_system(const char *);
 pid_t __real_fork();
@@ -165,6 +166,15 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
     return __real_fopen(path, mode);
   }
   return request(std::string("fopen(") + path + ", " + mode + ")") ? nullptr : open_if_inet6();
+}
+
+// Of a table of the kernel alone: the files that the daemon writes are the tests' own.
+int __wrap_fclose(FILE *stream) {
+  if (!IsActive || !is_open_table(stream)) {
+    return __real_fclose(stream);
+  }
+  request("fclose(" + if_inet6_path + ")");
+  return 0;
 }
 
 // Not in the transcript: a test that cares lets one fail.
