@@ -35,11 +35,11 @@ def report_reasons(missed, figures):
                   "  and one recvmsg, and 15 % of that are some hundred nanoseconds for parsing, finding and changing "
                   "the records."]
     if any("no log" not in figure.name for figure in missed):
-        lines += ["- With the log: the kernel asks for taking the text (columns on the right, and the next table) as "
-                  "much as it costs",
-                  "  to write it, for a pipe more, since each piece wakes the reader. A report that asks the kernel "
-                  "for little (leave,",
-                  "  refresh of a source, MLDv1 refresh) has a floor that is less than its own lines cost there."]
+        lines += ["- With the log: what the kernel asks for taking the text (columns on the right, and the next "
+                  "table) comes on top of",
+                  "  writing it. A report that asks the kernel for little (leave, refresh of a source, MLDv1 refresh) "
+                  "has a floor that",
+                  "  is less than its own lines cost there."]
     if any("any-source group" in figure.name for figure in missed):
         lines += ["- An any-source group that is created, or dropped and created again, is logged with one line "
                   "for each",

@@ -114,8 +114,16 @@ void list_index_append(list_index &index, list *into, list_node *node, record_ke
 }
 
 list_node *list_index_pop(list_index &index, list *from, record_key key_of) {
-  list_node *first = from->head;
-  return first != nullptr && list_index_remove(index, from, first, key_of) == 0 ? first : nullptr;
+  list_node *first = list_remove(from);
+  if (first == nullptr) {
+    return nullptr;
+  }
+  set_previous(index, from->head, nullptr, key_of);
+  std::uint8_t &number = number_of(index, first, key_of);
+  if (number != no_place) {
+    give_back(index, number);
+  }
+  return first;
 }
 
 int list_index_remove(list_index &index, list *from, list_node *node, record_key key_of) {
