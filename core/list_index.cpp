@@ -74,7 +74,7 @@ list_node *last_of(list_index &index, const list *of, record_key key_of) {
   list_node *last = index.last_appended;
   if (last != nullptr) {
     const list_place *place = place_of(index, last, key_of);
-    if (place != nullptr && place->on == of && last->next == nullptr) {
+    if (place != nullptr && place->on == of) {
       return last;
     }
   }
@@ -104,11 +104,8 @@ void list_index_add(list_index &index, list *into, list_node *node, record_key k
 
 void list_index_append(list_index &index, list *into, list_node *node, record_key key_of) {
   list_node *last = last_of(index, into, key_of);
-  list rest{last};
-  list_append(&rest, node);
-  if (last == nullptr) {
-    into->head = node;
-  }
+  node->next = nullptr;
+  (last != nullptr ? last->next : into->head) = node;
   note_place(index, into, node, last, key_of);
   index.last_appended = node;
 }
