@@ -2,13 +2,17 @@
 
 
 def costs_of(figures):
-    """{(kind, variant, groups): microseconds}, the floor as a variant of its own."""
+    """{(kind, variant, groups): microseconds}, the floor as a variant of its own.
+
+    Two programs have measured, and a machine's speed changes from minute to minute: each cost counts as a multiple of
+    the floor beside it, the first floor gives the unit.
+    """
     costs = {}
     for figure in figures:
         if figure.topic == "report":
             kind, variant, groups = figure.name.rsplit(", ", 2)
-            costs[kind, variant, int(groups)] = figure.value
-            costs.setdefault((kind, "floor", int(groups)), figure.floor)
+            unit = costs.setdefault((kind, "floor", int(groups)), figure.floor)
+            costs[kind, variant, int(groups)] = figure.value / figure.floor * unit
     return costs
 
 
