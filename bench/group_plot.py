@@ -13,7 +13,8 @@ def series_of(figures):
     for figure in figures:
         if figure.topic == "report":
             kind, variant, groups = figure.name.rsplit(", ", 2)
-            kinds[kind][variant][int(groups)] = figure.value
+            if variant in COLOURS:
+                kinds[kind][variant][int(groups)] = figure.value
             kinds[kind]["floor"].setdefault(int(groups), figure.floor)
     return kinds
 

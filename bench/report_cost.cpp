@@ -98,6 +98,9 @@ void queue_reports(int injector, report_case which) {
 double daemon_turn(bench_world &world, report_case which, FILE *log, double clock_ns) {
   empty_log(log);
   set_daemon_scene(which);
+  if (list_get_head(&MldRouter.free_hosts) == nullptr) {
+    give_up("no host record is left: the report would not be taken down");
+  }
   queue_reports(world.daemon_injector, which);
   double spent = 0;
   for (unsigned i = 0; i < reports_per_turn; ++i) {
@@ -150,6 +153,8 @@ void add_groups(bench_world &world, unsigned from, unsigned to) {
     floor_join(world.floor, group_number(number));
     floor_add_entry(world.floor, In6AddrAny, group_number(number));
   }
+  // The group measured takes two host records, and with one for each of the others the pool would run dry.
+  linked_restore_hosts(group_number(0), linked_hosts_of(group_number(0)));
 }
 
 void build_world(bench_world &world) {
@@ -177,6 +182,12 @@ void build_world(bench_world &world) {
   }
 }
 
+constexpr char by_lines[] = "pipe by lines";
+
+goal goal_of(const std::string &variant, double limit) {
+  return variant == by_lines || variant == "floor" ? no_goal : goal{judged::ratio, limit};
+}
+
 struct kept_figure {
   std::map<unsigned, double> by_groups;
 };
@@ -196,7 +207,7 @@ void print_costs(report_case which, unsigned groups, const turns &all, std::map<
     kept[name].by_groups[groups] = median(costs);
     const double limit = name == "no log" ? 1.15 : 2;
     print_figure("report", std::string(report_case_name(which)) + ", " + name + ", " + std::to_string(groups), "us",
-                 median(ratios) * floor / 1000, floor / 1000, goal{judged::ratio, limit});
+                 median(ratios) * floor / 1000, floor / 1000, goal_of(name, limit));
   }
 }
 
@@ -205,9 +216,8 @@ void print_growth(report_case which, const std::map<std::string, kept_figure> &k
     if (name == "floor" && !is_mute) {
       continue; // once is enough
     }
-    const goal to_reach = name == "floor" ? no_goal : goal{judged::ratio, 1.3};
     print_figure("growth", std::string(report_case_name(which)) + ", " + name, "us", costs.by_groups.at(127) / 1000,
-                 costs.by_groups.at(1) / 1000, to_reach);
+                 costs.by_groups.at(1) / 1000, goal_of(name, 1.3));
   }
 }
 
@@ -239,6 +249,11 @@ int main(int argc, char **argv) {
     world.logs["/dev/null"] = std::fopen("/dev/null", "w");
     world.logs["file"] = fdopen(memfd_create("log", 0), "w"); // in memory, as a router's /var is
     world.logs["pipe"] = open_pipe_with_reader();
+    world.logs[by_lines] = open_pipe_with_reader();
+    setvbuf(world.logs[by_lines], nullptr, _IOLBF, BUFSIZ);
+    print_note("report", "`pipe by lines` is not judged: so the units start the daemon, under `stdbuf -oL`, for each "
+                         "line to be in the journal at once. The kernel takes every line by itself then, and that "
+                         "is by far the dearest part of a report.");
   }
   std::map<report_case, std::map<std::string, kept_figure>> kept;
   const double clock_ns = clock_cost_ns();
@@ -254,7 +269,7 @@ int main(int argc, char **argv) {
     print_growth(which, kept[which], is_mute);
   }
   for (const auto &[name, log] : world.logs) {
-    if (!is_mute) {
+    if (!is_mute && name != by_lines) {
       print_write_cost(name, log, clock_ns);
     }
   }

@@ -2,13 +2,17 @@
 
 
 def costs_of(figures):
-    """{(kind, variant, groups): microseconds}, the floor as a variant of its own."""
+    """{(kind, variant, groups): microseconds}, the floor as a variant of its own.
+
+    Two programs have measured, and a machine's speed changes from minute to minute: each cost counts as a multiple of
+    the floor beside it, the first floor gives the unit.
+    """
     costs = {}
     for figure in figures:
         if figure.topic == "report":
             kind, variant, groups = figure.name.rsplit(", ", 2)
-            costs[kind, variant, int(groups)] = figure.value
-            costs.setdefault((kind, "floor", int(groups)), figure.floor)
+            unit = costs.setdefault((kind, "floor", int(groups)), figure.floor)
+            costs[kind, variant, int(groups)] = figure.value / figure.floor * unit
     return costs
 
 
@@ -35,11 +39,11 @@ def report_reasons(missed, figures):
                   "  and one recvmsg, and 15 % of that are some hundred nanoseconds for parsing, finding and changing "
                   "the records."]
     if any("no log" not in figure.name for figure in missed):
-        lines += ["- With the log: the kernel asks for taking the text (columns on the right, and the next table) as "
-                  "much as it costs",
-                  "  to write it, for a pipe more, since each piece wakes the reader. A report that asks the kernel "
-                  "for little (leave,",
-                  "  refresh of a source, MLDv1 refresh) has a floor that is less than its own lines cost there."]
+        lines += ["- With the log: what the kernel asks for taking the text (columns on the right, and the next "
+                  "table) comes on top of",
+                  "  writing it. A report that asks the kernel for little (leave, refresh of a source, MLDv1 refresh) "
+                  "has a floor that",
+                  "  is less than its own lines cost there."]
     if any("any-source group" in figure.name for figure in missed):
         lines += ["- An any-source group that is created, or dropped and created again, is logged with one line "
                   "for each",

@@ -153,10 +153,27 @@ def machine_text():
     return f"{model}, {cores} cores, Linux {platform.release()}, load average {load} at the end of the run"
 
 
+def in_short(figures):
+    """What a reader in a hurry wants to know."""
+    by_name = {(figure.topic, figure.name): figure for figure in figures}
+    report = by_name["report", "refresh of source, no log, 127"]
+    logged = by_name["report", "refresh of source, file, 127"]
+    zap = by_name["zap", "join to first datagram, 200 zaps, median"]
+    idle = next(figure for figure in figures if figure.name.startswith("idle load"))
+    judged = [verdict(figure) for figure in figures if is_shown(figure) and verdict(figure)]
+    return [f"In short: a refresh of a source asks the kernel for {number(report.floor)} us; the proxy adds "
+            f"{number(report.value - report.floor)} us,",
+            f"its log, to a file, {number(logged.value / logged.floor * report.floor - report.value)} us. A zap takes {number(zap.value)} ms, "
+            f"{number(zap.floor)} ms with the least that could do it. The idle",
+            f"daemon takes {number(idle.value)} % of a core. {judged.count('met')} of {len(judged)} goals are met.", ""]
+
+
 def markdown(figures, notes, folder):
     lines = ["# Performance", "",
              "Written by `bench/run`; do not edit. Every ratio compares the daemon with a floor that makes only the",
-             "kernel requests which the job needs, measured side by side in the same run.", "",
+             "kernel requests which the job needs, measured side by side in the same run. The daemon is built as "
+             "the preset",
+             "`release` does, its size and memory are the preset `router`'s.", ""] + in_short(figures) + [
              f"- Machine: {machine_text()}", f"- Date: {datetime.date.today().isoformat()}", ""]
     for topic, title in TOPICS.items():
         shown = [figure for figure in figures if figure.topic == topic and is_shown(figure)]

@@ -1,6 +1,8 @@
 // IPv4 groups as IPv6 groups, for mode 4to6: the operator's prefix `MldPrefix` with the IPv4 group in the low 32 bits.
 #pragma once
 
+#include "core/address.h" // its netinet/in.h must come before linux/mroute6.h, or both define in6_addr
+
 #include <cstdint>
 #include <linux/mroute6.h>
 #include <netinet/in.h>

@@ -74,7 +74,7 @@ list_node *last_of(list_index &index, const list *of, record_key key_of) {
   list_node *last = index.last_appended;
   if (last != nullptr) {
     const list_place *place = place_of(index, last, key_of);
-    if (place != nullptr && place->on == of && last->next == nullptr) {
+    if (place != nullptr && place->on == of) {
       return last;
     }
   }
@@ -104,18 +104,23 @@ void list_index_add(list_index &index, list *into, list_node *node, record_key k
 
 void list_index_append(list_index &index, list *into, list_node *node, record_key key_of) {
   list_node *last = last_of(index, into, key_of);
-  list rest{last};
-  list_append(&rest, node);
-  if (last == nullptr) {
-    into->head = node;
-  }
+  node->next = nullptr;
+  (last != nullptr ? last->next : into->head) = node;
   note_place(index, into, node, last, key_of);
   index.last_appended = node;
 }
 
 list_node *list_index_pop(list_index &index, list *from, record_key key_of) {
-  list_node *first = from->head;
-  return first != nullptr && list_index_remove(index, from, first, key_of) == 0 ? first : nullptr;
+  list_node *first = list_remove(from);
+  if (first == nullptr) {
+    return nullptr;
+  }
+  set_previous(index, from->head, nullptr, key_of);
+  std::uint8_t &number = number_of(index, first, key_of);
+  if (number != no_place) {
+    give_back(index, number);
+  }
+  return first;
 }
 
 int list_index_remove(list_index &index, list *from, list_node *node, record_key key_of) {

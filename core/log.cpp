@@ -75,7 +75,8 @@ template <std::size_t width> char *put_right(char *out, int number) {
 
 // "D:mld :mld_proxy_stop                      #  81: ". The line is empty before it, and longer than any prefix.
 void put_prefix(line_text &line, char level, const log_site &site) {
-  static_assert(2 * longest_name + longest_number + 6 <= usual_line);
+  constexpr std::size_t marks = sizeof("D::#: ") - 1; // between the columns
+  static_assert(2 * longest_name + longest_number + marks <= usual_line);
   char *out = line.characters.data();
   *out++ = level;
   *out++ = ':';

@@ -31,7 +31,7 @@ mld_host *find_host(const mld_interface *intr, const ipv6_address &group, const 
   return nullptr;
 }
 
-// Whatever host it is.
+// Whatever host it is: the first on the list, which only a walk tells.
 mld_host *find_any_host(const mld_interface *intr, const ipv6_address &group, const ipv6_address &source) {
   const bool is_any_source = is_same_address(source, In6AddrAny);
   mld_host *record = list_first<mld_host>(&intr->hosts);

@@ -1,6 +1,7 @@
 // The socket options of the MLD side, with the names under which they stand in the log.
 #pragma once
 
+#include "core/address.h" // its netinet/in.h must come before linux/mroute6.h, or both define in6_addr
 #include "core/kernel_request.h"
 
 #include <linux/mroute6.h>

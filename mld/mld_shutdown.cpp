@@ -75,7 +75,7 @@ void mld_proxy_clean_interface(mld_interface *intr) {
 void mld_proxy_stop() {
   log_debug(MLD_HERE, "Stop MLD Proxy.");
   stop_interfaces();
-  MldHostIndex = list_index{};
+  MldHostIndex = list_index{}; // whole lists of hosts went to the pool, past the index
   free_pool(&MldRouter.free_hosts);
   free_pool(&MldRouter.free_queries);
   free_pool(&MldRouter.free_groups);

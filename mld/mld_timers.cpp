@@ -80,6 +80,23 @@ void expire_source(mld_interface *intr, mld_group *group, const mld_source &slot
   }
 }
 
+// The usual second of a group: no source runs out. Returns false, and has done nothing, if one would.
+bool run_lasting_sources(mld_group *group) {
+  const std::span<mld_source> slots = mld_sources(group);
+  bool is_one_due = false;
+  for (const mld_source &slot : slots) {
+    is_one_due |= slot.source_timer <= 1;
+  }
+  if (is_one_due) {
+    return false;
+  }
+  for (mld_source &slot : slots) {
+    --slot.source_timer;
+  }
+  group->active_seconds += static_cast<std::int32_t>(slots.size());
+  return true;
+}
+
 // Slots may move down and all their timers may be cleared while they are walked; what follows then runs out at once.
 void run_source_timers(mld_interface *intr, mld_group *group, record_scratch scratch) {
   std::size_t used = mld_sources(group).size();
@@ -106,7 +123,9 @@ walk_step run_members_present(mld_interface *intr, mld_group *group, record_scra
   if (group->group_timer == 0) {
     ++intr->timeout_count;
   }
-  run_source_timers(intr, group, scratch);
+  if (!run_lasting_sources(group)) {
+    run_source_timers(intr, group, scratch);
+  }
   return walk_step::next_group;
 }
 

@@ -45,6 +45,18 @@ TEST_F(mld_host_table, same_triple_twice_is_one_record) {
   then_hosts(br0, {"ff0e::1 fe80::a 2001:db8::1"});
 }
 
+TEST_F(mld_host_table, same_triple_on_another_interface_is_another_record) {
+  given_host(lan1, "ff0e::1", "fe80::a", "2001:db8::1");
+  const mld_host *added = when_added("ff0e::1", "fe80::a", "2001:db8::1");
+  then(host_recorded("ff0e::1", "fe80::a", "2001:db8::1"));
+  EXPECT_EQ(added, list_first<mld_host>(&br0->hosts));
+  when_deleted("ff0e::1", "fe80::a", "2001:db8::1");
+  when_deleted("ff0e::1", "fe80::a", "2001:db8::1");
+  then_anything();
+  then_hosts(br0, {});
+  then_hosts(lan1, {"ff0e::1 fe80::a 2001:db8::1"});
+}
+
 TEST_F(mld_host_table, records_stand_in_the_order_of_their_reports) {
   when_added("ff0e::1", "fe80::b", "::");
   when_added("ff0e::1", "fe80::a", "::");

@@ -1,6 +1,7 @@
 #include "mld/mld_shutdown.h"
 
 #include "core/memory.h"
+#include "failing_unlink.h"
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
 #include "mld_start_fixture.h"
@@ -103,6 +104,16 @@ TEST_F(mld_shutdown, group_of_two_interfaces_is_left_with_the_second) {
                       logged_debug(drop, "idx = 3, oifs_ttl[idx] = 1"),
                       logged_debug(drop, "setsockopt: MRT6_ADD_MFC")} +
                 started("br0") + dropped("ff0e::1") + started("wan0"));
+}
+
+// A stop asks no list whether it lets go: a group that stayed would be lost with its record and its queries.
+TEST_F(mld_shutdown, groups_are_left_although_records_refuse_to_leave_their_list) {
+  given_group(br0, "ff0e::2");
+  given_group(br0, "ff0e::1");
+  UnlinksToFail = 1;
+  when_stopped();
+  UnlinksToFail = 0;
+  then_in_order(dropped("ff0e::1") + dropped("ff0e::2") + lines{logged_debug(stop, "No memory leaks detected.")});
 }
 
 TEST_F(mld_shutdown, queries_of_groups_in_any_state_are_freed_with_their_pool) {
