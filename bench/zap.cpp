@@ -32,6 +32,10 @@ constexpr unsigned turns = 8;
 // The daemon's first query, a second after its start, keeps it waiting for the kernel as any query does (see the
 // bursts); zaps are measured between queries.
 constexpr useconds_t settling_us = 1'400'000;
+// A host counts its random delay in ticks of its kernel. If every zap began at the same time after a tick, all would
+// take one of a few times, and their median would jump from one to the next.
+constexpr useconds_t longest_tick_us = 10'000;  // at 100 ticks a second, the fewest that kernels have
+constexpr useconds_t between_phases_us = 6'180; // golden ratio: spreads any number of zaps over the tick
 constexpr int zap_deadline_ms = 3000;
 constexpr useconds_t send_interval_us = 50;
 constexpr std::uint16_t port = 5000;
@@ -122,7 +126,7 @@ void drain(int socket) {
 }
 
 // Returns the host's socket, which still listens: a leave would make the daemon send queries.
-int zap(const zap_lab &lab, const ipv6_address &group, zap_times &times) {
+int zap(const zap_lab &lab, const ipv6_address &group, useconds_t phase_us, zap_times &times) {
   drain(lab.capture);
   std::atomic<bool> is_over{false};
   std::thread stream(send_until, std::cref(lab), std::cref(group), std::cref(is_over));
@@ -134,7 +138,7 @@ int zap(const zap_lab &lab, const ipv6_address &group, zap_times &times) {
   ipv6_mreq wanted{};
   wanted.ipv6mr_multiaddr = to_in6_addr(group);
   wanted.ipv6mr_interface = if_nametoindex("host0");
-  usleep(1000);
+  usleep(phase_us);
   timespec joined{};
   clock_gettime(CLOCK_REALTIME, &joined); // the clock of the time stamps
   setsockopt(listener, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &wanted, sizeof(wanted));
@@ -162,7 +166,7 @@ void take_turn(const zap_lab &lab, const std::vector<std::string> &router_progra
   usleep(settling_us);
   std::vector<int> listeners;
   for (unsigned i = 0; i < zaps_per_turn; ++i) {
-    listeners.push_back(zap(lab, group_number(group++), times));
+    listeners.push_back(zap(lab, group_number(group++), i * between_phases_us % longest_tick_us, times));
   }
   enter_network(lab.router);
   stop_program(router);
