@@ -3,6 +3,8 @@
 import collections
 import html
 
+from why_missed import costs_of
+
 PANEL_WIDTH, PANEL_HEIGHT, MARGIN, COLUMNS = 300, 190, 50, 3
 COLOURS = {"floor": "#888888", "no log": "#1b9e77", "/dev/null": "#7570b3", "file": "#d95f02", "pipe": "#e7298a"}
 
@@ -10,12 +12,9 @@ COLOURS = {"floor": "#888888", "no log": "#1b9e77", "/dev/null": "#7570b3", "fil
 def series_of(figures):
     """{kind: {variant: {groups: microseconds}}}"""
     kinds = collections.defaultdict(lambda: collections.defaultdict(dict))
-    for figure in figures:
-        if figure.topic == "report":
-            kind, variant, groups = figure.name.rsplit(", ", 2)
-            if variant in COLOURS:
-                kinds[kind][variant][int(groups)] = figure.value
-            kinds[kind]["floor"].setdefault(int(groups), figure.floor)
+    for (kind, variant, groups), cost in costs_of(figures).items():
+        if variant in COLOURS:
+            kinds[kind][variant][groups] = cost
     return kinds
 
 
