@@ -39,7 +39,7 @@ bool meet(const void *record) {
   constexpr std::uint64_t golden_ratio = 0x9e3779b97f4a7c15;
   constexpr int upper_bits_at = 52; // leaves 12 bits, as many as there are slots
   static_assert(meeting_book::slots == std::uint64_t{1} << (64 - upper_bits_at));
-  std::size_t slot = reinterpret_cast<std::uintptr_t>(record) * golden_ratio >> upper_bits_at;
+  auto slot = static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(record) * golden_ratio >> upper_bits_at);
   while (Book.stamps[slot] == Book.stamp) {
     if (Book.records[slot] == record) {
       return false;
