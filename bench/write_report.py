@@ -158,12 +158,13 @@ def in_short(figures):
     by_name = {(figure.topic, figure.name): figure for figure in figures}
     report = by_name["report", "refresh of source, no log, 127"]
     logged = by_name["report", "refresh of source, file, 127"]
+    log_us = logged.value / logged.floor * report.floor - report.value  # of another program: see costs_of
     zap = by_name["zap", "join to first datagram, 200 zaps, median"]
     idle = next(figure for figure in figures if figure.name.startswith("idle load"))
     judged = [verdict(figure) for figure in figures if is_shown(figure) and verdict(figure)]
     return [f"In short: a refresh of a source asks the kernel for {number(report.floor)} us; the proxy adds "
             f"{number(report.value - report.floor)} us,",
-            f"its log, to a file, {number(logged.value / logged.floor * report.floor - report.value)} us. A zap takes {number(zap.value)} ms, "
+            f"its log, to a file, {number(log_us)} us. A zap takes {number(zap.value)} ms, "
             f"{number(zap.floor)} ms with the least that could do it. The idle",
             f"daemon takes {number(idle.value)} % of a core. {judged.count('met')} of {len(judged)} goals are met.", ""]
 

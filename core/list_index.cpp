@@ -18,7 +18,8 @@ std::uint8_t &first_of_bucket(list_index &index, std::uint32_t key) { return ind
 
 list_place &place_at(list_index &index, std::uint8_t number) { return index.places[number - std::size_t{1}]; }
 
-// The number of the node's place, where its bucket or the place before it holds it; none if the node has no place.
+// Refers to where the number of the node's place is written, in its bucket or in the place before it, so that the place
+// can be taken out of the bucket; it reads no_place if the node has none.
 std::uint8_t &number_of(list_index &index, const list_node *node, record_key key_of) {
   std::uint8_t *number = &first_of_bucket(index, key_of(node));
   while (*number != no_place && place_at(index, *number).node != node) {
@@ -42,6 +43,7 @@ std::uint8_t take_place(list_index &index) {
   return index.used < LIST_INDEX_PLACES ? ++index.used : no_place;
 }
 
+// There is a place for every record of a pool, so none goes without.
 void note_place(list_index &index, const list *on, list_node *node, list_node *previous, record_key key_of) {
   const std::uint8_t number = take_place(index);
   if (number != no_place) {
