@@ -1,6 +1,5 @@
 #include "igmp_world.h"
 
-#include "../unit/invariants.h"
 #include "core/index_table.h"
 #include "core/memory.h"
 #include "core/settings.h"
@@ -15,6 +14,7 @@
 #include "platform/nvram.h"
 #include "platform/nvram_file.h"
 #include "script_reader.h"
+#include "tests/support/invariants.h"
 
 #include <array>
 #include <net/if.h>

@@ -1,6 +1,5 @@
 #include "mld_world.h"
 
-#include "../unit/invariants.h"
 #include "core/memory.h"
 #include "core/settings.h"
 #include "core/state_dump.h"
@@ -13,6 +12,7 @@
 #include "mld/mld_wire.h"
 #include "mute_kernel.h"
 #include "script_reader.h"
+#include "tests/support/invariants.h"
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 import pytest
 
 import kernel_view
-import lab as laboratory
+import laboratory
 
 TABLES = ("ip6_mr_vif", "ip6_mr_cache", "igmp6")
 

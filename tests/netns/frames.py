@@ -6,7 +6,7 @@ from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery2, ICMPv6MLRe
                                 IPv6ExtHdrHopByHop, RouterAlert)
 from scapy.layers.l2 import Ether
 
-from lab import HOST_LINK_LOCAL
+from laboratory import HOST_LINK_LOCAL
 
 RECORD_TYPES = {"IS_IN": 1, "IS_EX": 2, "TO_IN": 3, "TO_EX": 4, "ALLOW": 5, "BLOCK": 6}
 ALL_NODES = "ff02::1"

@@ -4,7 +4,7 @@ import dataclasses
 import ipaddress
 import json
 
-import lab as laboratory
+import laboratory
 import namespaces
 
 ANY = "::"

@@ -6,7 +6,7 @@ import re
 import signal
 
 import kernel_view
-import lab as laboratory
+import laboratory
 
 DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"

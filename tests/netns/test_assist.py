@@ -12,7 +12,7 @@ import pytest
 import kernel_view
 import namespaces
 from kernel_view import ANY
-from lab import has_ended, log_of, run, send_signal, start, stop, wait_for, wait_for_end
+from laboratory import has_ended, log_of, run, send_signal, start, stop, wait_for, wait_for_end
 from proxy import COMPANION, MLDV2_ROUTERS, start_companion, start_daemon, start_proxy
 from traffic import listen, received, send_stream, start_stream
 

@@ -2,7 +2,7 @@
 
 import kernel_view
 from kernel_view import ANY
-from lab import S1, S2, configure, log_of, run, stop, wait_for
+from laboratory import S1, S2, configure, log_of, run, stop, wait_for
 from proxy import start_proxy, start_snooping
 from traffic import capture, listen, queries
 

@@ -17,7 +17,7 @@ import pytest
 
 import kernel_view
 from kernel_view import ANY
-from lab import has_ended, log_of, send_signal, start, stop, wait_for, wait_for_end
+from laboratory import has_ended, log_of, send_signal, start, stop, wait_for, wait_for_end
 from proxy import is_sanitized, private_kilobytes, start_companion, start_daemon_with_short_log
 from traffic import listen, program, received, send_stream, wait_until_all_is_said
 

@@ -16,7 +16,7 @@ import pytest
 import kernel_view
 from kernel_view import ANY
 from frames import report
-from lab import S1, S2, log_of, run, send_signal, start, stop, wait_for
+from laboratory import S1, S2, log_of, run, send_signal, start, stop, wait_for
 from proxy import COMPANION, DAEMON, TWO_CAPABILITIES, environment_of, start_snooping, wait_until_listening
 from traffic import listen, received, send_frame, send_stream
 

@@ -5,7 +5,7 @@ from scapy.layers.l2 import Ether
 
 import kernel_view
 from frames import general_query, report
-from lab import BR0_LINK_LOCAL, BR0_MAC, S1, S2, log_of, stop, wait_for
+from laboratory import BR0_LINK_LOCAL, BR0_MAC, S1, S2, log_of, stop, wait_for
 from proxy import start_daemon, start_proxy
 from traffic import (capture, checksum_is_good, listen, queries, received, records, send_frame, send_stream,
                      wait_until_all_is_said)

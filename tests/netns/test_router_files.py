@@ -8,7 +8,7 @@ import pytest
 import kernel_view
 from kernel_view import ANY
 from frames import report
-from lab import S1, S2, has_ended, log_of, run, send_signal, stop, wait_for
+from laboratory import S1, S2, has_ended, log_of, run, send_signal, stop, wait_for
 from proxy import open_descriptors, start_proxy, start_snooping
 from traffic import listen, send_frame
 

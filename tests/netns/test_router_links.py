@@ -4,7 +4,7 @@ import pytest
 
 import kernel_view
 from kernel_view import ANY
-from lab import configure, has_ended, log_of, stop, wait_for
+from laboratory import configure, has_ended, log_of, stop, wait_for
 from proxy import start_daemon, start_proxy
 from traffic import capture, listen, queries, received, send_stream, start_stream
 

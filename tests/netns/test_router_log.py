@@ -7,7 +7,7 @@ import pytest
 
 import kernel_view
 from kernel_view import ANY
-from lab import start, stop, wait_for, wait_for_end
+from laboratory import start, stop, wait_for, wait_for_end
 from proxy import DAEMON, ENVIRONMENT, TWO_CAPABILITIES, start_companion, wait_until_listening
 from traffic import listen, program, received, send_stream
 

@@ -7,7 +7,7 @@ import pytest
 
 import kernel_view
 from kernel_view import ANY
-from lab import has_ended, log_of, send_signal, stop, wait_for, wait_for_end
+from laboratory import has_ended, log_of, send_signal, stop, wait_for, wait_for_end
 from proxy import SIGNAL_AT_CALL, start_companion, start_daemon, start_proxy
 from traffic import listen, received, start_stream
 

@@ -4,7 +4,7 @@ import os
 import pathlib
 import subprocess
 
-import lab as laboratory
+import laboratory
 
 SCENARIO = pathlib.Path(__file__).parents[1] / "scenarios" / "mld_end_to_end.sh"
 

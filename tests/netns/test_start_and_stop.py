@@ -7,7 +7,7 @@ import pytest
 
 import kernel_view
 from kernel_view import ANY
-from lab import (BR0_LINK_LOCAL, S1, child_of, configure, has_ended, link_local_is_ready, log_of, run, send_signal,
+from laboratory import (BR0_LINK_LOCAL, S1, child_of, configure, has_ended, link_local_is_ready, log_of, run, send_signal,
                  start, stop, wait_for, wait_for_end)
 from proxy import DAEMON, ENVIRONMENT, start_companion, start_daemon, start_proxy
 from traffic import capture, listen, queries, received, records, send_stream, start_stream, wait_until_all_is_said

@@ -4,7 +4,7 @@ import json
 import os
 import subprocess
 
-import lab as laboratory
+import laboratory
 import proxy
 import traffic
 

@@ -2,7 +2,7 @@
 
 import kernel_view
 from kernel_view import ANY
-from lab import HOST_LINK_LOCAL, S1, S2, log_of, run, stop, wait_for
+from laboratory import HOST_LINK_LOCAL, S1, S2, log_of, run, stop, wait_for
 from proxy import start_companion, start_daemon, start_proxy
 from traffic import (MLD_V1_DONE, capture, datagrams, listen, mld_messages, queries, received, records,
                      send_stream, start_stream, wait_until_all_is_said)

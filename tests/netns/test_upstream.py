@@ -3,7 +3,7 @@
 import kernel_view
 from frames import general_query, report, version_1_report
 from kernel_view import ANY
-from lab import HOST_LINK_LOCAL, S1, S2, log_of, stop, wait_for
+from laboratory import HOST_LINK_LOCAL, S1, S2, log_of, stop, wait_for
 from proxy import start_proxy
 from traffic import MLD_QUERY, MLD_V1_DONE, MLD_V1_REPORT, capture, listen, mld_messages, records, send_frame
 

@@ -11,7 +11,7 @@ from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLDone, ICMPv6MLQuer
 from scapy.layers.l2 import Ether
 from scapy.packet import raw
 
-import lab as laboratory
+import laboratory
 import namespaces
 
 MLD_QUERY, MLD_V1_REPORT, MLD_V1_DONE, MLD_V2_REPORT = 130, 131, 132, 143

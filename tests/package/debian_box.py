@@ -6,7 +6,7 @@ import pathlib
 import signal
 import subprocess
 
-import lab as laboratory
+import laboratory
 import namespaces
 
 BOOT = pathlib.Path(__file__).parent / "boot_systemd.sh"

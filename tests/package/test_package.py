@@ -9,7 +9,7 @@ import pytest
 
 import debian_box
 import kernel_view
-import lab as laboratory
+import laboratory
 import traffic
 from conftest import BUILD
 

@@ -1,4 +1,4 @@
-#include "watch_fixture.h"
+#include "fixture.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -1,6 +1,6 @@
 #include "assist/notification_loop.h"
 
-#include "watch_fixture.h"
+#include "fixture.h"
 
 #include <array>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "assist/notification_socket.h"
 
-#include "watch_fixture.h"
+#include "fixture.h"
 
 #include <cerrno>
 

@@ -1,10 +1,10 @@
 #include "assist/options.h"
 
-#include "scripted_kernel.h"
+#include "tests/support/companion_kernel.h"
 
 namespace {
 
-class options_of : public with_scripted_kernel {
+class options_of : public companion_fixture {
 protected:
   assist_options options{};
 

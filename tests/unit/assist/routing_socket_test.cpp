@@ -1,13 +1,13 @@
 #include "assist/routing_socket.h"
 
-#include "scripted_kernel.h"
+#include "tests/support/companion_kernel.h"
 
 #include <cerrno>
 #include <unistd.h>
 
 namespace {
 
-using routing_socket = with_scripted_kernel;
+using routing_socket = companion_fixture;
 
 const std::string probe = "MRT6_DEL_MFC (nothing)";
 

@@ -1,0 +1,44 @@
+// A kernel that does what the test says and notes every request. Requests that a test does not look at fail it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <vector>
+
+inline constexpr int ROUTING_SOCKET = 1007;
+
+struct scripted_datagram {
+  std::vector<std::byte> bytes;
+  int reason = 0;               // errno instead of bytes
+  std::uint32_t sender = 0;     // 0 = the kernel
+  std::function<void()> then{}; // what happens in the world while it is read
+};
+
+struct scripted_kernel {
+  std::map<std::string, unsigned> indexes;         // interfaces that are there
+  std::map<std::string, std::deque<int>> refusals; // by name of the option or call; 0 = accepted
+  std::map<unsigned, std::int32_t> mc_forwarding;  // what is answered to RTM_GETNETCONF, by index
+  std::deque<scripted_datagram> datagrams;         // then EAGAIN
+  std::vector<std::string> requests;
+  std::vector<std::vector<std::byte>> sent;
+  std::int64_t now_ms = 1'000'000;
+};
+
+extern scripted_kernel Kernel;
+
+using lines = std::vector<std::string>;
+
+// Starts each test with an empty kernel; fails it for requests and log lines that it left unread.
+class companion_fixture : public testing::Test {
+protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  lines requests(); // since the last call
+  lines said();     // log lines since the last call, without "tarnwick-assist: "
+};
