@@ -1,0 +1,39 @@
+// A network namespace for daemon and companion, with links to the host's interfaces.
+#pragma once
+
+#include "run/options.h"
+
+struct network_wish {
+  interface_name upstream; // the host's
+  upstream_link_kind upstream_link;
+  std::array<interface_name, MOST_DOWNSTREAMS> downstreams; // only those that exist now
+  std::size_t downstream_count;
+};
+
+struct private_network {
+  int descriptor;          // of the namespace, close-on-exec; -1 = not made. Children enter it with setns().
+  interface_name upstream; // the inner names, in the order of the wish
+  std::array<interface_name, MOST_DOWNSTREAMS> downstreams;
+  std::size_t downstream_count;
+};
+
+// Makes namespace and links. On failure nothing is left, and it has said in plain words why (for an interface that
+// cannot carry a macvlan: --network=host).
+bool make_private_network(const network_wish &wish, private_network &made);
+
+// Removes links and namespace; called when no process is inside any more. Does nothing if not made.
+void remove_private_network(private_network &made);
+
+// Whether every link stands and has its link-local address: daemon and companion may start. Asked every 250 ms while
+// waiting for it.
+bool is_private_network_ready(const private_network &made);
+
+// Whether every link still stands: a macvlan goes with its parent, a veth pair when either end is deleted. Asked after
+// each link notification of the host's namespace.
+bool is_private_network_whole(const private_network &made);
+
+// Removes what a killed supervisor for the same interfaces has left. Called once before the first start.
+void remove_stale_private_network(const run_options &options);
+
+// --explain: prints on standard output which mode would work here, and why. Returns the exit status.
+int explain_networks(const run_options &options);
