@@ -271,10 +271,14 @@ bool is_restarted_for(const served_interface &one, std::int64_t now_ms, std::int
   return false;
 }
 
+// What flows, or what is away while the daemon runs on.
 void tell_service() {
   status_text text;
   if (is_everything_ready(Supervisor.served)) {
     describe_service(text);
+    if (LastSaid[0] != '\0') {
+      say("every interface is there again");
+    }
     LastSaid = {};
   } else {
     waiting_text missing;
@@ -282,7 +286,7 @@ void tell_service() {
     std::snprintf(text.data(), text.size(), "running; waiting for %s", missing.data());
     say_once(text.data());
   }
-  tell_ready(text.data());
+  tell_status(text.data());
 }
 
 std::int64_t advance_run(std::int64_t now_ms) {
@@ -296,6 +300,7 @@ std::int64_t advance_run(std::int64_t now_ms) {
   program_start start = plan_start(names);
   keep_companion(start, now_ms, next_ms);
   if (Supervisor.phase == supervisor_phase::serving) {
+    tell_service();
     return next_ms;
   }
   const bool has_entry = !Supervisor.options->has_companion || has_static_entry(ProgramPair.daemon.pid);
@@ -306,6 +311,8 @@ std::int64_t advance_run(std::int64_t now_ms) {
   status_text text;
   describe_service(text);
   say("%s", text.data());
+  LastSaid = {};
+  tell_ready(text.data());
   tell_service();
   return next_ms;
 }
