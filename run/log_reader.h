@@ -21,8 +21,14 @@ struct log_reader {
 // said why not.
 bool open_log_reader(log_reader &reader, log_origin origin, int &write_end);
 
+// Which lines of the daemon are passed on from now on. Those of the companion always are, unless it is none.
+void choose_log_lines(log_choice choice);
+
 // Reads what is there without waiting, at most a bounded amount, and passes it on. Closes at the end of input.
 void read_log(log_reader &reader);
+
+// What read_log does with what it has read.
+void take_log_bytes(log_reader &reader, std::string_view bytes);
 
 // Reads to the end of what is there and closes: for a child that has ended.
 void close_log_reader(log_reader &reader);

@@ -107,6 +107,7 @@ void run_until_ended(int signals, int events) {
 } // namespace
 
 int run_supervisor(const run_options &options) {
+  choose_log_lines(options.log);
   if (!open_log_sink(options)) {
     return EXIT_FAILURE;
   }
