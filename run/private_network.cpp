@@ -121,13 +121,13 @@ bool is_private_network_ready(const private_network &made) {
   return made.link_count > 0;
 }
 
-bool is_private_network_whole(const private_network &made) {
+const interface_name *find_lost_link(const private_network &made) {
   for (std::size_t i = 0; i < made.link_count; ++i) {
     if (!is_private_link_whole(workshop_of(made), made.links[i])) {
-      return false;
+      return &made.links[i].host_name;
     }
   }
-  return made.link_count > 0;
+  return nullptr;
 }
 
 void remove_stale_private_network(const run_options &options) {

@@ -40,9 +40,10 @@ void remove_private_network(private_network &made);
 // waiting for it.
 bool is_private_network_ready(const private_network &made);
 
-// Whether every link still stands: a macvlan goes with its parent, a veth pair when either end is deleted. Asked after
-// each link notification of the host's namespace.
-bool is_private_network_whole(const private_network &made);
+// The host's interface whose link does not stand any more; null if all do. A macvlan goes with its parent, a veth pair
+// when either end is deleted, and is of no use outside its bridge. Asked after each link notification of the host's
+// namespace.
+const interface_name *find_lost_link(const private_network &made);
 
 // Removes what a killed supervisor for the same interfaces has left. Called once before the first start.
 void remove_stale_private_network(const run_options &options);

@@ -91,11 +91,7 @@ bool make_network() {
   return make_private_network(wish, Supervisor.network);
 }
 
-void remove_network() {
-  if (is_network_own()) {
-    remove_private_network(Supervisor.network);
-  }
-}
+void remove_network() { remove_private_network(Supervisor.network); }
 
 program_start plan_start(std::array<interface_name, MOST_DOWNSTREAMS> &names) {
   program_start start{};
@@ -188,7 +184,7 @@ std::int64_t prepare_network(std::int64_t now_ms) {
   if (is_private_network_ready(Supervisor.network)) {
     return start_programs(now_ms);
   }
-  if (!is_private_network_whole(Supervisor.network)) {
+  if (find_lost_link(Supervisor.network) != nullptr) {
     pause_after_failure(now_ms);
     return now_ms;
   }
@@ -291,6 +287,10 @@ void tell_service() {
 
 std::int64_t advance_run(std::int64_t now_ms) {
   std::int64_t next_ms = NEVER_MS;
+  if (const interface_name *lost = find_lost_link(Supervisor.network); lost != nullptr) {
+    begin_restart("has lost its link to the private network", *lost, now_ms);
+    return now_ms;
+  }
   for (const served_interface &one : std::span{Supervisor.served.all}.first(Supervisor.served.count)) {
     if (is_restarted_for(one, now_ms, next_ms)) {
       return now_ms;
