@@ -1,7 +1,7 @@
 #include "core/standard_streams.h"
 #include "run/loop.h"
+#include "run/network_choice.h"
 #include "run/options.h"
-#include "run/private_network.h"
 
 namespace {
 

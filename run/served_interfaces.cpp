@@ -30,7 +30,9 @@ void fill_served_interfaces(const run_options &options, served_interfaces &serve
   served = {};
   served.network = options.network;
   served.all[0].name = options.upstream;
-  std::copy_n(options.downstreams.begin(), options.downstream_count, &served.all[1].name);
+  for (std::size_t i = 0; i < options.downstream_count; ++i) {
+    served.all[i + 1].name = options.downstreams[i];
+  }
   served.count = options.downstream_count + 1;
   for (served_interface &one : every(served)) {
     one.not_ready_since_ms = never;

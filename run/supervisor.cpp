@@ -91,11 +91,7 @@ bool make_network() {
   return make_private_network(wish, Supervisor.network);
 }
 
-void remove_network() {
-  if (is_network_own()) {
-    remove_private_network(Supervisor.network);
-  }
-}
+void remove_network() { remove_private_network(Supervisor.network); }
 
 program_start plan_start(std::array<interface_name, MOST_DOWNSTREAMS> &names) {
   program_start start{};
@@ -188,7 +184,7 @@ std::int64_t prepare_network(std::int64_t now_ms) {
   if (is_private_network_ready(Supervisor.network)) {
     return start_programs(now_ms);
   }
-  if (!is_private_network_whole(Supervisor.network)) {
+  if (find_lost_link(Supervisor.network) != nullptr) {
     pause_after_failure(now_ms);
     return now_ms;
   }
@@ -271,10 +267,14 @@ bool is_restarted_for(const served_interface &one, std::int64_t now_ms, std::int
   return false;
 }
 
+// What flows, or what is away while the daemon runs on.
 void tell_service() {
   status_text text;
   if (is_everything_ready(Supervisor.served)) {
     describe_service(text);
+    if (LastSaid[0] != '\0') {
+      say("every interface is there again");
+    }
     LastSaid = {};
   } else {
     waiting_text missing;
@@ -282,11 +282,15 @@ void tell_service() {
     std::snprintf(text.data(), text.size(), "running; waiting for %s", missing.data());
     say_once(text.data());
   }
-  tell_ready(text.data());
+  tell_status(text.data());
 }
 
 std::int64_t advance_run(std::int64_t now_ms) {
   std::int64_t next_ms = NEVER_MS;
+  if (const interface_name *lost = find_lost_link(Supervisor.network); lost != nullptr) {
+    begin_restart("has lost its link to the private network", *lost, now_ms);
+    return now_ms;
+  }
   for (const served_interface &one : std::span{Supervisor.served.all}.first(Supervisor.served.count)) {
     if (is_restarted_for(one, now_ms, next_ms)) {
       return now_ms;
@@ -296,6 +300,7 @@ std::int64_t advance_run(std::int64_t now_ms) {
   program_start start = plan_start(names);
   keep_companion(start, now_ms, next_ms);
   if (Supervisor.phase == supervisor_phase::serving) {
+    tell_service();
     return next_ms;
   }
   const bool has_entry = !Supervisor.options->has_companion || has_static_entry(ProgramPair.daemon.pid);
@@ -306,6 +311,8 @@ std::int64_t advance_run(std::int64_t now_ms) {
   status_text text;
   describe_service(text);
   say("%s", text.data());
+  LastSaid = {};
+  tell_ready(text.data());
   tell_service();
   return next_ms;
 }
