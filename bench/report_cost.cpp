@@ -8,21 +8,16 @@
 // variants take turns within each round, a few reports each.
 
 #include "bench/figure.h"
+#include "bench/log_pipe.h"
 #include "bench/report_case.h"
-#include "core/standard_streams.h"
-#include "run/log_reader.h"
 
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
 #include <map>
 #include <net/if.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
@@ -49,62 +44,6 @@ struct bench_world {
   deployed_log deployed; // log null: not measured
 };
 
-// Without effect if there is no processor of that number.
-void stay_on_processor(std::size_t number) {
-  cpu_set_t allowed;
-  CPU_ZERO(&allowed);
-  CPU_SET(number, &allowed);
-  sched_setaffinity(0, sizeof(allowed), &allowed);
-}
-
-void read_and_drop(int descriptor) {
-  std::array<char, 65536> taken;
-  while (read(descriptor, taken.data(), taken.size()) > 0) {
-  }
-}
-
-// As the supervisor's loop does it; the lines that it passes on go to a file in memory.
-void read_as_deployed(int descriptor) {
-  dup2(memfd_create("passed on", 0), STDERR_FILENO);
-  open_log_sink(run_options{});
-  log_reader reader{};
-  reader.descriptor = descriptor;
-  reader.origin = log_origin::daemon;
-  while (reader.descriptor >= 0) {
-    pollfd waited{reader.descriptor, POLLIN, 0};
-    poll(&waited, 1, ms_until_log_summary(now_ns() / 1'000'000));
-    read_log(reader);
-  }
-}
-
-// A pipe as the daemon makes it of its standard output, and a reader in a process of its own.
-FILE *open_pipe_with_reader(std::size_t processor, void (*read_all)(int descriptor) = read_and_drop,
-                            pid_t *reader = nullptr) {
-  std::array<int, 2> ends;
-  if (pipe(ends.data()) == -1) {
-    give_up("pipe");
-  }
-  const pid_t child = fork();
-  if (child == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    stay_on_processor(processor);
-    close(ends[1]);
-    fcntl(ends[0], F_SETFL, read_all == read_and_drop ? 0 : O_NONBLOCK);
-    read_all(ends[0]);
-    _exit(0);
-  }
-  if (reader != nullptr) {
-    *reader = child;
-  }
-  close(ends[0]);
-  const int own_output = dup(STDOUT_FILENO);
-  dup2(ends[1], STDOUT_FILENO);
-  protect_standard_streams();
-  const int log = dup(STDOUT_FILENO);
-  dup2(own_output, STDOUT_FILENO);
-  return fdopen(log, "w");
-}
-
 void wait_until_readable(int socket) {
   pollfd waited{socket, POLLIN, 0};
   if (poll(&waited, 1, 1000) != 1) {
@@ -119,18 +58,6 @@ double clock_cost_ns() {
     costs.push_back(static_cast<double>(thread_cpu_ns() - start));
   }
   return median(costs);
-}
-
-// Each turn begins with an empty log: a pipe's reader that lags behind would slow it down, or lose it, and a file that
-// grows to hundreds of megabytes is no router's.
-void empty_log(FILE *log) {
-  if (ftruncate(fileno(log), 0) == 0 && lseek(fileno(log), 0, SEEK_SET) == 0) {
-    return;
-  }
-  int waiting = 0;
-  for (int tries = 0; tries < 1000 && ioctl(fileno(log), FIONREAD, &waiting) == 0 && waiting > 0; ++tries) {
-    usleep(1000);
-  }
 }
 
 void queue_reports(int injector, report_case which) {
@@ -167,16 +94,6 @@ double clock_ns_of(clockid_t clock) {
   timespec now{};
   clock_gettime(clock, &now);
   return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
-}
-
-// On one processor whoever yields lets the other one run until it waits again.
-void let_reader_run(FILE *log) {
-  int waiting = 1;
-  for (int tries = 0; tries < 10'000 && waiting > 0; ++tries) {
-    sched_yield();
-    ioctl(fileno(log), FIONREAD, &waiting);
-  }
-  sched_yield();
 }
 
 struct deployed_cost {
@@ -309,11 +226,14 @@ void open_logs(bench_world &world) {
   clock_getcpuclockid(reader, &world.deployed.reader_clock);
   world.logs[by_lines] = open_pipe_with_reader(own_processor);
   setvbuf(world.logs[by_lines], nullptr, _IOLBF, BUFSIZ);
-  print_note("report", "All of it runs on one processor, as on most routers. Two kinds of rows are not judged: `pipe "
-                       "across processors` has the reader on another one, which the kernel wakes with an interrupt, "
-                       "expensive in a virtual machine; `pipe by lines` is the daemon under `stdbuf -oL` for "
-                       "each line to be in the journal at once: the kernel takes every line by itself then, and "
-                       "that is by far the dearest part of a report.");
+  print_note("report",
+             "All of it runs on one processor, as on most routers. `under tarnwick-run` is the daemon with its "
+             "library, which hands each report's lines over in one write; `with its reader` counts the "
+             "supervisor's processor time as well, woken for every report, --log=info. Not judged: `pipe "
+             "across processors` has the reader on another one, which the kernel wakes with an interrupt, "
+             "expensive in a virtual machine; `pipe by lines` is the daemon under `stdbuf -oL` for "
+             "each line to be in the journal at once: the kernel takes every line by itself then, and "
+             "that is by far the dearest part of a report.");
 }
 
 struct kept_figure {
