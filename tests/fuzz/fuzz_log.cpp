@@ -15,7 +15,7 @@ namespace {
 int PassedOn = -1; // stands in for standard error while lines are passed on
 
 void fail(const char *what) {
-  std::fprintf(stdout, "%s\n", what);
+  std::fprintf(stderr, "%s\n", what);
   std::abort();
 }
 
