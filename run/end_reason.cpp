@@ -49,7 +49,10 @@ bool is_fatal(std::string_view message) {
 std::string_view message_of(std::string_view line) {
   const std::size_t number = line.find('#');
   const std::size_t colon = number == std::string_view::npos ? number : line.find(": ", number);
-  return colon == std::string_view::npos ? line : line.substr(colon + 2);
+  if (colon != std::string_view::npos) {
+    line.remove_prefix(colon + 2);
+  }
+  return line;
 }
 
 constexpr char no_rights[] = "no permission: run it as root, or with CAP_NET_ADMIN and CAP_NET_RAW";
@@ -88,8 +91,7 @@ void explain_no_link_local(const end_facts &facts, end_text &reason) {
       return;
     }
   }
-  const std::string_view said = DaemonError.text.data();
-  std::snprintf(reason.data(), reason.size(), "no link-local address on %s", said.substr(no_link_local.size()).data());
+  std::snprintf(reason.data(), reason.size(), "no link-local address on %s", &DaemonError.text[no_link_local.size()]);
 }
 
 void explain_raw_socket(const end_facts &facts, end_text &reason) {

@@ -60,7 +60,8 @@ constexpr std::array known_texts{
 bool is_text(std::string_view message, std::string_view format) {
   const std::size_t first = std::min(format.find('%'), format.size());
   const std::size_t last = format.rfind('%');
-  const std::string_view end = last == std::string_view::npos ? std::string_view{} : format.substr(last + 2);
+  std::string_view end = format;
+  end.remove_prefix(last == std::string_view::npos ? format.size() : last + 2);
   return message.starts_with(format.substr(0, first)) && message.ends_with(end) &&
          (message.size() == format.size() || last != std::string_view::npos);
 }

@@ -20,5 +20,10 @@ log_line_parts take_log_line_apart(std::string_view line) {
   }
   const std::size_t number = line.find('#', line_number_at);
   const std::size_t end = number == std::string_view::npos ? number : line.find(": ", number);
-  return end == std::string_view::npos ? log_line_parts{'\0', line} : log_line_parts{line[0], line.substr(end + 2)};
+  if (end == std::string_view::npos) {
+    return {'\0', line};
+  }
+  const char level = line[0];
+  line.remove_prefix(end + 2);
+  return {level, line};
 }

@@ -7,7 +7,7 @@ import pytest
 
 from programs import PROGRAMS, PROJECT
 
-NAMES = ["tarnwick", "tarnwick-assist", "tarnwick-status"]
+NAMES = ["tarnwick", "tarnwick-assist", "tarnwick-run", "tarnwick-status"]
 
 
 def needed(program):
