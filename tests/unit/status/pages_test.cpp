@@ -16,7 +16,7 @@ struct moment {
   traffic_sample before{};
   traffic_sample now{};
   snapshot joined{};
-  process_facts daemon{4711, 1, {"tarnwick"}, UINT64_MAX, 0, true}; // not started yet: up 0 s
+  process_facts daemon{4711, 1, {"tarnwick"}, UINT64_MAX, 0, true, 0}; // not started yet: up 0 s
 
   ~moment() {
     free_rows(state.interfaces);
