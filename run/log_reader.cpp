@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -209,8 +210,8 @@ void write_due_log_summary(std::int64_t now_ms) {
   const std::uint64_t count = take_left_out(Rate, now_ms);
   if (count > 0) {
     std::array<char, 96> line;
-    const int length = std::snprintf(line.data(), line.size(), "%llu lines of the log were left out",
-                                     static_cast<unsigned long long>(count + take_lost_log_lines()));
+    const int length = std::snprintf(line.data(), line.size(), "%" PRIu64 " lines of the log were left out",
+                                     count + take_lost_log_lines());
     write_log_line(log_origin::supervisor, log_priority::warning, {line.data(), static_cast<std::size_t>(length)});
   }
 }

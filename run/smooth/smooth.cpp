@@ -73,6 +73,7 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
 }
 
 // By `pselect`, since `select` has another name in the library where times are 64 bits wide on a 32-bit processor.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library's names are reserved ones
 extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *longest) {
   fflush(stdout);
   if (longest == nullptr) {
