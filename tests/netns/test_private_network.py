@@ -144,6 +144,13 @@ def test_large_frames_of_a_bridge_stay_allowed(lab):
     assert stop(supervised) == 0
 
 
+def test_port_that_the_spanning_tree_keeps_closed_is_waited_for(lab):
+    configure(lab, "router", "link set br0 type bridge stp_state 1 forward_delay 300\n")
+    supervised = private_network.start(lab)
+    assert outer_links(lab)["tarnwick0"]["linkinfo"]["info_slave_data"]["state"] == "forwarding"
+    assert stop(supervised) == 0
+
+
 def add_second_bridge(lab):
     configure(lab, "router", "link set lan-b nomaster\nlink add br1 address 02:00:00:00:04:fe type bridge\n"
                              "link set lan-b master br1\nlink set br1 up\n")
