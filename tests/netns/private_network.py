@@ -93,6 +93,11 @@ def setting(inside, interface, name):
             return file.read().strip()
 
 
+def start_ticks(lab, pid):
+    """When a process of the router was started, in clock ticks since boot."""
+    return int(run(lab, "router", "cat", f"/proc/{pid}/stat").rsplit(")", 1)[1].split()[19])
+
+
 def namespaces_of_processes(lab):
     """Network namespaces of the router's processes."""
     listed = run(lab, "router", "sh", "-c", "readlink /proc/[0-9]*/ns/net; true")
