@@ -33,7 +33,7 @@ void build_records(unsigned group_count) {
     for (unsigned source = 0; source < MLD_MAX_SOURCES; ++source) {
       mld_append_source(group, source_number(source), 1)->source_timer = never;
     }
-    list_add(&interfaces[1 + number % interface_count].groups, &group->link);
+    mld_link_group(&interfaces[1 + number % interface_count], group);
   }
 }
 
