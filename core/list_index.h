@@ -1,5 +1,5 @@
-// Finds the records of some lists by key, without walking. For everybody who walks them the lists stay what they are;
-// only linking and unlinking have to go through here.
+// Finds the records of some lists by key, without walking. The lists are walked as any others; only linking and
+// unlinking go through here.
 #pragma once
 
 #include "core/list.h"
@@ -19,6 +19,9 @@ struct indexed_list {
 
 inline list_node *list_get_head(const indexed_list *of) { return of->records.head; }
 template <typename record> record *list_first(const indexed_list *of) { return list_first<record>(&of->records); }
+template <typename record> list_walk<record> list_records(const indexed_list *of) {
+  return list_records<record>(&of->records);
+}
 
 // Which list a record is on.
 struct list_place {
@@ -39,8 +42,8 @@ struct list_index {
 const list_place *list_index_first(const list_index &index, std::uint32_t key);
 const list_place *list_index_next(const list_index &index, const list_place *place);
 
-// As list_add, list_append, list_remove_node and list_remove, which takes the first record. A record's key is what it is found by, folded into 32 bits; it is
-// the same when the record is linked and when it is unlinked.
+// As list_add, list_append, list_remove_node and list_remove, which takes the first record. A record's key is what it
+// is found by, folded into 32 bits; it is the same when the record is linked and when it is unlinked.
 void list_index_add(list_index &index, indexed_list *into, list_node *node, std::uint32_t key);
 void list_index_append(list_index &index, indexed_list *into, list_node *node, std::uint32_t key);
 int list_index_remove(list_index &index, indexed_list *from, list_node *node, std::uint32_t key);

@@ -26,7 +26,7 @@ enum igmp_group_state : std::int32_t {
   IGMP_GROUP_MEMBERS_PRESENT = 1,
   IGMP_GROUP_V1_MEMBERS_PRESENT = 2,  // a version 1 host is there: leaves are ignored
   IGMP_GROUP_CHECKING_MEMBERSHIP = 3, // last-member queries are pending or being answered
-  IGMP_GROUP_STATE_COUNT              // first number that is no state
+  IGMP_GROUP_STATE_COUNT              // first number that is not a state
 };
 
 // Durations are seconds, counted down once per tick.
