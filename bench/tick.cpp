@@ -13,7 +13,7 @@ namespace {
 constexpr unsigned interface_count = 4;
 constexpr std::int32_t never = 2'000'000'000; // seconds
 
-// Walked in the order in which reports have made them, not in the order of their memory.
+// The walk follows the order in which reports made the records, not the order of their memory.
 void build_records(unsigned group_count) {
   static std::array<mld_interface, interface_count + 1> interfaces;
   init_mld_config();

@@ -29,8 +29,8 @@ namespace {
 
 constexpr unsigned zaps_per_turn = 25; // the daemon holds 128 groups
 constexpr unsigned turns = 8;
-// The daemon's first query, a second after its start, keeps it waiting for the kernel as any query does (see the
-// bursts); zaps are measured between queries.
+// Like any query, the daemon's first one, a second after its start, makes it wait for the kernel; zaps are measured
+// between queries.
 constexpr useconds_t settling_us = 1'400'000;
 // A host counts its random delay in ticks of its kernel. If every zap began at the same time after a tick, all would
 // take one of a few times, and their median would jump from one to the next.

@@ -7,7 +7,8 @@
 #include <span>
 #include <type_traits>
 
-// Records in one block that doubles when it is full. Plain records only; memory ends with the program or `clear_rows`.
+// Records in one block that doubles when it is full. Plain records only. `clear_rows` keeps the memory, `free_rows`
+// gives it back; what is left ends with the program.
 template <typename record> struct rows_of {
   static_assert(std::is_trivially_copyable_v<record>);
   record *first = nullptr;
