@@ -202,7 +202,7 @@ void measure_idle_load(const process_lab &lab, const std::string &program, const
   sleep(idle_seconds);
   const double daemon_share = (processor_seconds_of(daemon) - daemon_before) / idle_seconds;
   const double waking_share = (processor_seconds_of(waking) - waking_before) / idle_seconds;
-  print_figure("tick", "idle load of the daemon (floor: a program that only wakes up)", "% of a core",
+  print_figure("tick", figure_subject{"idle load", "beside a program that only wakes up"}, "% of a core",
                daemon_share * 100, waking_share * 100, goal{judged::value, 0.01});
   stop_program(waking);
   stop_program(daemon);

@@ -244,8 +244,8 @@ void print_costs(report_case which, unsigned groups, const turns &all, std::map<
       ratios.push_back(costs[i] / all.at("floor")[i]);
     }
     kept[name].by_groups[groups] = median(costs);
-    print_figure("report", std::string(report_case_name(which)) + ", " + name + ", " + std::to_string(groups), "us",
-                 median(ratios) * floor / 1000, floor / 1000, goal_of(name, limit_of(name, groups)));
+    print_figure("report", figure_subject{report_case_name(which), name, groups}, "us", median(ratios) * floor / 1000,
+                 floor / 1000, goal_of(name, limit_of(name, groups)));
   }
 }
 
@@ -254,7 +254,7 @@ void print_growth(report_case which, const std::map<std::string, kept_figure> &k
     if (name == "floor" && !is_mute) {
       continue; // once is enough
     }
-    print_figure("growth", std::string(report_case_name(which)) + ", " + name, "us", costs.by_groups.at(127) / 1000,
+    print_figure("growth", figure_subject{report_case_name(which), name}, "us", costs.by_groups.at(127) / 1000,
                  costs.by_groups.at(1) / 1000, goal_of(name, 1.3));
   }
 }

@@ -202,9 +202,9 @@ zap_lab make_lab() {
 
 void print_zaps(const std::string &name, const std::vector<double> &daemon, const std::vector<double> &floor,
                 bool is_judged) {
-  print_figure("zap", name + ", median", "ms", median(daemon), median(floor),
+  print_figure("zap", figure_subject{name, "median"}, "ms", median(daemon), median(floor),
                is_judged ? goal{judged::ratio, 1.1} : no_goal);
-  print_figure("zap", name + ", p99", "ms", percentile(daemon, 99), percentile(floor, 99),
+  print_figure("zap", figure_subject{name, "p99"}, "ms", percentile(daemon, 99), percentile(floor, 99),
                is_judged ? goal{judged::ratio, 1.3} : no_goal);
 }
 
