@@ -5,12 +5,12 @@
 //               [-m <milliseconds that a second takes, for timers of minutes>]
 //
 // Ends on SIGTERM or after the given time; SIGUSR1 writes the state files.
+#include "igmp/igmp_router.h"
 #include "core/settings.h"
 #include "core/state_dump.h"
 #include "igmp/igmp_forwarding.h"
 #include "igmp/igmp_interface.h"
 #include "igmp/igmp_receive.h"
-#include "igmp/igmp_router.h"
 #include "igmp/igmp_shutdown.h"
 #include "igmp/igmp_socket.h"
 #include "igmp/igmp_timers.h"
