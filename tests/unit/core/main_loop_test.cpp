@@ -5,6 +5,7 @@
 #include "core/signals.h"
 #include "core/start_up.h"
 #include "fixture.h"
+#include "mld/mld_router.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,6 +3,7 @@
 #include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_shutdown.h"
+#include "tests/unit/mld/fixture.h"
 
 #include <cerrno>
 #include <filesystem>

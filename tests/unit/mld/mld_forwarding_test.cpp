@@ -1,7 +1,7 @@
 #include "mld/mld_forwarding.h"
 
+#include "fixture.h"
 #include "mld/mld_group.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,8 +1,8 @@
 #include "mld/mld_membership.h"
 
+#include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_options.h"
-#include "tests/support/proxy_fixture.h"
 #include "tests/support/request_text.h"
 
 #include <cerrno>

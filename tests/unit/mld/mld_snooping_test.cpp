@@ -1,6 +1,6 @@
 #include "mld/mld_snooping.h"
 
-#include "tests/support/proxy_fixture.h"
+#include "fixture.h"
 
 #include <cerrno>
 #include <filesystem>

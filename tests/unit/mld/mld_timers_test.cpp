@@ -2,8 +2,8 @@
 #include "mld/mld_timers.h"
 
 #include "core/memory.h"
+#include "fixture.h"
 #include "mld/mld_group.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <algorithm>
 #include <cerrno>

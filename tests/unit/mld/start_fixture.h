@@ -3,8 +3,8 @@
 
 #include "core/memory.h"
 #include "core/settings.h"
+#include "fixture.h"
 #include "tests/support/leaks_on_purpose.h"
-#include "tests/support/proxy_fixture.h"
 
 namespace scripted {
 
