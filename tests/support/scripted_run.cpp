@@ -124,6 +124,9 @@ bool is_failed(const std::string &request) {
 bool request(const std::string &text) {
   take_output();
   Kernel.transcript.push_back(text);
+  if (Kernel.on_request) {
+    Kernel.on_request(text);
+  }
   return is_failed(text);
 }
 

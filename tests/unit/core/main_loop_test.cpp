@@ -315,6 +315,13 @@ TEST_F(main_loop, interruption_leaves_the_waited_set_as_it_was) {
   EXPECT_EQ(std::count(all.begin(), all.end(), wait), 3);
 }
 
+// The kernel leaves the set alone when the wait fails; that the loop does, too, shows with one that does not.
+TEST_F(main_loop, interruption_does_not_fill_the_waited_set_again) {
+  given_wake_ups({{{PIPE_READ_END}, -1, EINTR, {SIGALRM}}, interrupted_by({SIGTERM})});
+  EXPECT_EQ(when_looped(), 0);
+  then(prepared({wait, tick, read_ticks, timer_run(100), "select(pipe)", tick, read_ticks, stopped}));
+}
+
 TEST_F(main_loop, waited_set_is_filled_again_after_each_ready_descriptor) {
   Kernel.messages = {{{}, "", std::nullopt, "", EAGAIN}};
   given_wake_ups({{{MLD_SOCKET}}, {{PIPE_READ_END}, 0, 0, {SIGALRM}}, interrupted_by({SIGTERM})});

@@ -52,6 +52,12 @@ TEST_F(options, command_line_without_upstream_name_gets_the_usage_text) {
   }
 }
 
+TEST_F(options, empty_upstream_name_counts_as_given) {
+  EXPECT_EQ(when_parsed({"-u", ""}), 0);
+  EXPECT_STREQ(UpstreamInterfacesName, "");
+  then({});
+}
+
 TEST_F(options, unknown_letter_gets_the_usage_text) {
   const std::string errors = error_output_of([&] { EXPECT_EQ(when_parsed({"-u", "wan0", "-x"}), -1); });
   then(usage_lines);

@@ -231,6 +231,15 @@ TEST_F(mld_receive, bytes_of_an_earlier_message_do_not_show_through) {
   then_in_order({logged_error("mld_router_version2_report_handler", "Wrong group record number: 0")});
 }
 
+TEST_F(mld_receive, buffer_offered_to_the_kernel_holds_1600_zeros) {
+  for (int i = 0; i < 2; ++i) { // the second one where the first message was
+    Kernel.messages.push_back({std::vector<std::uint8_t>(1600, 0xff), "fe80::a", 3});
+    when([] { mld_network_socket_read_data(); });
+    EXPECT_EQ(Kernel.receive_buffer, std::vector<std::uint8_t>(1600, 0));
+  }
+  then_anything();
+}
+
 TEST_F(mld_receive, message_longer_than_the_buffer_is_cut) {
   std::vector<std::uint8_t> bytes = mldv1_message(131, "ff0e::1");
   bytes.resize(1601, 0xff);

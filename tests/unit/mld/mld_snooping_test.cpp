@@ -37,6 +37,16 @@ TEST_F(mld_snooping, leave_of_a_source_writes_both) {
   then_record_is("src=2001:db8::1\ngrp=ff0e::1\n");
 }
 
+TEST_F(mld_snooping, record_is_complete_when_the_snooping_program_is_signalled) {
+  std::optional<std::string> record_at_signal;
+  Kernel.on_request = [&](const std::string &request) {
+    record_at_signal = request == signalled ? file_contents(path) : record_at_signal;
+  };
+  when_left("2001:db8::1", "ff0e::1");
+  then_record_is("src=2001:db8::1\ngrp=ff0e::1\n");
+  EXPECT_EQ(record_at_signal, "src=2001:db8::1\ngrp=ff0e::1\n");
+}
+
 TEST_F(mld_snooping, second_leave_overwrites_the_first) {
   when_left("2001:db8::1", "ff0e::1:2:3");
   then_record_is("src=2001:db8::1\ngrp=ff0e::1:2:3\n");
