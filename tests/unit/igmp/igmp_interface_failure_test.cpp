@@ -97,6 +97,7 @@ TEST_F(igmp_discovery, each_fatal_failure_is_logged_and_stops_the_proxy) {
     ProxyMode = row.mode;
     given_failure(row.request, EIO);
     EXPECT_EQ(discover(), -1) << row.request;
+    EXPECT_FALSE(was_logged("close(fd 1100)")) << row.request; // discovery's own socket stays open
     then_in_order({
         logged_error(discovery, row.message),
         logged_debug("igmp_proxy_stop", "Stopping IGMP Proxy."),

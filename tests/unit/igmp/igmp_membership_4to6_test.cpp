@@ -85,6 +85,26 @@ TEST_F(igmp_membership_4to6, parent_and_join_name_the_translator_for_an_upstream
   then_in_order({join6("IPV6_ADD_MEMBERSHIP", 9), vif_line(add), add_line(add, 9), mfc6("MRT6_ADD_MFC", "3", 9)});
 }
 
+// With a refused VIF the index still names the interface of the join; the parent is what the kernel refused.
+TEST_F(igmp_membership_4to6, refused_upstream_vif_shows_in_the_parent_and_not_in_the_join) {
+  LanIndex = 2;
+  NatptIndex = 9;
+  wan0->vif_index = -1;
+  when_added(given_group(br0, group_address));
+  then_in_order({join6("IPV6_ADD_MEMBERSHIP", 9), vif_line(add, -1), add_line(add, -1), //
+                 mfc6("MRT6_ADD_MFC", "3", 65535)});
+}
+
+TEST_F(igmp_membership_4to6, lan_is_told_by_its_vif_among_the_outputs) {
+  LanIndex = 3;
+  NatptIndex = 9;
+  br0->vif_index = 7; // index 3, but not under that number
+  lan1->vif_index = 3;
+  given_group(lan1, group_address);
+  when_added(given_group(br0, group_address));
+  then_in_order({index_line(add, 7), vif_line(add), mfc6("MRT6_ADD_MFC", "7")});
+}
+
 TEST_F(igmp_membership_4to6, interface_number_beyond_the_kernels_is_no_output) {
   br0->vif_index = 32;
   lan1->vif_index = -1;

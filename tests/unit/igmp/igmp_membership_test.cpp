@@ -129,6 +129,17 @@ TEST_F(igmp_membership, parent_of_a_refused_upstream_vif_shows_as_minus_one_in_t
   }));
 }
 
+TEST_F(igmp_membership, outputs_and_parent_go_by_the_vif_and_the_join_by_the_index) {
+  wan0->vif_index = 7;
+  br0->vif_index = 4; // lan1's slot
+  when_added(given_group(br0, group_address));
+  then(joined({
+      {join4("IP_ADD_MEMBERSHIP")}, // ifindex=2
+      output_lines("br0", 2, 4),
+      {mfc4_line(add, "MRT_ADD_MFC", 7), mfc4("MRT_ADD_MFC", "2:1", 7)},
+  }));
+}
+
 TEST_F(igmp_membership, last_interface_to_lose_a_group_leaves_upstream_and_deletes_the_entry) {
   when_dropped(br0, given_group(br0, group_address));
   then({
