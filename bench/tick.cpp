@@ -4,6 +4,7 @@
 #include "bench/report_frame.h"
 #include "mld/mld_group.h"
 #include "mld/mld_router.h"
+#include "mld/mld_start_up.h"
 #include "mld/mld_timers.h"
 
 #include <benchmark/benchmark.h>

@@ -7,8 +7,8 @@
 #include "core/shell.h"
 #include "core/signals.h"
 #include "mld/mld_interface.h"
-#include "mld/mld_router.h"
 #include "mld/mld_socket.h"
+#include "mld/mld_start_up.h"
 #include "platform/nvram.h"
 
 #include <arpa/inet.h>

@@ -9,7 +9,7 @@ list_index MldHostIndex{};
 
 namespace {
 
-constexpr std::uint32_t reported_host_state = 2; // no reader; firmware tools see it in memory dumps
+constexpr std::uint32_t reported_host_state = 2; // no reader; kept for compatibility
 
 static_assert(MLD_HOST_POOL_SIZE <= LIST_INDEX_PLACES);
 
@@ -34,12 +34,12 @@ mld_host *find_host(const mld_interface *intr, const ipv6_address &group, const 
 // Whatever host it is: the first on the list, which only a walk tells.
 mld_host *find_any_host(const mld_interface *intr, const ipv6_address &group, const ipv6_address &source) {
   const bool is_any_source = is_same_address(source, In6AddrAny);
-  mld_host *record = list_first<mld_host>(&intr->hosts);
-  while (record != nullptr &&
-         (!is_same_address(record->group, group) || (!is_any_source && !is_same_address(record->source, source)))) {
-    record = list_after(record);
+  for (mld_host *record : list_records<mld_host>(&intr->hosts)) {
+    if (is_same_address(record->group, group) && (is_any_source || is_same_address(record->source, source))) {
+      return record;
+    }
   }
-  return record;
+  return nullptr;
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Which host reported which source of which group on an interface. Kept for the router's diagnostics; a leave is
-// decided by queries, not by this table.
+// Which host reported which source of which group on an interface. Nothing is decided by this table: whether a group or
+// source is still wanted is asked with queries.
 #pragma once
 
 #include "core/list_index.h"
@@ -14,7 +14,7 @@ std::uint32_t mld_host_key(const list_node *host);
 mld_host *mld_router_host_lookup(const mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
                                  const ipv6_address &source);
 
-// Returns the matching record, or a new one at the end of the list; null after logging when the pool is dry.
+// Returns the matching record, or a new one at the end of the list; null after logging when the pool is empty.
 mld_host *mld_router_host_add(mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
                               const ipv6_address &source);
 

@@ -8,8 +8,7 @@
 
 namespace {
 
-// Room for 15 characters, as in the record that the snooping program reads: a longer address leaves the line without
-// one, and the program then looks at all its groups.
+// Room for 15 characters, kept for compatibility: a longer address leaves the line without one.
 using short_address_text = std::array<char, INET_ADDRSTRLEN>;
 
 short_address_text to_short_text(const ipv6_address &address) {

@@ -5,6 +5,7 @@
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
 #include "mld/mld_receive.h"
+#include "mld/mld_start_up.h"
 #include "mld/mld_timers.h"
 #include "mld/mld_wire.h"
 #include "tests/support/invariants.h"
