@@ -1,5 +1,5 @@
 // A kernel that answers by script. The linker sends the daemon's requests here (see CMakeLists.txt); each becomes one
-// line of the transcript, in order with the lines that the daemon logs. Outside `run` everything reaches the real
+// line of the transcript, in order with the lines that the daemon logs. Outside `run` everything goes to the real
 // system, so the test program itself works as usual.
 //
 // Lines of the transcript
@@ -71,7 +71,7 @@ struct kernel {
   std::deque<wake_up> wake_ups;
   std::deque<int> signals_in_blocked_read; // a read of the empty pipe runs these handlers until something is there
   int next_socket = FIRST_NEW_SOCKET;      // what socket() returns; tests that select on it give one that fits a set
-  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is no failure
+  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is not a failure
   int fork_result = 0;
   std::map<int, std::string> names;                    // of descriptors, for the transcript
   std::function<void(const std::string &)> on_request; // sees each request before it is answered

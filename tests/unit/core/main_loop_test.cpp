@@ -299,7 +299,7 @@ TEST_F(main_loop, interrupted_wait_without_the_pipe_ends_the_loop) {
   then(prepared({wait, logged_error("main", "Exiting Application - No data on pipe."), stopped}));
 }
 
-TEST_F(main_loop, pipe_that_cannot_be_read_ends_the_loop_on_either_road) {
+TEST_F(main_loop, pipe_that_cannot_be_read_ends_the_loop_on_either_path) {
   for (const wake_up &woken : {interrupted_by({SIGALRM}), wake_up{{PIPE_READ_END}, 0, 0, {SIGALRM}}}) {
     given_failure("read(pipe", EBADF); // as when it was closed
     given_wake_ups({woken});

@@ -246,7 +246,7 @@ TEST_F(options, refusal_of_one_option_ends_the_parsing) {
   then(usage_lines);
 }
 
-TEST_F(options, missing_argument_that_getopt_lets_through_is_refused_with_a_word) {
+TEST_F(options, missing_argument_that_getopt_lets_through_is_refused_with_a_message) {
   const struct {
     std::function<int()> set;
     const char *message;

@@ -62,7 +62,7 @@ struct igmp_fixture : proxy_fixture {
   // Queues so many queries for the group and sets state 3.
   void given_checking(igmp_group *group, int queries, int retransmit_timer);
 
-  // Takes so many records out of a pool, so that it runs dry early.
+  // Takes so many records out of a pool, so that it is soon empty.
   void given_pool_left(list *pool, int records_left);
 
   // One datagram through the socket, from an interface; the handlers run as in the daemon.

@@ -9,7 +9,7 @@ namespace {
 
 using namespace scripted;
 
-struct igmp_discovery_4to6 : igmp_discovery {
+struct igmp_discovery_4to6 : igmp_discovery_fixture {
   igmp_discovery_4to6() {
     ProxyMode = PROXY_MODE_4TO6;
     MldPrefix = scripted::address("ff0e:1:2:3:4:5::");

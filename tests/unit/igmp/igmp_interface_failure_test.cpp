@@ -12,6 +12,8 @@ namespace {
 
 using namespace scripted;
 
+using igmp_discovery = igmp_discovery_fixture;
+
 TEST_F(igmp_discovery, interface_without_index_is_skipped) {
   given_interface("lan1", 4, 0x1003, "203.0.113.4");
   given_failure("ioctl(fd 1100, SIOCGIFINDEX) br0", ENODEV);

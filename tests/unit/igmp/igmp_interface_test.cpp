@@ -12,6 +12,8 @@ namespace {
 
 using namespace scripted;
 
+using igmp_discovery = igmp_discovery_fixture;
+
 TEST_F(igmp_discovery, upstream_and_downstream_are_set_up_and_registered_as_vifs) {
   EXPECT_EQ(discover(), 0);
   then(joined({
@@ -58,7 +60,7 @@ TEST_F(igmp_discovery, all_routers_join_passes_the_native_word) {
             lines{"setsockopt(fd 1102, IP_ADD_MEMBERSHIP) group=" + wire + " address=198.51.100.3 ifindex=3"});
 }
 
-TEST_F(igmp_discovery, host_with_upstream_only_stops_the_proxy_without_a_word) {
+TEST_F(igmp_discovery, host_with_upstream_only_stops_the_proxy_silently) {
   given_interfaces({"lo", "wan0"});
   EXPECT_EQ(discover(), -1);
   then_in_order({"close(fd 1100)", logged_debug("igmp_proxy_stop", "Stopping IGMP Proxy."), unusable});
@@ -105,7 +107,7 @@ TEST_F(igmp_discovery, downstream_names_of_option_d_are_not_consulted) {
   EXPECT_NE(found("br0"), nullptr);
 }
 
-TEST_F(igmp_discovery, kernel_without_interfaces_stops_the_proxy_without_a_word) {
+TEST_F(igmp_discovery, kernel_without_interfaces_stops_the_proxy_silently) {
   Kernel.interfaces.clear();
   EXPECT_EQ(discover(), -1);
   then(joined({opening,

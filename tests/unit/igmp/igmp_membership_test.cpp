@@ -9,6 +9,8 @@ namespace {
 
 using namespace scripted;
 
+using igmp_membership = igmp_membership_fixture;
+
 std::string join4(const char *option, const std::string &group = group_address) {
   return std::string("setsockopt(wan0, ") + option + ") group=" + group + " address=192.0.2.2 ifindex=2";
 }
@@ -55,7 +57,7 @@ TEST_F(igmp_membership, outputs_stand_at_table_slots_and_the_parent_is_an_interf
   }));
 }
 
-TEST_F(igmp_membership, interface_without_vif_or_slot_is_no_output) {
+TEST_F(igmp_membership, interface_without_vif_or_slot_is_not_an_output) {
   br0->vif_index = -1;
   index_table[2] = 0; // lan1's
   given_group(lan1, group_address);

@@ -27,7 +27,7 @@ struct mld_fixture : proxy_fixture {
   // Queues so many queries for the group and sets state 2.
   void given_checking(mld_group *group, int queries, int retransmit_timer);
 
-  // Takes so many records out of a pool, so that it runs dry early. They come back at the end of the test.
+  // Takes so many records out of a pool, so that it is soon empty. They come back at the end of the test.
   void given_pool_left(list *pool, int records_left);
 
   // One message through the socket; the handlers run as in the daemon.

@@ -313,7 +313,7 @@ TEST_F(mld_v2_report, address_that_is_no_multicast_group_is_recorded_but_not_joi
 }
 
 // Reports of random bytes around a few real groups and hosts, with ticks in between: whatever arrives, no record is
-// lost and no slot overrun (checked after each step), and the pools are never more than dry.
+// lost and no slot overrun (checked after each step), and a pool is never more than empty.
 TEST_F(mld_v2_report, random_reports_lose_no_record) {
   std::mt19937 random(20240501); // NOLINT: the same reports in every run
   const auto number = [&random](unsigned int below) { return random() % below; };
