@@ -72,7 +72,7 @@ void linked_move_to_end(const ipv6_address &address) {
   mld_group *group = mld_find_group(intr, address);
   if (group != nullptr) {
     mld_unlink_group(intr, group);
-    list_index_append(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+    list_index_append(MldGroupIndex, &intr->groups, &group->link, mld_group_key(group));
   }
 }
 
@@ -95,7 +95,7 @@ void linked_restore_hosts(const ipv6_address &group, const host_records &before)
   }
   for (mld_host *host : all) {
     // Fails for those that were deleted.
-    list_index_remove(MldHostIndex, &linked_downstream()->hosts, &host->link, mld_host_key);
+    list_index_remove(MldHostIndex, &linked_downstream()->hosts, &host->link, mld_host_key(host));
     list_add(&MldRouter.free_hosts, &host->link);
   }
 }

@@ -14,7 +14,7 @@ struct list {
 list_node *list_add(list *into, list_node *node);
 
 // Appends all nodes of `from` at the tail of `into`. `from` keeps its head: clear it (or use list_move_all), or both
-// headers reach the same nodes and the next append makes a cycle.
+// headers lead to the same nodes and the next append makes a cycle.
 void list_cat(list *into, const list *from);
 
 // Appends all nodes of `from` at the tail of `into` and leaves `from` empty.

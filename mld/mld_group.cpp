@@ -21,9 +21,7 @@ mld_query *take_query(const ipv6_address &group) {
 
 } // namespace
 
-std::uint32_t mld_group_key(const list_node *group) {
-  return address_key(reinterpret_cast<const mld_group *>(group)->group);
-}
+std::uint32_t mld_group_key(const mld_group *group) { return address_key(group->group); }
 
 mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address) {
   for (const list_place *place = list_index_first(MldGroupIndex, address_key(address)); place != nullptr;
@@ -37,11 +35,11 @@ mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address
 }
 
 void mld_link_group(mld_interface *intr, mld_group *group) {
-  list_index_add(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+  list_index_add(MldGroupIndex, &intr->groups, &group->link, mld_group_key(group));
 }
 
 int mld_unlink_group(mld_interface *intr, mld_group *group) {
-  return list_index_remove(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+  return list_index_remove(MldGroupIndex, &intr->groups, &group->link, mld_group_key(group));
 }
 
 bool mld_take_off(log_site site, mld_interface *intr, mld_group *group) {
@@ -53,7 +51,11 @@ bool mld_take_off(log_site site, mld_interface *intr, mld_group *group) {
 }
 
 mld_group *mld_pop_group(mld_interface *intr) {
-  return reinterpret_cast<mld_group *>(list_index_pop(MldGroupIndex, &intr->groups, mld_group_key));
+  auto *group = list_first<mld_group>(&intr->groups);
+  if (group != nullptr) {
+    list_index_pop(MldGroupIndex, &intr->groups, mld_group_key(group));
+  }
+  return group;
 }
 
 mld_group *mld_take_group(log_site site, const ipv6_address &address) {

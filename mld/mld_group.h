@@ -1,7 +1,6 @@
 // Group records between the pool and an interface's list, and their source slots.
 #pragma once
 
-#include "core/list_index.h"
 #include "core/log.h"
 #include "mld/mld_router.h"
 
@@ -11,9 +10,9 @@
 // The interface's record of a group; null if it has none.
 mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address);
 
-// Of all interfaces' groups, by address: whoever links or unlinks one does it through the index.
+// Of all interfaces' groups, by address.
 extern list_index MldGroupIndex;
-std::uint32_t mld_group_key(const list_node *group);
+std::uint32_t mld_group_key(const mld_group *group);
 
 // Puts a group in front of the interface's.
 void mld_link_group(mld_interface *intr, mld_group *group);

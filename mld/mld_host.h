@@ -2,12 +2,11 @@
 // source is still wanted is asked with queries.
 #pragma once
 
-#include "core/list_index.h"
 #include "mld/mld_router.h"
 
-// Of all interfaces' hosts, by group, host and source: whoever links or unlinks one does it through the index.
+// Of all interfaces' hosts, by group, host and source.
 extern list_index MldHostIndex;
-std::uint32_t mld_host_key(const list_node *host);
+std::uint32_t mld_host_key(const mld_host *host);
 
 // First record that matches. A host other than :: must match together with group and source; for host :: any host
 // does, and for source :: with it any source, too. Null if there is none.
@@ -22,3 +21,6 @@ mld_host *mld_router_host_add(mld_interface *intr, const ipv6_address &group, co
 // the pool: after 128 additions in all no more hosts are recorded, and the shutdown reports the lost ones as leaks.
 int mld_router_host_del(mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
                         const ipv6_address &source);
+
+// Gives all of the interface's records back to the pool, in their order.
+void mld_return_hosts(mld_interface *intr);

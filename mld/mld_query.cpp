@@ -32,7 +32,7 @@ struct query_sender {
 // Opens the packet socket and allocates a frame with room for `source_room` sources. Returns false after logging for
 // `site`; when memory ran out the socket stays open.
 bool open_sender(log_site site, const mld_interface *intr, std::size_t source_room, query_sender &sender) {
-  // The protocol number goes in as it is; the kernel then hands no received frames to this socket.
+  // The protocol number goes in as it is, in host order; kept for compatibility.
   sender.packet_socket = socket(AF_PACKET, SOCK_RAW, IPPROTO_ICMPV6);
   if (sender.packet_socket < 0) {
     log_error(site, cannot_create_socket);

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "core/address.h"
-#include "core/list.h"
+#include "core/list_index.h"
 #include "core/settings.h"
 #include "mld/mld_timing.h"
 
@@ -70,8 +70,8 @@ struct mld_interface {
   std::uint32_t is_querier;
   std::int32_t query_timer;         // seconds to the next general query; 0: on the next tick
   std::int32_t other_querier_timer; // seconds until the querier role is taken back
-  list hosts;                       // mld_host, oldest first
-  list groups;                      // mld_group, newest first
+  indexed_list hosts;               // mld_host, oldest first
+  indexed_list groups;              // mld_group, newest first
   std::uint32_t query_count;        // queries received
   std::uint32_t join_count;         // MLDv2 group updates
   std::uint32_t leave_count;        // leaves of hosts

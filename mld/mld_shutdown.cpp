@@ -44,7 +44,7 @@ void delete_mif(const mld_interface *intr) {
 void stop_interfaces() {
   for (mld_interface *intr = list_pop<mld_interface>(&MldRouter.interfaces); intr != nullptr;
        intr = list_pop<mld_interface>(&MldRouter.interfaces)) {
-    list_move_all(&MldRouter.free_hosts, &intr->hosts);
+    mld_return_hosts(intr);
     if (intr->role != MLD_ROLE_UPSTREAM) {
       mld_proxy_clean_interface(intr);
       my_free(intr);
@@ -77,7 +77,6 @@ void mld_proxy_clean_interface(mld_interface *intr) {
 void mld_proxy_stop() {
   log_debug(MLD_HERE, "Stop MLD Proxy.");
   stop_interfaces();
-  MldHostIndex = list_index{}; // whole lists of hosts went to the pool, past the index
   free_pool(&MldRouter.free_hosts);
   free_pool(&MldRouter.free_queries);
   free_pool(&MldRouter.free_groups);

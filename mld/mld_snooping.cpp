@@ -1,10 +1,11 @@
 #include "mld/mld_snooping.h"
 
 #include "core/log.h"
-#include "core/shell.h"
 #include "core/state_file.h"
 
 #include <arpa/inet.h>
+#include <cstdlib>
+#include <tuple>
 
 namespace {
 
@@ -32,5 +33,5 @@ void mld_snooping_leave(const ipv6_address &source, const ipv6_address &group) {
   }
   std::fprintf(record, "grp=%s\n", to_short_text(group).data());
   std::fclose(record);
-  run_shell_command("killall -USR2 igmp_snooping");
+  std::ignore = std::system("killall -USR2 igmp_snooping");
 }

@@ -77,6 +77,8 @@ std::string text(const ipv6_address &address) {
   return buffer;
 }
 
+int length(const indexed_list &of) { return length(of.records); }
+
 int length(const list &of) {
   int count = 0;
   for (const list_node *node = list_get_head(&of); node != nullptr; node = list_get_next(node)) {

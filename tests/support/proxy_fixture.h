@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/list.h"
+#include "core/list_index.h"
 #include "scripted_kernel.h"
 
 #include <gtest/gtest.h>
@@ -52,6 +53,7 @@ struct proxy_fixture : testing::Test {
 };
 
 int length(const list &of);
+int length(const indexed_list &of);
 std::string text(const ipv6_address &address);
 
 } // namespace scripted

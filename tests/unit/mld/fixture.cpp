@@ -85,11 +85,11 @@ mld_fixture::~mld_fixture() {
     }
   };
   while (auto *intr = list_pop<mld_interface>(&MldRouter.interfaces)) {
-    while (auto *group = list_pop<mld_group>(&intr->groups)) {
+    while (auto *group = list_pop<mld_group>(&intr->groups.records)) {
       free_all(&group->queries);
       my_free(group);
     }
-    free_all(&intr->hosts);
+    free_all(&intr->hosts.records);
     my_free(intr);
   }
   free_all(&MldRouter.free_groups);
@@ -205,14 +205,14 @@ mld_report_fixture::mld_report_fixture() {
 }
 
 mld_report_fixture::~mld_report_fixture() {
-  const auto keep = [this](const list &records) {
+  const auto keep = [this](const auto &records) {
     for (list_node *node = list_get_head(&records); node != nullptr; node = list_get_next(node)) {
       host_records.erase(node);
     }
   };
   keep(MldRouter.free_hosts);
   for (auto *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr; intr = list_after(intr)) {
-    keep(intr->hosts);
+    keep(intr->hosts.records);
   }
   for (void *lost : host_records) {
     my_free(lost);
@@ -232,7 +232,7 @@ void mld_report_fixture::given_host(mld_interface *intr, const std::string &grou
   made->host = address(host);
   made->source = address(source);
   made->host_state = 2;
-  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key);
+  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key(made));
 }
 
 void mld_report_fixture::when_ticked_quietly(int ticks) {
@@ -245,7 +245,7 @@ void mld_report_fixture::when_ticked_quietly(int ticks) {
 
 void mld_report_fixture::then_groups(const mld_interface *intr, const lines &expected) const {
   lines found;
-  for (auto *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {
+  for (auto *group = list_first<mld_group>(&intr->groups.records); group != nullptr; group = list_after(group)) {
     found.push_back(group_line({.group = text(group->group),
                                 .state = static_cast<int>(group->state),
                                 .timer = group->group_timer,
@@ -260,7 +260,7 @@ void mld_report_fixture::then_groups(const mld_interface *intr, const lines &exp
 
 void mld_report_fixture::then_hosts(const mld_interface *intr, const lines &expected) const {
   lines found;
-  for (auto *host = list_first<mld_host>(&intr->hosts); host != nullptr; host = list_after(host)) {
+  for (auto *host = list_first<mld_host>(&intr->hosts.records); host != nullptr; host = list_after(host)) {
     EXPECT_EQ(host->host_state, 2u);
     found.push_back(text(host->group) + " " + text(host->host) + " " + text(host->source));
   }
