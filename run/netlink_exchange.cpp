@@ -1,5 +1,7 @@
 #include "run/netlink_exchange.h"
 
+#include "run/namespace_visit.h"
+
 #include <array>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +16,16 @@ alignas(NLMSG_ALIGNTO) std::array<std::byte, buffer_size> AnswerBuffer;
 } // namespace
 
 int open_netlink(int protocol) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol); }
+
+int open_netlink_inside(int network_namespace, int protocol) {
+  const int home = begin_visit(network_namespace);
+  if (home < 0) {
+    return -1;
+  }
+  const int opened = open_netlink(protocol);
+  end_visit(home);
+  return opened;
+}
 
 int send_request(int socket, netlink_request &request) {
   const std::span<const std::byte> bytes = finish_request(request);

@@ -9,6 +9,9 @@
 // Opens a socket in the calling process's network namespace, where it stays when the process moves. -1 with errno.
 int open_netlink(int protocol);
 
+// The same in another namespace.
+int open_netlink_inside(int network_namespace, int protocol);
+
 // Sends the request. Returns 0 or the reason as in errno.
 int send_request(int socket, netlink_request &request);
 

@@ -1,20 +1,17 @@
 #include "run/network_namespace.h"
 
-#include "run/netlink_exchange.h"
+#include "run/namespace_visit.h"
 #include "run/report.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
 
 namespace {
-
-constexpr char own_namespace[] = "/proc/self/ns/net";
 
 struct ipv6_setting {
   const char *name;
@@ -25,22 +22,6 @@ struct ipv6_setting {
 // kernel's defaults. autoconf is about addresses from advertisements; a link-local address comes without it.
 constexpr std::array<ipv6_setting, 5> ipv6_settings{
     {{"disable_ipv6", "0"}, {"forwarding", "0"}, {"accept_ra", "0"}, {"autoconf", "0"}, {"accept_redirects", "0"}}};
-
-int open_own_namespace() {
-  const int opened = open(own_namespace, O_RDONLY | O_CLOEXEC);
-  if (opened < 0) {
-    say_refused(errno, "cannot open %s", own_namespace);
-  }
-  return opened;
-}
-
-// In the wrong namespace everything that follows would be wrong.
-void go_home(int home) {
-  if (setns(home, CLONE_NEWNET) != 0) {
-    say_refused(errno, "cannot return to the host's network namespace");
-    std::exit(EXIT_FAILURE);
-  }
-}
 
 bool write_setting(const char *scope, const ipv6_setting &setting) {
   std::array<char, 64> path;
@@ -80,35 +61,14 @@ void say_no_namespace(int reason) {
 
 int make_network_namespace() {
   const int home = open_own_namespace();
-  if (home < 0) {
-    return -1;
-  }
-  int made = -1;
-  if (unshare(CLONE_NEWNET) != 0) {
+  if (home < 0 || unshare(CLONE_NEWNET) != 0) {
     say_no_namespace(errno);
-  } else {
-    made = write_settings() ? open_own_namespace() : -1;
-    go_home(home);
-  }
-  close(home);
-  return made;
-}
-
-int open_netlink_inside(int network_namespace, int protocol) {
-  const int home = open_own_namespace();
-  if (home < 0) {
+    if (home >= 0) {
+      close(home);
+    }
     return -1;
   }
-  int opened = -1;
-  if (setns(network_namespace, CLONE_NEWNET) == 0) {
-    opened = open_netlink(protocol);
-    const int reason = errno;
-    go_home(home);
-    errno = reason;
-  }
-  if (opened < 0) {
-    say_refused(errno, "cannot have a netlink socket in the private network");
-  }
-  close(home);
-  return opened;
+  const int made = write_settings() ? open_own_namespace() : -1;
+  end_visit(home);
+  return made;
 }

@@ -6,6 +6,3 @@
 // address but the link-local one. Returns its descriptor, close-on-exec, or -1 after it has said why not. The calling
 // process stays where it is.
 int make_network_namespace();
-
-// Opens a netlink socket that belongs to the namespace. -1 after it has said why not.
-int open_netlink_inside(int network_namespace, int protocol);

@@ -220,10 +220,31 @@ bool read_option(int letter, char *argument, run_options &options) {
   }
 }
 
+// Whether "-b" is among the daemon's options, alone or in a group such as "-vb". Letters with a value end a group.
+bool goes_into_background(int argc, char **argv, int first) {
+  constexpr std::string_view letters_with_value = "udiqm";
+  for (int i = first; i < argc; ++i) {
+    std::string_view letters = argv[i];
+    if (!letters.starts_with('-')) {
+      continue;
+    }
+    const std::size_t value = letters.find_first_of(letters_with_value);
+    if (letters.find('b') < value) {
+      return true;
+    }
+    i += value + 1 == letters.size() ? 1 : 0; // the value is the next word
+  }
+  return false;
+}
+
 // What stands behind "--" is the daemon's; anything else that is left over is a mistake.
 bool take_daemon_options(int argc, char **argv, run_options &options) {
   if (optind < argc && std::strcmp(argv[optind - 1], "--") != 0) {
     say_error("unexpected argument \"%s\"; --help shows the usage", argv[optind]);
+    return false;
+  }
+  if (goes_into_background(argc, argv, optind)) {
+    say_error("option -b does not go with tarnwick-run: tarnwick has to stay in the foreground");
     return false;
   }
   options.daemon_options = argv + optind;

@@ -22,8 +22,12 @@ bool open_sockets(private_network &network) {
     return false;
   }
   network.descriptor = make_network_namespace();
-  if (network.descriptor >= 0) {
-    network.inner_socket = open_netlink_inside(network.descriptor, NETLINK_ROUTE);
+  if (network.descriptor < 0) {
+    return false;
+  }
+  network.inner_socket = open_netlink_inside(network.descriptor, NETLINK_ROUTE);
+  if (network.inner_socket < 0) {
+    say_refused(errno, "cannot have a netlink socket in the private network");
   }
   return network.inner_socket >= 0;
 }
