@@ -43,6 +43,10 @@ def report_reasons(missed, figures):
                   "  writing it. A report that asks the kernel for little (leave, refresh of a source, MLDv1 refresh) "
                   "has a floor that",
                   "  is less than its own lines cost there."]
+    if any(figure.variant.startswith("under tarnwick-run") for figure in missed):
+        lines += ["- Under tarnwick-run: the lines of a report are one write, which wakes the reader; both come on top "
+                  "of what",
+                  "  the row `pipe` takes, where one write is made for every 4 KiB."]
     if any(figure.kind.endswith("any-source group") for figure in missed):
         lines += ["- An any-source group that is created, or dropped and created again, is logged with one line "
                   "for each",
@@ -72,6 +76,8 @@ REASONS = {
             "  processor on a machine that does other work as well, differ from turn to turn by more than the "
             "goal allows;",
             "  the load average above tells how busy this machine was."],
+    "rush": ["- As for single zaps: the host's own delay before its report, and the wait for a processor on a busy "
+             "machine."],
     "memory": ["- The pools are allocated at start (128 groups, 128 hosts, 100 queries) and never grow. Compare",
                "  `/proc/PID/smaps`: the heap with the pools is the largest part; the 64 KiB for the NVRAM file "
                "count only",

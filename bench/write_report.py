@@ -24,6 +24,7 @@ TOPICS = {
     "log": "The log line",
     "tick": "The tick",
     "zap": "Zap",
+    "rush": "Channel changes: 14 a second, 20 viewers, so that every tick sends queries for those who left",
     "bursts": "Bursts: reports that survive while queries go out",
     "size": "Size of the router's build, stripped",
     "memory": "Memory of the router's build (floor: an empty C program)",

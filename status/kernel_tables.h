@@ -10,6 +10,7 @@
 struct mif_row {
   std::int32_t number;
   interface_text name;
+  interface_text host_name; // in a private network: the host's interface behind it; empty = none, or not known
   std::uint64_t bytes_in;
   std::uint64_t packets_in;
   std::uint64_t bytes_out;

@@ -1,5 +1,7 @@
 #include "status/snapshot.h"
 
+#include "status/host_names.h"
+
 #include "status/clock.h"
 
 #include <algorithm>
@@ -153,6 +155,7 @@ bool read_traffic(traffic_sample &sample, pid_t daemon) {
   const bool has_mifs = read_table(table, daemon, "ip6_mr_vif");
   if (has_mifs) {
     parse_mif_table(sample.mifs, text_of(table));
+    add_host_names(sample.mifs, daemon);
   }
   const bool has_entries = has_mifs && read_table(table, daemon, "ip6_mr_cache");
   sample.milliseconds = monotonic_milliseconds();

@@ -7,7 +7,7 @@ import pytest
 
 from programs import PROJECT
 
-NAMES = ["tarnwick", "tarnwick-assist", "tarnwick-status"]
+NAMES = ["tarnwick", "tarnwick-assist", "tarnwick-run", "tarnwick-status"]
 MIPSEL = [f"-DCMAKE_TOOLCHAIN_FILE={PROJECT / 'cmake' / 'mipsel-linux-gnu.cmake'}"]
 
 

@@ -12,6 +12,9 @@ DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"
 FAST_TICK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_tick.so"
 SIGNAL_AT_CALL = f"{laboratory.PROGRAMS_IN_ROUTER}/libsignal_at_call.so"
+SMOOTH = f"{laboratory.PROGRAMS_IN_ROUTER}/libtarnwick-smooth.so"
+# With TARNWICK_PRELOAD=libtarnwick-smooth.so all tests run with the library that tarnwick-run preloads.
+PRELOAD = os.environ.get("TARNWICK_PRELOAD")
 MLDV2_ROUTERS = "ff02::16"
 USUAL_OPTIONS = ("-u", "wan0", "-d", "br0")
 START_DEADLINE_S = 15
@@ -33,11 +36,24 @@ def start_daemon(lab, *options, ticks_per_second=1, wait=True, environment=None)
     With `wait` it returns once the daemon listens. `ticks_per_second` hurries its clock.
     """
     chosen = options or USUAL_OPTIONS
-    lab.daemon = laboratory.start(lab, "router", "stdbuf", "-oL", DAEMON, *chosen,
-                                  environment=environment_of(ticks_per_second) | (environment or {}))
+    wanted = environment_of(ticks_per_second) | (environment or {})
+    lab.daemon = laboratory.start(lab, "router", *flushing(wanted), DAEMON, *chosen, environment=wanted)
     if wait:
         wait_until_listening(lab.daemon)
     return lab.daemon
+
+
+def flushing(environment):
+    """Words before the daemon that make its log readable line by line."""
+    if PRELOAD is None:
+        return ("stdbuf", "-oL")
+    return preloading(f"{laboratory.PROGRAMS_IN_ROUTER}/{PRELOAD}", environment)
+
+
+def preloading(library, environment):
+    """Words before a program that preload a library beside those that its environment names."""
+    libraries = [library] + [environment[name] for name in ("LD_PRELOAD",) if name in environment]
+    return ("env", f"LD_PRELOAD={' '.join(libraries)}")
 
 
 def environment_of(ticks_per_second=1):

@@ -16,7 +16,7 @@ struct moment {
   traffic_sample before{};
   traffic_sample now{};
   snapshot joined{};
-  process_facts daemon{4711, 1, {"tarnwick"}, UINT64_MAX, 0, true}; // not started yet: up 0 s
+  process_facts daemon{4711, 1, {"tarnwick"}, UINT64_MAX, 0, true, 0}; // not started yet: up 0 s
 
   ~moment() {
     free_rows(state.interfaces);
@@ -100,6 +100,26 @@ TEST(status_report, groups_and_streams_stand_aligned_under_their_headings) {
       "tree",
   };
   EXPECT_EQ(page_of(shown), expected);
+}
+
+TEST(status_report, interfaces_of_a_private_network_stand_beside_the_hosts_names) {
+  moment shown;
+  parse_mif_table(shown.now.mifs, " 2 up0 0 0 0 0 00000\n 3 down0 0 0 0 0 00000\n");
+  shown.now.mifs.first[0].host_name = {"eth0.2"};
+  shown.now.mifs.first[1].host_name = {"br-lan.100"};
+  given_state(shown,
+              "[MLD]ifname: down0 query: 0 join: 0 leave: 0 timeout: 0\n"
+              "[MLD]ifname: up0 query: 0 join: 0 leave: 0 timeout: 0\n",
+              "");
+  const std::vector<std::string> lines = page_of(shown);
+  EXPECT_EQ(lines[0], "tarnwick 4711, up 0 s, in a private network: 2 interfaces, 0 groups, 0 forwarding entries");
+  EXPECT_TRUE(lines[3].starts_with("up0 (eth0.2)        upstream      2  ")) << lines[3];
+  EXPECT_TRUE(lines[4].starts_with("down0 (br-lan.100)  downstream    3  ")) << lines[4];
+  text json;
+  add_json(json, shown.joined);
+  EXPECT_NE(std::string(text_of(json)).find("\"name\":\"down0\""), std::string::npos) << text_of(json);
+  EXPECT_NE(std::string(text_of(json)).find("\"host_name\":\"br-lan.100\""), std::string::npos) << text_of(json);
+  free_rows(json);
 }
 
 TEST(status_report, missing_static_tree_is_named_as_the_reason) {

@@ -177,7 +177,11 @@ TEST(status_daemon_process, own_process_is_read) {
 }
 
 process_facts daemon_at(pid_t pid, pid_t parent, std::uint64_t network, bool is_ready = true) {
-  return process_facts{pid, parent, {"tarnwick"}, 0, network, is_ready};
+  return process_facts{pid, parent, {"tarnwick"}, 0, network, is_ready, 0};
+}
+
+process_facts daemon_below_supervisor(pid_t pid, std::uint64_t network, std::uint64_t supervisor_network) {
+  return process_facts{pid, 1, {"tarnwick"}, 0, network, true, supervisor_network};
 }
 
 daemon_search search(std::initializer_list<process_facts> processes, process_facts &chosen) {
@@ -208,6 +212,18 @@ TEST(status_daemon_process, of_several_daemons_the_one_of_this_network_is_chosen
   EXPECT_EQ(chosen.pid, 6);
   EXPECT_EQ(search({daemon_at(5, 1, 100), daemon_at(6, 1, 100)}, chosen), daemon_search::several);
   EXPECT_EQ(search({daemon_at(5, 1, 200), daemon_at(6, 1, 300)}, chosen), daemon_search::several);
+}
+
+TEST(status_daemon_process, of_several_private_networks_the_one_of_a_supervisor_in_this_network_is_chosen) {
+  process_facts chosen{};
+  EXPECT_EQ(search({daemon_at(5, 1, 200), daemon_below_supervisor(6, 300, 100), daemon_below_supervisor(7, 400, 900)},
+                   chosen),
+            daemon_search::found);
+  EXPECT_EQ(chosen.pid, 6);
+  EXPECT_EQ(search({daemon_below_supervisor(6, 300, 100), daemon_at(5, 1, 100)}, chosen), daemon_search::found);
+  EXPECT_EQ(chosen.pid, 5);
+  EXPECT_EQ(search({daemon_below_supervisor(6, 300, 100), daemon_below_supervisor(7, 400, 100)}, chosen),
+            daemon_search::several);
 }
 
 TEST(status_daemon_process, daemon_that_is_still_starting_is_not_asked) {
