@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <sys/types.h>
 
-// Without effect if there is no processor of that number.
+// Has no effect if there is no processor of that number.
 void stay_on_processor(std::size_t number);
 
 // Readers: one that takes what comes, and one that does with it what the supervisor does (its sink: a file in memory).
@@ -18,7 +18,7 @@ FILE *open_pipe_with_reader(std::size_t processor, void (*read_all)(int descript
                             pid_t *reader = nullptr);
 
 // Each turn begins with an empty log: a pipe's reader that lags behind would slow it down, or lose it, and a file that
-// grows to hundreds of megabytes is no router's.
+// grows to hundreds of megabytes is not what a router has.
 void empty_log(FILE *log);
 
 // On one processor whoever yields lets the other one run until it waits again.

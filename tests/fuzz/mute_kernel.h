@@ -1,4 +1,4 @@
-// A kernel that takes every request without a word, for fuzzers and soaks that make millions of them. It can be told to
+// A kernel that silently takes every request, for fuzzers and soaks that make millions of them. It can be made to
 // refuse, hands out one message at a time and keeps the daemon's memory in view. Linked through the linker's --wrap.
 #pragma once
 
@@ -51,7 +51,7 @@ void play(const std::function<void()> &daemon_code);
 // Releases the blocks and streams that the daemon has lost on purpose. Returns how many blocks there were.
 std::size_t release_what_is_lost();
 
-// Ends the program with a word on standard error, so that the fuzzer keeps the input.
+// Ends the program with a message on standard error, so that the fuzzer keeps the input.
 [[noreturn]] void fail(const std::string &what);
 
 } // namespace mute

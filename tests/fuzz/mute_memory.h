@@ -18,7 +18,7 @@ extern memory_use MemoryUse;
 // never asks for more than its pools and a frame.
 void *take_block(std::size_t size);
 
-// Ends the program with a word when the daemon does not have such a block.
+// Ends the program with a message when the daemon does not have such a block.
 void give_back_block(void *block);
 
 // Takes all blocks back. Returns how many there were.

@@ -55,7 +55,11 @@ def memberships(lab, interface, node="router"):
 
 
 def wanted_sources(lab, group, interface="wan0", node="router"):
-    """The sources that the node's membership of a group asks for; empty for an any-source membership."""
+    """The sources that the node's membership of a group asks for, if any are seen.
+
+    The kernel lists an interface only while its newest membership has sources, so an empty set says nothing: that a
+    membership is for all sources, or is over, shows in the reports on the wire.
+    """
     sources = set()
     for line in read_table(lab, "mcfilter6", node).splitlines()[1:]:
         _index, device, mcast, source, include, _exclude = line.split()

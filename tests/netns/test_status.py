@@ -105,7 +105,7 @@ def test_watch_waits_for_the_daemon_to_come_back(lab):
     watcher = laboratory.start(lab, "router", STATUS, "--watch", "1")
     laboratory.wait_for(lambda: "INTERFACE" in laboratory.log_of(watcher), what="first table")
     assert laboratory.stop(daemon) == 0
-    laboratory.wait_for(lambda: "tarnwick does not run here" in laboratory.log_of(watcher), what="word of the end")
+    laboratory.wait_for(lambda: "tarnwick does not run here" in laboratory.log_of(watcher), what="message about the end")
     proxy.start_daemon(lab)
     seen = laboratory.log_of(watcher).count("INTERFACE")
     laboratory.wait_for(lambda: laboratory.log_of(watcher).count("INTERFACE") > seen, what="table of the new daemon")

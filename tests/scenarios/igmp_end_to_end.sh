@@ -52,7 +52,7 @@ watch() {
 
 times_on_wire() { grep -c "$2" "$lab_folder/$1.wire.log"; }
 
-# on_wire INTERFACE PATTERN [COUNT]: that many such messages, one unless told otherwise.
+# on_wire INTERFACE PATTERN [COUNT]: that many such messages, one by default.
 on_wire() { [ "$(times_on_wire "$1" "$2")" -ge "${3:-1}" ]; }
 
 hears_version_2() { ip netns exec "$1" grep -q "eth0 .* V2$" /proc/net/igmp; }

@@ -280,7 +280,11 @@ std::string ioctl_text(int descriptor, unsigned long request, const void *argume
   }
   if (request == SIOCDEVPRIVATE || request == SIOCDEVPRIVATE + 1) {
     constexpr std::size_t map_record_bytes = 24;
-    return start + " " + name + " record=" + hex_text(value.ifr_data, map_record_bytes);
+    ifreq expected{};
+    name.copy(expected.ifr_name, IFNAMSIZ);
+    expected.ifr_data = value.ifr_data;
+    return start + " " + name + " record=" + hex_text(value.ifr_data, map_record_bytes) +
+           raw_unless_equal(value, expected);
   }
   return start + " " + name;
 }

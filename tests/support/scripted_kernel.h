@@ -1,5 +1,5 @@
 // A kernel that answers by script. The linker sends the daemon's requests here (see CMakeLists.txt); each becomes one
-// line of the transcript, in order with the lines that the daemon logs. Outside `run` everything reaches the real
+// line of the transcript, in order with the lines that the daemon logs. Outside `run` everything goes to the real
 // system, so the test program itself works as usual.
 //
 // Lines of the transcript
@@ -47,7 +47,7 @@ struct message {
 
 // One return of select.
 struct wake_up {
-  std::vector<int> ready; // descriptors left in the set
+  std::vector<int> ready; // descriptors left in the set; of a failed wait: if there are none, the set stays as it was
   int result = 0;         // count to report; 0: as many as are ready; -1: fails with `error`
   int error = 0;
   std::vector<int> signals = {}; // handlers run before select returns
@@ -71,10 +71,11 @@ struct kernel {
   std::deque<wake_up> wake_ups;
   std::deque<int> signals_in_blocked_read; // a read of the empty pipe runs these handlers until something is there
   int next_socket = FIRST_NEW_SOCKET;      // what socket() returns; tests that select on it give one that fits a set
-  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is no failure
+  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is not a failure
   int fork_result = 0;
-  std::map<int, std::string> names; // of descriptors, for the transcript
-  std::string directory;            // stands for /tmp: files the daemon opens land here
+  std::map<int, std::string> names;                    // of descriptors, for the transcript
+  std::function<void(const std::string &)> on_request; // sees each request before it is answered
+  std::string directory;                               // stands for /tmp: files the daemon opens land here
 
   // For sweeps: fail request number `fail_at` (counted from 1 over requests, allocations, opens and commands) and,
   // if `fail_rest`, all later ones.
@@ -87,6 +88,8 @@ struct kernel {
   std::vector<std::string> transcript;
   std::vector<std::vector<std::uint8_t>> frames; // bytes of each sendto
   std::vector<std::string> commands;             // of system()
+  std::vector<std::string> closed_files;         // names of the files closed, in order
+  std::vector<std::uint8_t> receive_buffer;      // of the last recvmsg, as the daemon offered it
   std::map<int, sighandler_t> handlers;
   std::string output;             // standard output as it was written, log prefixes included
   std::vector<std::string> made;  // all that a sweep can fail: the requests, and "malloc(36)"

@@ -9,7 +9,7 @@ namespace {
 
 using namespace scripted;
 
-struct igmp_discovery_4to6 : igmp_discovery {
+struct igmp_discovery_4to6 : igmp_discovery_fixture {
   igmp_discovery_4to6() {
     ProxyMode = PROXY_MODE_4TO6;
     MldPrefix = scripted::address("ff0e:1:2:3:4:5::");
@@ -98,6 +98,12 @@ TEST_F(igmp_discovery_4to6, requests_for_the_lan_interface_name_the_translator) 
   ASSERT_EQ(joins.size(), 1u);
   EXPECT_NE(joins[0].find(" ifindex=9"), std::string::npos);
   EXPECT_EQ(found("br0")->vif_index, 3);
+}
+
+TEST_F(igmp_discovery_4to6, device_of_a_mif_is_what_its_name_stands_for) {
+  given_failure("if_nametoindex(br0)", ENODEV); // renamed since its index was asked for
+  EXPECT_EQ(discover(), 0);
+  then_in_order({"if_nametoindex(br0)", mif_request(3, 0)});
 }
 
 TEST_F(igmp_discovery_4to6, refused_mif_gives_back_an_index_that_a_downstream_interface_never_had) {

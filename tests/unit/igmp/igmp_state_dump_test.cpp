@@ -2,6 +2,7 @@
 #include "core/state_dump.h"
 
 #include "fixture.h"
+#include "mld/mld_router.h"
 
 #include <cerrno>
 

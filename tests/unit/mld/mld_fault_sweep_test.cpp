@@ -6,12 +6,12 @@
 #include "core/memory.h"
 #include "core/start_up.h"
 #include "core/state_dump.h"
+#include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_receive.h"
 #include "mld/mld_shutdown.h"
 #include "mld/mld_timers.h"
 #include "tests/support/invariants.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <cerrno>
 #include <csignal>

@@ -146,7 +146,7 @@ TEST_F(mld_host_table, deleted_record_leaves_the_table_for_good) {
                       "ff0e::1 fe80::b ::",
                   });
   EXPECT_EQ(length(MldRouter.free_hosts), MLD_HOST_POOL_SIZE - 5);
-  EXPECT_EQ(hosts_deleted(), 1);
+  EXPECT_EQ(hosts_deleted, 1);
 }
 
 TEST_F(mld_host_table, deleting_any_source_of_any_host_takes_the_first_record_of_the_group) {

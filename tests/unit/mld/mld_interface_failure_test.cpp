@@ -7,6 +7,8 @@ namespace {
 
 using namespace scripted;
 
+using mld_discovery = mld_discovery_fixture;
+
 TEST_F(mld_discovery, flags_that_cannot_be_set_do_not_matter) {
   given_downstream({"br0"});
   given_failure("ioctl(net iface, SIOCSIFFLAGS)", EPERM, 2);

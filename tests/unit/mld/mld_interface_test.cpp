@@ -7,6 +7,8 @@ namespace {
 
 using namespace scripted;
 
+using mld_discovery = mld_discovery_fixture;
+
 TEST_F(mld_discovery, upstream_alone_is_enough) {
   when_discovered();
   then(opened + upstream_found + closed);

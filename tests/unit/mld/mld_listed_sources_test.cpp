@@ -109,7 +109,7 @@ TEST_F(mld_listed_sources_join, queries_of_a_group_being_checked_go_back_but_its
   given_checking(group, 2, 5);
   when_joined({"2001:db8::1"});
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 350, 5, 0), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .retransmit = 5}), slot_line("2001:db8::1")});
 }
 
 TEST_F(mld_listed_sources_join, record_without_sources_only_counts) {
@@ -118,7 +118,8 @@ TEST_F(mld_listed_sources_join, record_without_sources_only_counts) {
   group->group_timer = 2;
   when_joined({});
   then({});
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 5, 1), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 5, .queries = 1}),
+                    slot_line("2001:db8::1")});
   EXPECT_EQ(br0->join_count, 1u);
 }
 

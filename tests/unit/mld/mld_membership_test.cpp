@@ -1,8 +1,8 @@
 #include "mld/mld_membership.h"
 
+#include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_options.h"
-#include "tests/support/proxy_fixture.h"
 #include "tests/support/request_text.h"
 
 #include <cerrno>
@@ -146,7 +146,7 @@ TEST_F(mld_membership, source_is_joined_upstream_and_forwarded_to_its_interface)
   });
 }
 
-TEST_F(mld_membership, group_that_is_no_multicast_address_is_refused_without_a_request) {
+TEST_F(mld_membership, group_that_is_not_a_multicast_address_is_refused_without_a_request) {
   mld_group *group = given_group(br0, "fe0e::1", {"2001:db8::1"});
   when([&] { mldv2_add_src_membership(group, address("2001:db8::1")); });
   then({logged_error(add_source, "Group address is not IPv6 multicast address: " + log_text("fe0e::1"))});

@@ -4,8 +4,8 @@
 #include "mld/mld_query_frame.h"
 
 #include "core/settings.h"
+#include "fixture.h"
 #include "mld/mld_query.h"
-#include "tests/support/proxy_fixture.h"
 #include "tests/support/request_text.h"
 
 namespace {

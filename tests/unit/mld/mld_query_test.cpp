@@ -1,8 +1,8 @@
 #include "mld/mld_query.h"
 
 #include "core/memory.h"
+#include "fixture.h"
 #include "mld/mld_group.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <algorithm>
 #include <cerrno>

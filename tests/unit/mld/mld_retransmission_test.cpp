@@ -1,9 +1,9 @@
 #include "mld/mld_retransmission.h"
 
+#include "fixture.h"
 #include "mld/mld_filter.h"
 #include "mld/mld_group.h"
 #include "mld/mld_leave.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -74,6 +74,16 @@ TEST_F(mld_shutdown, frees_every_record_and_leaves_empty_lists) {
   then_anything();
 }
 
+TEST_F(mld_shutdown, hosts_of_every_interface_go_back_the_upstream_ones_too) {
+  for (mld_interface *intr : {wan0, br0, lan1}) {
+    when([&] { mld_router_host_add(intr, address("ff0e::1"), address("fe80::99"), In6AddrAny); });
+  }
+  EXPECT_EQ(length(MldRouter.free_hosts), MLD_HOST_POOL_SIZE - 3);
+  when_stopped();
+  then_in_order({logged_debug(stop, "No memory leaks detected.")});
+  EXPECT_EQ(free_counter, malloc_counter);
+}
+
 TEST_F(mld_shutdown, memory_report_names_all_bytes_ever_used) {
   when_stopped();
   const std::size_t used =

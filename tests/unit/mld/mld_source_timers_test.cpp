@@ -1,7 +1,7 @@
 // Sources that run out by themselves while their group has members.
+#include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_timers.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <algorithm>
 #include <cerrno>

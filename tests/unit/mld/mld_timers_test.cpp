@@ -1,9 +1,10 @@
-// Ticks of one second, with the proxy of proxy_test.h: lan1 comes before br0 in each pass.
+// Ticks of one second, with the proxy of fixture.h: lan1 comes before br0 in each pass.
 #include "mld/mld_timers.h"
 
 #include "core/memory.h"
+#include "fixture.h"
 #include "mld/mld_group.h"
-#include "tests/support/proxy_fixture.h"
+#include "mld/mld_query.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -125,6 +126,26 @@ TEST_F(mld_timers, querier_role_comes_back_301_passes_after_the_last_foreign_que
   when_ticked_in_silence(1);
   EXPECT_EQ(br0->is_querier, 1u);
   then_anything();
+}
+
+// Only 0 keeps a query back; only 1 runs the timer of the next one. `run`, not `when`: no code sets such a role, and
+// the invariants say so.
+TEST_F(mld_timers, querier_role_other_than_0_and_1_waits_like_a_non_querier_and_answers_leaves) {
+  given_silence();
+  br0->is_querier = 2;
+  br0->query_timer = 0;
+  br0->other_querier_timer = 5;
+  run(mld_router_timer_expired);
+  then({logged_debug(timer, "Querier Present Timer = 5")});
+  EXPECT_EQ(br0->is_querier, 2);
+  EXPECT_EQ(br0->query_timer, 0);
+  run([&] { mld_router_v2_send_query(br0, 100, address("ff0e::1")); });
+  then_in_order({logged_debug("mld_router_v2_send_query", "[QUERY] group: " + log_text("ff0e::1"))});
+  EXPECT_EQ(Kernel.frames.size(), 1u);
+  br0->other_querier_timer = 0;
+  when_ticked();
+  then_anything();
+  EXPECT_EQ(br0->is_querier, 1);
 }
 
 TEST_F(mld_timers, query_timer_rests_while_another_router_is_querier) {

@@ -55,10 +55,11 @@ TEST_F(mld_unlink_failure, silent_group_is_tried_again_in_the_next_pass) {
   when_ticked_quietly();
   then_in_order(
       {logged_error("mld_router_group_timer_expired", "Group Removal of " + log_text("ff0e::1") + " unsuccesful.")});
-  then_groups(br0, {group_line("ff0e::1", 1, 0), group_line("ff0e::2")}); // the second one was not looked at
+  then_groups(
+      br0, {group_line({.group = "ff0e::1", .timer = 0}), group_line("ff0e::2")}); // the second one was not looked at
   when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1"));
-  then_groups(br0, {group_line("ff0e::2", 1, 349)});
+  then_groups(br0, {group_line({.group = "ff0e::2", .timer = 349})});
 }
 
 TEST_F(mld_unlink_failure, group_that_nobody_wants_is_tried_again_in_the_next_pass) {
@@ -68,10 +69,10 @@ TEST_F(mld_unlink_failure, group_that_nobody_wants_is_tried_again_in_the_next_pa
   when_ticked_quietly();
   then_in_order({logged_error("mld_router_retransmit_timer_expired",
                               "Group Removal of " + log_text("ff0e::1") + " unsuccesful.")});
-  then_groups(br0, {group_line("ff0e::1", 2), group_line("ff0e::2")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2}), group_line("ff0e::2")});
   when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1"));
-  then_groups(br0, {group_line("ff0e::2", 1, 349)});
+  then_groups(br0, {group_line({.group = "ff0e::2", .timer = 349})});
 }
 
 } // namespace

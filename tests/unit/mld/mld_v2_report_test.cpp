@@ -87,11 +87,13 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
       {1,
        {},
        "MLD2_MODE_IS_INCLUDE",
-       {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 0)}},
+       {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0),
+        slot_line("2001:db8::2", 0)}},
       {3,
        {},
        "MLD2_CHANGE_TO_INCLUDE",
-       {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 0)}},
+       {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0),
+        slot_line("2001:db8::2", 0)}},
       {1,
        {"2001:db8::1"},
        "MLD2_MODE_IS_INCLUDE",
@@ -115,7 +117,7 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
       {5,
        {},
        "MLD2_ALLOW_NEW_SOURCES",
-       {group_line("ff0e::1", 1, 7), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
+       {group_line({.group = "ff0e::1", .timer = 7}), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
       {5,
        {"2001:db8::3"},
        "MLD2_ALLOW_NEW_SOURCES",
@@ -123,11 +125,12 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
       {6,
        {},
        "MLD2_BLOCK_OLD_SOURCES",
-       {group_line("ff0e::1", 1, 7), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
+       {group_line({.group = "ff0e::1", .timer = 7}), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
       {6,
        {"2001:db8::1"},
        "MLD2_BLOCK_OLD_SOURCES",
-       {group_line("ff0e::1", 2, 2, 1, 1), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
+       {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 1, .queries = 1}),
+        slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
   };
   for (const auto &given : rows) {
     SCOPED_TRACE(testing::Message() << given.name << " with " << given.sources.size() << " sources");
@@ -310,7 +313,7 @@ TEST_F(mld_v2_report, address_that_is_no_multicast_group_is_recorded_but_not_joi
 }
 
 // Reports of random bytes around a few real groups and hosts, with ticks in between: whatever arrives, no record is
-// lost and no slot overrun (checked after each step), and the pools are never more than dry.
+// lost and no slot overrun (checked after each step), and a pool is never more than empty.
 TEST_F(mld_v2_report, random_reports_lose_no_record) {
   std::mt19937 random(20240501); // NOLINT: the same reports in every run
   const auto number = [&random](unsigned int below) { return random() % below; };
