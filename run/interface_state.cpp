@@ -37,10 +37,11 @@ bool ask(unsigned long what, ifreq &request) {
   return is_done;
 }
 
-void find_link_local(const interface_name &name, const in6_addr &preferred, interface_state &state) {
+// A kernel without IPv6 has no such table, and no address.
+bool find_link_local(const interface_name &name, const in6_addr &preferred, interface_state &state) {
   FILE *table = std::fopen(address_table, "re");
   if (table == nullptr) {
-    return;
+    return errno == ENOENT;
   }
   table_line line;
   while (std::fgets(line.data(), static_cast<int>(line.size()), table) != nullptr) {
@@ -58,6 +59,7 @@ void find_link_local(const interface_name &name, const in6_addr &preferred, inte
     }
   }
   std::fclose(table);
+  return true;
 }
 
 } // namespace
@@ -85,20 +87,26 @@ bool is_ready_link_local(const if_inet6_row &row, const interface_name &name) {
          std::strcmp(row.name.data(), name.data()) == 0;
 }
 
-interface_state look_at_interface(const interface_name &name, const in6_addr &preferred) {
-  interface_state state{};
+bool look_at_interface(const interface_name &name, const in6_addr &preferred, interface_state &state) {
+  interface_state seen{};
   ifreq request = request_for(name);
-  if (!ask(SIOCGIFINDEX, request)) {
-    return state;
+  bool is_there = ask(SIOCGIFINDEX, request);
+  if (is_there) {
+    seen.index = static_cast<std::uint32_t>(request.ifr_ifindex);
+    request = request_for(name);
+    is_there = ask(SIOCGIFFLAGS, request);
+    seen.flags = static_cast<std::uint16_t>(request.ifr_flags);
   }
-  state.index = static_cast<std::uint32_t>(request.ifr_ifindex);
-  request = request_for(name);
-  if (!ask(SIOCGIFFLAGS, request)) {
-    return interface_state{};
+  if (!is_there) {
+    if (errno != ENODEV) {
+      return false;
+    }
+    seen = {};
+  } else if (!find_link_local(name, preferred, seen)) {
+    return false;
   }
-  state.flags = static_cast<std::uint16_t>(request.ifr_flags);
-  find_link_local(name, preferred, state);
-  return state;
+  state = seen;
+  return true;
 }
 
 bool is_up(const interface_state &state) { return state.index != 0 && (state.flags & IFF_UP) != 0; }

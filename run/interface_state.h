@@ -27,7 +27,8 @@ bool parse_if_inet6(const char *line, if_inet6_row &row);
 bool is_ready_link_local(const if_inet6_row &row, const interface_name &name);
 
 // Asks the kernel. Of several link-local addresses it takes `preferred` if that is among them, the first otherwise.
-interface_state look_at_interface(const interface_name &name, const in6_addr &preferred);
+// False if the kernel could not be asked (no memory, no descriptor); `state` is unchanged then.
+bool look_at_interface(const interface_name &name, const in6_addr &preferred, interface_state &state);
 
 bool is_up(const interface_state &state);
 bool is_same_address(const in6_addr &left, const in6_addr &right);

@@ -1,6 +1,7 @@
 #include "run/programs.h"
 
 #include "run/child_process.h"
+#include "run/linkage.h"
 #include "run/report.h"
 #include "run/runtime_folder.h"
 
@@ -105,6 +106,10 @@ bool find_programs(const run_options &options) {
     return false;
   }
   find_flush_library(options, folder);
+  if (FlushLibrary[0] != '\0' && !loads_libraries(DaemonProgram.data())) {
+    say("%s is linked statically: lines of the log come in blocks, and queries hold it", DaemonProgram.data());
+    FlushLibrary = {};
+  }
   return true;
 }
 

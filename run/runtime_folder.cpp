@@ -76,7 +76,11 @@ bool open_runtime_folder(const run_options &options) {
     say_refused(errno, "cannot make the folder %s", Folder.data());
     return false;
   }
-  return take_lock(options);
+  if (!take_lock(options)) {
+    rmdir(Folder.data()); // refused while another supervisor's lock is there
+    return false;
+  }
+  return true;
 }
 
 file_path path_in_runtime_folder(const char *name) {

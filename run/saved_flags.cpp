@@ -45,7 +45,11 @@ void restore(const saved_flags &note) {
   if (if_indextoname(note.index, name.data()) == nullptr) {
     return; // gone, and its flags with it
   }
-  const interface_state now = look_at_interface(name, in6_addr{});
+  interface_state now{};
+  if (!look_at_interface(name, in6_addr{}, now)) {
+    say_refused(errno, "cannot ask for the flags of %s", name.data());
+    return;
+  }
   const auto wanted = static_cast<std::uint16_t>((now.flags & ~proxy_flags) | note.flags);
   if (now.index != note.index || now.flags == wanted) {
     return;

@@ -39,9 +39,10 @@ void fill_served_interfaces(const run_options &options, served_interfaces &serve
   }
 }
 
-void look_at_served_interfaces(served_interfaces &served, std::int64_t now_ms) {
+bool look_at_served_interfaces(served_interfaces &served, std::int64_t now_ms) {
+  bool is_every_answer_there = true;
   for (served_interface &one : every(served)) {
-    one.now = look_at_interface(one.name, one.given.link_local);
+    is_every_answer_there = look_at_interface(one.name, one.given.link_local, one.now) && is_every_answer_there;
     const bool lacks_address = is_up(one.now) && !is_ready(served, one);
     if (!lacks_address) {
       one.not_ready_since_ms = never;
@@ -49,6 +50,7 @@ void look_at_served_interfaces(served_interfaces &served, std::int64_t now_ms) {
       one.not_ready_since_ms = now_ms;
     }
   }
+  return is_every_answer_there;
 }
 
 bool is_ready(const served_interfaces &served, const served_interface &one) {

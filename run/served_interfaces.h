@@ -31,8 +31,8 @@ enum class difference {
 
 void fill_served_interfaces(const run_options &options, served_interfaces &served);
 
-// Asks the kernel about each.
-void look_at_served_interfaces(served_interfaces &served, std::int64_t now_ms);
+// Asks the kernel about each. False if it could not be asked about one, of which the last state is kept.
+bool look_at_served_interfaces(served_interfaces &served, std::int64_t now_ms);
 
 // Whether the daemon can be started with it: it is up and, where the daemon itself uses it, has its link-local address.
 bool is_ready(const served_interfaces &served, const served_interface &one);

@@ -317,6 +317,23 @@ std::int64_t advance_run(std::int64_t now_ms) {
   return next_ms;
 }
 
+std::int64_t advance_phase(std::int64_t now_ms) {
+  switch (Supervisor.phase) {
+  case supervisor_phase::waiting:
+    return advance_waiting(now_ms);
+  case supervisor_phase::preparing:
+    return prepare_network(now_ms);
+  case supervisor_phase::starting:
+  case supervisor_phase::serving:
+    return advance_run(now_ms);
+  case supervisor_phase::stopping:
+    return advance_stop(now_ms);
+  case supervisor_phase::ended:
+    break;
+  }
+  return NEVER_MS;
+}
+
 end_facts facts_of_start() {
   end_facts facts{};
   facts.network = Supervisor.options->network;
@@ -348,21 +365,9 @@ bool begin_supervision(const run_options &options) {
 }
 
 std::int64_t advance_supervision(std::int64_t now_ms) {
-  look_at_served_interfaces(Supervisor.served, now_ms);
-  switch (Supervisor.phase) {
-  case supervisor_phase::waiting:
-    return advance_waiting(now_ms);
-  case supervisor_phase::preparing:
-    return prepare_network(now_ms);
-  case supervisor_phase::starting:
-  case supervisor_phase::serving:
-    return advance_run(now_ms);
-  case supervisor_phase::stopping:
-    return advance_stop(now_ms);
-  case supervisor_phase::ended:
-    break;
-  }
-  return NEVER_MS;
+  const bool is_every_answer_there = look_at_served_interfaces(Supervisor.served, now_ms);
+  const std::int64_t next_ms = advance_phase(now_ms);
+  return is_every_answer_there ? next_ms : std::min(next_ms, now_ms + look_later_ms);
 }
 
 void note_end_of_child(pid_t pid, int wait_status, std::int64_t now_ms) {

@@ -5,7 +5,7 @@ import re
 
 from programs import PROJECT
 
-FOLDERS = ("core", "mld", "igmp", "platform", "assist", "status")
+FOLDERS = ("core", "mld", "igmp", "platform", "assist", "run", "status")
 LITERAL = r'"(?:[^"\\]|\\.)*"'
 PREFIX = re.compile(r"^[EDI]:(?:main|mld |igmp):\S+\s*#\s*\d+: ")
 CONVERSION = r"%[-0-9.*]*(?:hh|h|ll|l|z)?[a-zA-Z]"

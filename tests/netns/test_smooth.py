@@ -1,17 +1,20 @@
 """The daemon under libtarnwick-smooth.so: same frames, same answers of the kernel, no wait for it, a current log."""
 
 import json
+import pathlib
 import socket
 import subprocess
 import sys
+import sysconfig
 
 import pytest
 
 import kernel_view
 import namespaces
+import supervisor
 from frames import report
 from kernel_view import ANY
-from laboratory import BR0_LINK_LOCAL, PROGRAMS, S1, S2, run, start, stop, wait_for
+from laboratory import BR0_LINK_LOCAL, PROGRAMS, S1, S2, log_of, run, start, stop, wait_for
 from proxy import DAEMON, SMOOTH, USUAL_OPTIONS, environment_of, preloading, start_companion, wait_until_listening
 from traffic import ETH_P_ALL, MLD_QUERY, listen, send_frame, to_mld, wait_until_all_is_said
 
@@ -169,3 +172,47 @@ def test_kernel_answers_as_without_the_library(before):
     assert said("env", f"LD_PRELOAD={PROGRAMS}/libtarnwick-smooth.so") == plain
     assert ("EPERM" in plain) == bool(before)
     assert "EMFILE" in plain or before
+
+
+MUSL_WITHOUT_CXX = ("-x", "c++", "-nostdinc++", "-idirafter", "/usr/include", "-idirafter",
+                    f"/usr/include/{sysconfig.get_config_var('MULTIARCH')}")
+SOURCES = pathlib.Path(__file__).parents[2]
+
+
+@pytest.mark.parametrize("compiler, options", [("g++", ()), ("musl-gcc", MUSL_WITHOUT_CXX)], ids=["glibc", "musl"])
+def test_library_works_with_either_c_library(tmp_path, compiler, options):
+    """musl has no C++ headers here, and the library needs two names of them."""
+    (tmp_path / "cstdio").write_text("#include <stdio.h>\nnamespace std { using ::size_t; }\n")
+    library, user = tmp_path / "library.so", tmp_path / "user"
+    here = ("-isystem", tmp_path) if options else ()
+    subprocess.run([compiler, *options, *here, "-std=c++20", "-D_GNU_SOURCE", "-fno-exceptions", "-fno-rtti",
+                    "-fno-threadsafe-statics", "-fPIC", "-shared", SOURCES / "run" / "smooth" / "smooth.cpp",
+                    "-o", library], check=True)
+    subprocess.run([compiler.replace("g++", "gcc"), SOURCES / "tests" / "netns" / "tools" / "wait_and_ask.c", "-o",
+                    user], check=True)
+
+    def said(*words):
+        done = subprocess.run(["unshare", "--net", *words, user], capture_output=True, text=True, check=True)
+        sockets = [line.split()[3] for line in done.stderr.splitlines()[1:]]
+        return "line before the wait\n" in done.stdout, sockets
+
+    assert said() == (False, [])
+    assert said("env", f"LD_PRELOAD={library}") == (True, ["0000"])
+
+
+def test_join_and_leave_are_a_few_lines_of_tarnwick_runs_log(lab):
+    program = supervisor.start(lab, "--log=info")
+    listener = listen(lab, "host1", GROUP)
+    supervisor.wait_for_line(program, "MFC Entry will be created for iface:br0.")
+    wait_until_all_is_said(listener)
+    stop(listener)
+    supervisor.wait_for_line(program, "Set group timer to 2")
+    said = [line.split(": ", 1)[1] for line in log_of(program).splitlines() if line.startswith("D:mld :")]
+    address = "ff0e:0000:0000:0000:0000:0001:0002:0003"
+    host = "[PACKET] host      : fe80:0000:0000:0000:0000:00ff:fe00:0101"
+    about_the_group = said[said.index(host):]
+    assert about_the_group[:4] == [host, f"[PACKET] group     : {address}", f"add the gernel mcast {address}",
+                                   "MFC Entry will be created for iface:br0."]
+    # What the host repeats, and answers to the first query, changes nothing.
+    assert about_the_group[4:7] == [host, f"[PACKET] group     : {address}", "Set group timer to 2"]
+    assert stop(program, DEADLINE_S) == 0
