@@ -32,7 +32,7 @@ def test_stream_flows_and_nothing_is_left_after_the_end(lab):
 
 
 def test_hundred_starts_and_stops_leave_nothing(lab):
-    for i in range(int(os.environ.get("TARNWICK_RUN_STARTS", "20"))):
+    for i in range(int(os.environ.get("TARNWICK_RUN_STARTS", "100"))):
         supervised = supervisor.start(lab, wait=i % 2 == 0)
         wait_for((lab.router_tmp / "run" / "br0" / "lock").exists, DEADLINE_S, "its folder")
         assert stop(supervised, deadline_s=20) == 0
