@@ -142,7 +142,17 @@ void handle_for(watched_interface &watched, const notification &told) {
 
 } // namespace
 
+const watched_interface *find_downstream(std::uint32_t index) {
+  for (const watched_interface &watched : watched_interfaces()) {
+    if (!watched.is_upstream && watched.index != 0 && watched.index == index) {
+      return &watched;
+    }
+  }
+  return nullptr;
+}
+
 void start_watch(const assist_options &options, int routing_socket) {
+  choose_remedies(options.without);
   InterfaceWatch = {};
   InterfaceWatch.routing_socket = routing_socket;
   watch(options.upstream, true);

@@ -25,6 +25,9 @@ struct interface_watch {
 
 extern interface_watch InterfaceWatch;
 
+// The downstream interface that has this index now, or null.
+const watched_interface *find_downstream(std::uint32_t index);
+
 // Fills the table and does what can be done already. Notifications must be coming in before this looks.
 void start_watch(const assist_options &options, int routing_socket);
 

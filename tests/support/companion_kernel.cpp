@@ -31,6 +31,18 @@ std::string option_name(int level, int option) {
       return "MRT6_ADD_MFC";
     case MRT6_DEL_MFC:
       return "MRT6_DEL_MFC";
+    case IPV6_RECVPKTINFO:
+      return "IPV6_RECVPKTINFO";
+    case IPV6_RECVHOPLIMIT:
+      return "IPV6_RECVHOPLIMIT";
+    case IPV6_RECVHOPOPTS:
+      return "IPV6_RECVHOPOPTS";
+    case IPV6_HOPOPTS:
+      return "IPV6_HOPOPTS";
+    case IPV6_MULTICAST_HOPS:
+      return "IPV6_MULTICAST_HOPS";
+    case IPV6_MULTICAST_LOOP:
+      return "IPV6_MULTICAST_LOOP";
     }
   }
   if (level == SOL_NETLINK && option == NETLINK_ADD_MEMBERSHIP) {
@@ -42,9 +54,28 @@ std::string option_name(int level, int option) {
   return std::to_string(level) + "/" + std::to_string(option);
 }
 
+std::string hex_text(const std::uint8_t *bytes, std::size_t length) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < length; ++i) {
+    text += i % 2 == 0 ? " " : "";
+    text += {digits[bytes[i] >> 4], digits[bytes[i] & 0x0f]};
+  }
+  return text;
+}
+
 std::string address_text(const in6_addr &address) {
   char text[INET6_ADDRSTRLEN];
   return inet_ntop(AF_INET6, &address, text, sizeof(text));
+}
+
+// The types that an ICMPv6 filter lets in, of those that the programs could want.
+std::string filter_text(const icmp6_filter &filter) {
+  std::string text = " lets in";
+  for (int type = 0; type < 256; ++type) {
+    text += ICMP6_FILTER_WILLPASS(type, &filter) ? " " + std::to_string(type) : "";
+  }
+  return text;
 }
 
 std::string value_text(const void *value, socklen_t length) {
@@ -71,7 +102,12 @@ std::string value_text(const void *value, socklen_t length) {
     std::memcpy(&number, value, sizeof(number));
     return " " + std::to_string(number);
   }
-  return length == 0 ? " (nothing)" : "";
+  if (length == sizeof(icmp6_filter)) {
+    icmp6_filter filter;
+    std::memcpy(&filter, value, sizeof(filter));
+    return filter_text(filter);
+  }
+  return length == 0 ? " (nothing)" : hex_text(static_cast<const std::uint8_t *>(value), length);
 }
 
 // Whether the script refuses the call; errno is set then.
@@ -93,6 +129,34 @@ void answer_netconf_question(const std::vector<std::byte> &question) {
       {answer == Kernel.mc_forwarding.end() ? error_message(ENODEV) : netconf_message(index, answer->second)});
 }
 
+template <typename type> void append_control(msghdr &header, int kind, const type *value, std::size_t length) {
+  cmsghdr *control = reinterpret_cast<cmsghdr *>(static_cast<std::byte *>(header.msg_control) + header.msg_controllen);
+  control->cmsg_len = CMSG_LEN(length);
+  control->cmsg_level = IPPROTO_IPV6;
+  control->cmsg_type = kind;
+  std::memcpy(CMSG_DATA(control), value, length);
+  header.msg_controllen += CMSG_SPACE(length);
+}
+
+in6_addr to_address(const std::string &text) {
+  in6_addr address;
+  EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), &address), 1) << text;
+  return address;
+}
+
+// In the order in which the kernel gives them (ip6_datagram_recv_specific_ctl in net/ipv6/datagram.c).
+void write_controls(const scripted_mld &message, msghdr &header) {
+  ASSERT_GE(header.msg_controllen,
+            CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int)) + CMSG_SPACE(message.hop_by_hop.size()));
+  header.msg_controllen = 0;
+  const in6_pktinfo info{to_address(message.destination), message.index};
+  append_control(header, IPV6_PKTINFO, &info, sizeof(info));
+  append_control(header, IPV6_HOPLIMIT, &message.hop_limit, sizeof(message.hop_limit));
+  if (!message.hop_by_hop.empty()) {
+    append_control(header, IPV6_HOPOPTS, message.hop_by_hop.data(), message.hop_by_hop.size());
+  }
+}
+
 lines split(const std::string &text) {
   lines found;
   std::istringstream stream(text);
@@ -111,6 +175,7 @@ int __wrap_setsockopt(int socket, int level, int option, const void *value, sock
 int __wrap_socket(int family, int type, int protocol);
 ssize_t __wrap_send(int socket, const void *bytes, size_t length, int flags);
 ssize_t __wrap_recvfrom(int socket, void *bytes, size_t length, int flags, sockaddr *sender, socklen_t *sender_length);
+ssize_t __wrap_recvmsg(int socket, msghdr *header, int flags);
 unsigned __wrap_if_nametoindex(const char *name);
 int __wrap_clock_gettime(clockid_t clock, timespec *now);
 
@@ -155,6 +220,32 @@ ssize_t __wrap_recvfrom(int, void *bytes, size_t length, int, sockaddr *sender, 
   *sender_length = sizeof(from);
   std::memcpy(bytes, datagram.bytes.data(), std::min(length, datagram.bytes.size()));
   return static_cast<ssize_t>(datagram.bytes.size());
+}
+
+ssize_t __wrap_recvmsg(int, msghdr *header, int flags) {
+  EXPECT_EQ(flags, MSG_DONTWAIT);
+  if (Kernel.mld.empty()) {
+    errno = EAGAIN;
+    return -1;
+  }
+  const scripted_mld message = Kernel.mld.front();
+  Kernel.mld.pop_front();
+  if (message.then) {
+    message.then();
+  }
+  if (message.reason != 0) {
+    errno = message.reason;
+    return -1;
+  }
+  sockaddr_in6 from{};
+  from.sin6_family = AF_INET6;
+  from.sin6_addr = to_address(message.sender);
+  std::memcpy(header->msg_name, &from, sizeof(from));
+  header->msg_namelen = sizeof(from);
+  const std::size_t length = std::min(header->msg_iov[0].iov_len, message.bytes.size());
+  std::memcpy(header->msg_iov[0].iov_base, message.bytes.data(), length);
+  write_controls(message, *header);
+  return static_cast<ssize_t>(length);
 }
 
 unsigned __wrap_if_nametoindex(const char *name) {

@@ -37,7 +37,7 @@ protected:
     EXPECT_EQ(write(stop[1], &received, sizeof(received)), static_cast<ssize_t>(sizeof(received)));
   }
 
-  int run() const { return run_until_stopped(stop[0], notifications[0]); }
+  int run() const { return run_until_stopped({stop[0], notifications[0], -1}); }
 };
 
 } // namespace
@@ -54,6 +54,21 @@ TEST_F(notification_loop, stop_signal_is_heard_during_a_flood) {
   EXPECT_EQ(run(), EXIT_SUCCESS);
   EXPECT_GT(Kernel.datagrams.size(), 900U);
   said();
+}
+
+TEST_F(notification_loop, stop_signal_is_heard_during_a_flood_of_mld_messages) {
+  Kernel.mld.assign(1000, {});
+  Kernel.mld[10].then = [this] { send_stop(); };
+  EXPECT_EQ(run(), EXIT_SUCCESS);
+  EXPECT_GT(Kernel.mld.size(), 900U);
+  said();
+}
+
+TEST_F(notification_loop, useless_mld_socket_ends_with_failure) {
+  Kernel.mld.resize(1);
+  Kernel.mld[0].reason = EBADF;
+  EXPECT_EQ(run(), EXIT_FAILURE);
+  EXPECT_EQ(said(), lines{"cannot read MLD messages: Bad file descriptor"});
 }
 
 TEST_F(notification_loop, useless_notification_socket_ends_with_failure) {
