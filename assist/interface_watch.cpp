@@ -1,5 +1,6 @@
 #include "assist/interface_watch.h"
 
+#include "assist/group_question.h"
 #include "assist/membership.h"
 #include "assist/notification_socket.h"
 #include "assist/report.h"
@@ -13,10 +14,6 @@
 interface_watch InterfaceWatch{};
 
 namespace {
-
-std::span<watched_interface> watched_interfaces() {
-  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
-}
 
 void watch(const interface_name &name, bool is_upstream) {
   watched_interface &added = InterfaceWatch.interfaces[InterfaceWatch.count++];
@@ -32,6 +29,7 @@ void join(watched_interface &downstream) {
     downstream.refusal = 0;
     if (!was_joined) {
       say("joined ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
+      start_querier(downstream);
     }
     return;
   }
@@ -48,8 +46,15 @@ void leave(watched_interface &downstream) {
   if (downstream.is_joined) {
     say("left ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
   }
+  stop_querier(downstream);
   downstream.is_joined = false;
   downstream.refusal = 0;
+}
+
+// The daemon has ended or begins anew.
+void forget_daemon() {
+  handle_mif_released();
+  forget_ends();
 }
 
 void look_for_mif(const watched_interface &upstream) {
@@ -57,7 +62,7 @@ void look_for_mif(const watched_interface &upstream) {
   if (mc_forwarding > 0) {
     handle_mif_registered();
   } else if (mc_forwarding == 0) {
-    handle_mif_released();
+    forget_daemon();
   }
 }
 
@@ -98,6 +103,8 @@ void handle_link(watched_interface &watched, const notification &told) {
     }
     if (watched.index == 0) {
       handle_found(watched, told.index);
+    } else {
+      hurry_querier(watched);
     }
   } else if (watched.index == told.index) { // renamed
     handle_lost(watched);
@@ -113,14 +120,14 @@ void handle_ipv6(watched_interface &watched, const notification &told) {
   } else if (told.mc_forwarding > 0) {
     handle_mif_registered();
   } else if (told.mc_forwarding == 0) {
-    handle_mif_released();
+    forget_daemon();
   }
 }
 
 // Memberships end with the interface's IPv6 side; the MIF may stand on, but nothing is forwarded there.
 void handle_ipv6_gone(watched_interface &watched) {
   if (watched.is_upstream) {
-    handle_mif_released();
+    forget_daemon();
   } else {
     leave(watched);
   }
@@ -142,8 +149,12 @@ void handle_for(watched_interface &watched, const notification &told) {
 
 } // namespace
 
-const watched_interface *find_downstream(std::uint32_t index) {
-  for (const watched_interface &watched : watched_interfaces()) {
+std::span<watched_interface> watched_interfaces() {
+  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
+}
+
+watched_interface *find_downstream(std::uint32_t index) {
+  for (watched_interface &watched : watched_interfaces()) {
     if (!watched.is_upstream && watched.index != 0 && watched.index == index) {
       return &watched;
     }
@@ -151,10 +162,12 @@ const watched_interface *find_downstream(std::uint32_t index) {
   return nullptr;
 }
 
-void start_watch(const assist_options &options, int routing_socket) {
+void start_watch(const assist_options &options, int routing_socket, int mld_socket) {
   choose_remedies(options.without);
   InterfaceWatch = {};
   InterfaceWatch.routing_socket = routing_socket;
+  InterfaceWatch.mld_socket = mld_socket;
+  forget_questions();
   watch(options.upstream, true);
   for (const interface_name &name : std::span{options.downstreams}.first(options.downstream_count)) {
     watch(name, false);
@@ -189,7 +202,11 @@ void handle_notification(const notification &told) {
     return;
   case notification_kind::entry_there:
   case notification_kind::entry_gone:
-    handle_entry_notification(told);
+    if (is_static_entry(told)) {
+      handle_entry_notification(told);
+    } else {
+      handle_group_entry(told);
+    }
     return;
   default:
     if (told.index != 0) {

@@ -1,9 +1,14 @@
 #include "assist/mld_hearing.h"
 
+#include "assist/group_question.h"
 #include "assist/interface_watch.h"
+#include "assist/querier.h"
 
 void handle_mld_message(mld_message &message) {
-  if (find_downstream(message.index) == nullptr) {
+  watched_interface *downstream = find_downstream(message.index);
+  if (downstream == nullptr) {
     return;
   }
+  hear_for_querier(*downstream, message);
+  hear_for_questions(message);
 }

@@ -55,7 +55,7 @@ void add_entry(const char *what_was_done) {
 
 bool is_right(const notification &told) {
   return told.kind == notification_kind::entry_there && told.input == StaticEntry.index && told.output_count == 1 &&
-         told.output == StaticEntry.index;
+         told.outputs == output_bit(StaticEntry.index);
 }
 
 bool may_repair_now() {

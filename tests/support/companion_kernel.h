@@ -37,6 +37,9 @@ struct scripted_kernel {
   std::map<std::string, std::deque<int>> refusals; // by name of the option or call; 0 = accepted
   std::map<unsigned, std::int32_t> mc_forwarding;  // what is answered to RTM_GETNETCONF, by index
   std::deque<scripted_datagram> datagrams;         // then EAGAIN
+  std::map<unsigned, std::string> own_addresses;   // what is sent from, by interface index
+  std::vector<std::string> entries;                // "ORIGIN GROUP" of the forwarding cache
+  std::vector<std::vector<std::uint8_t>> queries;  // bytes of what was sent by sendmsg
   std::deque<scripted_mld> mld;                    // then EAGAIN
   std::vector<std::string> requests;
   std::vector<std::vector<std::byte>> sent;
