@@ -23,6 +23,8 @@ LOWER = "fe80::1"
 FAST = 10  # ticks per second, and how much faster the companion's clock runs
 PER_SECOND = 50
 VIEWING_S = 60  # 600 ticks: nothing that is not refreshed lives longer than 360
+# Four bytes to the router alone are enough for the daemon to fall silent for 300 s.
+SILENCER = Ether(dst=BR0_MAC) / IPv6(src="::", dst=BR0_LINK_LOCAL, hlim=255) / ICMPv6Unknown(type=130)
 LOST_IN_REFRESHES = 4  # a refresh of a group for all sources takes its entry away for a moment
 
 
@@ -71,9 +73,7 @@ def lost_with_and_without(make_lab, without, frame, every_s):
 
 
 def test_silenced_querier_darkens_nobody(make_lab, record_property):
-    """Four bytes to the router alone are enough for the daemon to fall silent for 300 s."""
-    silencer = (Ether(dst=BR0_MAC) / IPv6(src="::", dst=BR0_LINK_LOCAL, hlim=255) / ICMPv6Unknown(type=130))
-    healed, dark = lost_with_and_without(make_lab, ["general-queries", "ask-after-end"], silencer, every_s=20)
+    healed, dark = lost_with_and_without(make_lab, ["general-queries", "ask-after-end"], SILENCER, every_s=20)
     record_property("lost", f"{healed}, without the remedy {dark} of {PER_SECOND * VIEWING_S}")
     assert healed <= LOST_IN_REFRESHES
     assert dark >= 10 * PER_SECOND
