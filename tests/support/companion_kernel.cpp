@@ -115,6 +115,12 @@ std::string value_text(const void *value, socklen_t length) {
 
 // Whether the script refuses the call; errno is set then.
 bool is_refused(const std::string &call) {
+  ++Kernel.calls;
+  const planned_failure &planned = Kernel.failures;
+  if (planned.is_armed && (Kernel.calls == planned.number || (planned.fails_rest && Kernel.calls > planned.number))) {
+    errno = planned.reason;
+    return true;
+  }
   std::deque<int> &script = Kernel.refusals[call];
   if (script.empty()) {
     return false;
@@ -317,7 +323,8 @@ int __wrap_ioctl(int socket, unsigned long request, void *argument) {
   sioc_sg_req6 asked;
   std::memcpy(&asked, argument, sizeof(asked));
   const std::string entry = to_text(asked.src.sin6_addr) + " " + to_text(asked.grp.sin6_addr);
-  const bool is_there = std::find(Kernel.entries.begin(), Kernel.entries.end(), entry) != Kernel.entries.end();
+  const bool is_there = !is_refused("SIOCGETSGCNT_IN6") &&
+                        std::find(Kernel.entries.begin(), Kernel.entries.end(), entry) != Kernel.entries.end();
   errno = is_there ? errno : EADDRNOTAVAIL;
   return is_there ? 0 : -1;
 }
