@@ -10,9 +10,8 @@ def costs_of(figures):
     costs = {}
     for figure in figures:
         if figure.topic == "report":
-            kind, variant, groups = figure.name.rsplit(", ", 2)
-            unit = costs.setdefault((kind, "floor", int(groups)), figure.floor)
-            costs[kind, variant, int(groups)] = figure.value / figure.floor * unit
+            unit = costs.setdefault((figure.kind, "floor", figure.groups), figure.floor)
+            costs[figure.kind, figure.variant, figure.groups] = figure.value / figure.floor * unit
     return costs
 
 
@@ -33,18 +32,18 @@ def parts_of_a_report(figures):
 
 def report_reasons(missed, figures):
     lines = parts_of_a_report(figures) + [""]
-    if any("no log" in figure.name for figure in missed):
+    if any(figure.variant == "no log" for figure in missed):
         lines += ["- Without the log: a report that asks the kernel for nothing (leave, MLDv1 refresh) has a floor of "
                   "one select",
                   "  and one recvmsg, and 15 % of that are some hundred nanoseconds for parsing, finding and changing "
                   "the records."]
-    if any("no log" not in figure.name for figure in missed):
+    if any(figure.variant != "no log" for figure in missed):
         lines += ["- With the log: what the kernel asks for taking the text (columns on the right, and the next "
                   "table) comes on top of",
                   "  writing it. A report that asks the kernel for little (leave, refresh of a source, MLDv1 refresh) "
                   "has a floor that",
                   "  is less than its own lines cost there."]
-    if any("any-source group" in figure.name for figure in missed):
+    if any(figure.kind.endswith("any-source group") for figure in missed):
         lines += ["- An any-source group that is created, or dropped and created again, is logged with one line "
                   "for each",
                   "  group that the interface has (`group database = ...`). Those lines are required, so this "

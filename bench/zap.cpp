@@ -29,8 +29,8 @@ namespace {
 
 constexpr unsigned zaps_per_turn = 25; // the daemon holds 128 groups
 constexpr unsigned turns = 8;
-// The daemon's first query, a second after its start, keeps it waiting for the kernel as any query does (see the
-// bursts); zaps are measured between queries.
+// Like any query, the daemon's first one, a second after its start, makes it wait for the kernel; zaps are measured
+// between queries.
 constexpr useconds_t settling_us = 1'400'000;
 // A host counts its random delay in ticks of its kernel. If every zap began at the same time after a tick, all would
 // take one of a few times, and their median would jump from one to the next.
@@ -202,9 +202,9 @@ zap_lab make_lab() {
 
 void print_zaps(const std::string &name, const std::vector<double> &daemon, const std::vector<double> &floor,
                 bool is_judged) {
-  print_figure("zap", name + ", median", "ms", median(daemon), median(floor),
+  print_figure("zap", figure_subject{name, "median"}, "ms", median(daemon), median(floor),
                is_judged ? goal{judged::ratio, 1.1} : no_goal);
-  print_figure("zap", name + ", p99", "ms", percentile(daemon, 99), percentile(floor, 99),
+  print_figure("zap", figure_subject{name, "p99"}, "ms", percentile(daemon, 99), percentile(floor, 99),
                is_judged ? goal{judged::ratio, 1.3} : no_goal);
 }
 

@@ -20,7 +20,7 @@ start_channel() {
   channel_pids+=("$lab_pid")
 }
 
-# An encoder that is told to stop ends with a status other than 0, which is no failure here.
+# An encoder that is asked to stop ends with a status other than 0, which is not a failure here.
 stop_channels() {
   local pid
   for pid in "${channel_pids[@]}"; do
@@ -32,7 +32,7 @@ packets_from_upstream() { lab_table dev_snmp6/wan0 | sed -n 's/^Ip6InMcastPkts[^
 
 arrive_upstream() { [ "$(packets_from_upstream)" -ge $((packets_before + 50)) ]; }
 
-# The player joins by itself, as a set-top box does, and keeps the last frame that it has seen.
+# The player joins by itself and keeps the last frame that it has seen.
 watch_channel() {
   local player=(ffmpeg -v error -nostdin -analyzeduration 1000000 -i "$(channel_address "$1")" -an
     -frames:v "$frames_wanted" -update 1 -y -progress "$lab_folder/progress" "$2")

@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr char daemon_name[] = "tarnwick";
-
 using proc_path = std::array<char, 64>;
 
 proc_path path_of(pid_t pid, const char *file) {
@@ -54,7 +52,7 @@ template <typename condition> std::size_t keep_rows(rows_of<process_facts> &rows
 } // namespace
 
 // "PID (name) state parent ..."; the name may hold blanks and brackets, so its end is the last bracket.
-bool parse_process_stat(const char *stat, process_facts &facts) {
+bool parse_process_stat(process_facts &facts, const char *stat) {
   const char *open = std::strchr(stat, '(');
   const char *close = std::strrchr(stat, ')');
   if (open == nullptr || close == nullptr || close < open) {
@@ -84,13 +82,13 @@ bool parse_catches_dump_signal(const char *status) {
          (caught >> (SIGUSR1 - 1) & 1) != 0;
 }
 
-bool read_process(pid_t pid, process_facts &facts) {
+bool read_process(process_facts &facts, pid_t pid) {
   facts = process_facts{};
   facts.pid = pid;
   text content;
-  bool is_read = read_file(path_of(pid, "stat").data(), content) && parse_process_stat(text_of(content), facts);
+  bool is_read = read_file(content, path_of(pid, "stat").data()) && parse_process_stat(facts, text_of(content));
   if (is_read) {
-    is_read = read_file(path_of(pid, "status").data(), content);
+    is_read = read_file(content, path_of(pid, "status").data());
     facts.catches_dump_signal = is_read && parse_catches_dump_signal(text_of(content));
     facts.network = namespace_inode(path_of(pid, "ns/net").data());
   }
@@ -107,14 +105,14 @@ void list_daemons(rows_of<process_facts> &daemons) {
   for (const dirent *entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
     const int pid = std::atoi(entry->d_name);
     process_facts facts;
-    if (pid > 0 && read_process(pid, facts) && std::strcmp(facts.name.data(), daemon_name) == 0) {
+    if (pid > 0 && read_process(facts, pid) && std::strcmp(facts.name.data(), DAEMON_NAME) == 0) {
       add_row(daemons, facts);
     }
   }
   closedir(folder);
 }
 
-daemon_search choose_daemon(rows_of<process_facts> &daemons, std::uint64_t own_network, process_facts &chosen) {
+daemon_search choose_daemon(process_facts &chosen, rows_of<process_facts> &daemons, std::uint64_t own_network) {
   rows_of<process_facts> all;
   for (const process_facts &process : all_rows(daemons)) {
     add_row(all, process);

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <sys/types.h>
 
+inline constexpr char DAEMON_NAME[] = "tarnwick";
+
 // What /proc tells of one process.
 struct process_facts {
   pid_t pid;
@@ -20,10 +22,10 @@ struct process_facts {
 enum class daemon_search { found, none, several, not_ready };
 
 // Reads what /proc tells of a process. Returns false if there is none.
-bool read_process(pid_t pid, process_facts &facts);
+bool read_process(process_facts &facts, pid_t pid);
 
 // Parses /proc/PID/stat into name, parent and start. Returns false if it makes no sense.
-bool parse_process_stat(const char *stat, process_facts &facts);
+bool parse_process_stat(process_facts &facts, const char *stat);
 
 // Whether /proc/PID/status says that the process handles SIGUSR1.
 bool parse_catches_dump_signal(const char *status);
@@ -33,7 +35,7 @@ void list_daemons(rows_of<process_facts> &daemons);
 
 // Picks the daemon among processes of its name: children of another one are shell commands about to start, and of
 // several those of this network namespace count. `several` leaves them all in `daemons`.
-daemon_search choose_daemon(rows_of<process_facts> &daemons, std::uint64_t own_network, process_facts &chosen);
+daemon_search choose_daemon(process_facts &chosen, rows_of<process_facts> &daemons, std::uint64_t own_network);
 
 // Inode of the calling process's network namespace.
 std::uint64_t own_network_namespace();

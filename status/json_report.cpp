@@ -5,46 +5,46 @@
 namespace {
 
 // Interface names may hold anything but a slash and blanks.
-void add_quoted(text &to, const char *bytes) {
+void add_quoted(text &json, const char *bytes) {
   constexpr unsigned char first_printable = 0x20;
-  add_bytes(to, "\"", 1);
+  add_bytes(json, "\"", 1);
   for (; *bytes != '\0'; ++bytes) {
     const auto byte = static_cast<unsigned char>(*bytes);
     if (byte == '"' || byte == '\\') {
-      add_text(to, "\\%c", byte);
+      add_text(json, "\\%c", byte);
     } else if (byte < first_printable) {
-      add_text(to, "\\u%04x", byte);
+      add_text(json, "\\u%04x", byte);
     } else {
-      add_bytes(to, bytes, 1);
+      add_bytes(json, bytes, 1);
     }
   }
-  add_bytes(to, "\"", 1);
+  add_bytes(json, "\"", 1);
 }
 
-void add_comma(text &to, bool is_first) { add_text(to, "%s", is_first ? "" : ","); }
+void add_comma(text &json, bool is_first) { add_text(json, "%s", is_first ? "" : ","); }
 
-void add_mif(const mif_row *mif, text &to) {
+void add_mif(text &json, const mif_row *mif) {
   if (mif == nullptr) {
-    add_text(to, ",\"mif\":null");
+    add_text(json, ",\"mif\":null");
     return;
   }
-  add_text(to,
+  add_text(json,
            ",\"mif\":%d,\"packets_in\":%" PRIu64 ",\"bytes_in\":%" PRIu64 ",\"packets_out\":%" PRIu64
            ",\"bytes_out\":%" PRIu64,
            static_cast<int>(mif->number), mif->packets_in, mif->bytes_in, mif->packets_out, mif->bytes_out);
 }
 
-void add_interface(const interface_row &row, text &to) {
-  add_text(to, "{\"name\":");
-  add_quoted(to, row.counters.name.data());
-  add_text(to, ",\"protocol\":");
-  add_quoted(to, row.counters.protocol.data());
-  add_text(to, ",\"role\":\"%s\",\"queries\":%u,\"joins\":%u,\"leaves\":%u,\"timeouts\":%u",
+void add_interface(text &json, const interface_row &row) {
+  add_text(json, "{\"name\":");
+  add_quoted(json, row.counters.name.data());
+  add_text(json, ",\"protocol\":");
+  add_quoted(json, row.counters.protocol.data());
+  add_text(json, ",\"role\":\"%s\",\"queries\":%u,\"joins\":%u,\"leaves\":%u,\"timeouts\":%u",
            row.is_upstream ? "upstream" : "downstream", static_cast<unsigned>(row.counters.queries),
            static_cast<unsigned>(row.counters.joins), static_cast<unsigned>(row.counters.leaves),
            static_cast<unsigned>(row.counters.timeouts));
-  add_mif(row.mif, to);
-  add_text(to, "}");
+  add_mif(json, row.mif);
+  add_text(json, "}");
 }
 
 const char *kind_text(stream_kind kind) {
@@ -63,68 +63,68 @@ const char *kind_text(stream_kind kind) {
   return "";
 }
 
-void add_output_list(std::uint32_t outputs, const rows_of<mif_row> &mifs, text &to) {
+void add_output_list(text &json, std::uint32_t outputs, const rows_of<mif_row> &mifs) {
   bool is_first = true;
   for (std::int32_t number = 0; outputs != 0; ++number, outputs >>= 1) {
     const mif_row *mif = (outputs & 1) != 0 ? find_mif(mifs, number) : nullptr;
     if (mif != nullptr) {
-      add_comma(to, is_first);
-      add_quoted(to, mif->name.data());
+      add_comma(json, is_first);
+      add_quoted(json, mif->name.data());
       is_first = false;
     }
   }
 }
 
-void add_stream(const stream_row &stream, const rows_of<mif_row> &mifs, text &to) {
+void add_stream(text &json, const stream_row &stream, const rows_of<mif_row> &mifs) {
   const cache_row &entry = *stream.entry;
-  add_text(to, "{\"source\":");
-  add_quoted(to, entry.origin.data());
-  add_text(to,
+  add_text(json, "{\"source\":");
+  add_quoted(json, entry.origin.data());
+  add_text(json,
            ",\"kind\":\"%s\",\"packets\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"wrong_interface\":%" PRIu64
            ",\"bits_per_second\":%.0f,\"packets_per_second\":%.1f,\"outputs\":[",
            kind_text(stream.kind), entry.packets, entry.bytes, entry.wrong_interface, stream.bits_per_second,
            stream.packets_per_second);
-  add_output_list(entry.outputs, mifs, to);
-  add_text(to, "]}");
+  add_output_list(json, entry.outputs, mifs);
+  add_text(json, "]}");
 }
 
-void add_group(const snapshot &shown, const group_row &group, const rows_of<mif_row> &mifs, text &to) {
-  add_text(to, "{\"group\":");
-  add_quoted(to, group.group.data());
-  add_text(to, ",\"listeners\":[");
+void add_group(text &json, const snapshot &snapshot, const group_row &group) {
+  add_text(json, "{\"group\":");
+  add_quoted(json, group.group.data());
+  add_text(json, ",\"listeners\":[");
   for (std::size_t i = 0; i < group.listener_count; ++i) {
-    const group_line &listener = shown.listeners.first[group.first_listener + i];
-    add_comma(to, i == 0);
-    add_text(to, "{\"interface\":");
-    add_quoted(to, listener.interface.data());
-    add_text(to, ",\"average_seconds\":%d}", static_cast<int>(listener.average_seconds));
+    const group_line &listener = snapshot.listeners.first[group.first_listener + i];
+    add_comma(json, i == 0);
+    add_text(json, "{\"interface\":");
+    add_quoted(json, listener.interface.data());
+    add_text(json, ",\"average_seconds\":%d}", static_cast<int>(listener.average_seconds));
   }
-  add_text(to, "],\"streams\":[");
+  add_text(json, "],\"streams\":[");
   bool is_first = true;
   for (std::size_t i = 0; i < group.stream_count; ++i) {
-    const stream_row &stream = shown.streams.first[group.first_stream + i];
+    const stream_row &stream = snapshot.streams.first[group.first_stream + i];
     if (stream.entry != nullptr) {
-      add_comma(to, is_first);
-      add_stream(stream, mifs, to);
+      add_comma(json, is_first);
+      add_stream(json, stream, *snapshot.mifs);
       is_first = false;
     }
   }
-  add_text(to, "]}");
+  add_text(json, "]}");
 }
 
 } // namespace
 
-void add_json(const snapshot &shown, const rows_of<mif_row> &mifs, double sample_seconds, text &to) {
-  add_text(to, "{\"pid\":%d,\"running_seconds\":%ld,\"sample_seconds\":%.3f,\"interfaces\":[",
-           static_cast<int>(shown.daemon.pid), seconds_running(shown.daemon), sample_seconds);
-  for (std::size_t i = 0; i < shown.interfaces.count; ++i) {
-    add_comma(to, i == 0);
-    add_interface(shown.interfaces.first[i], to);
+void add_json(text &json, const snapshot &snapshot) {
+  add_text(json, "{\"pid\":%d,\"running_seconds\":%ld,\"sample_seconds\":%.3f,\"interfaces\":[",
+           static_cast<int>(snapshot.daemon.pid), seconds_running(snapshot.daemon), snapshot.sample_seconds);
+  for (std::size_t i = 0; i < snapshot.interfaces.count; ++i) {
+    add_comma(json, i == 0);
+    add_interface(json, snapshot.interfaces.first[i]);
   }
-  add_text(to, "],\"groups\":[");
-  for (std::size_t i = 0; i < shown.groups.count; ++i) {
-    add_comma(to, i == 0);
-    add_group(shown, shown.groups.first[i], mifs, to);
+  add_text(json, "],\"groups\":[");
+  for (std::size_t i = 0; i < snapshot.groups.count; ++i) {
+    add_comma(json, i == 0);
+    add_group(json, snapshot, snapshot.groups.first[i]);
   }
-  add_text(to, "]}\n");
+  add_text(json, "]}\n");
 }

@@ -3,4 +3,4 @@
 
 #include "status/snapshot.h"
 
-void add_json(const snapshot &shown, const rows_of<mif_row> &mifs, double sample_seconds, text &to);
+void add_json(text &json, const snapshot &snapshot);

@@ -10,8 +10,8 @@ namespace {
 
 constexpr int mif_numbers = 32; // MAXMIFS of linux/mroute6.h
 
-// The kernel writes all eight groups of digits. Returns false for what is no address.
-bool shorten_address(const char *full, group_text &shortened) {
+// The kernel writes all eight groups of digits. Returns false for what is not an address.
+bool shorten_address(group_text &shortened, const char *full) {
   in6_addr address;
   return inet_pton(AF_INET6, full, &address) == 1 &&
          inet_ntop(AF_INET6, &address, shortened.data(), INET6_ADDRSTRLEN) != nullptr;
@@ -34,9 +34,9 @@ std::uint32_t parse_outputs(const char *place) {
 
 } // namespace
 
-void parse_mif_table(const char *table, rows_of<mif_row> &mifs) {
+void parse_mif_table(rows_of<mif_row> &mifs, const char *table) {
   line_buffer line;
-  while (next_line(table, line)) {
+  while (next_line(line, table)) {
     constexpr int items = 6;
     mif_row read{};
     if (std::sscanf(line.data(), "%d %15s %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64, &read.number, read.name.data(),
@@ -46,9 +46,9 @@ void parse_mif_table(const char *table, rows_of<mif_row> &mifs) {
   }
 }
 
-void parse_cache_table(const char *table, rows_of<cache_row> &entries) {
+void parse_cache_table(rows_of<cache_row> &entries, const char *table) {
   line_buffer line;
-  while (next_line(table, line)) {
+  while (next_line(line, table)) {
     constexpr int items = 6;
     group_text group{};
     group_text origin{};
@@ -56,7 +56,7 @@ void parse_cache_table(const char *table, rows_of<cache_row> &entries) {
     int length = 0;
     if (std::sscanf(line.data(), "%45s %45s %d %" SCNu64 " %" SCNu64 " %" SCNu64 "%n", group.data(), origin.data(),
                     &read.parent, &read.packets, &read.bytes, &read.wrong_interface, &length) == items &&
-        shorten_address(group.data(), read.group) && shorten_address(origin.data(), read.origin)) {
+        shorten_address(read.group, group.data()) && shorten_address(read.origin, origin.data())) {
       read.outputs = parse_outputs(line.data() + length);
       add_row(entries, read);
     }

@@ -28,8 +28,8 @@ struct cache_row {
 };
 
 // Each parses a whole table and adds its rows; the heading and lines that make no sense are passed over.
-void parse_mif_table(const char *table, rows_of<mif_row> &mifs);
-void parse_cache_table(const char *table, rows_of<cache_row> &entries);
+void parse_mif_table(rows_of<mif_row> &mifs, const char *table);
+void parse_cache_table(rows_of<cache_row> &entries, const char *table);
 
 // The MIF of a number; null if there is none.
 const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-bool next_line(const char *&place, line_buffer &line) {
+bool next_line(line_buffer &line, const char *&place) {
   if (*place == '\0') {
     return false;
   }

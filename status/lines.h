@@ -7,4 +7,4 @@
 using line_buffer = std::array<char, 1024>;
 
 // Copies the line at `place` and moves behind it. Returns false at the end of the text.
-bool next_line(const char *&place, line_buffer &line);
+bool next_line(line_buffer &line, const char *&place);

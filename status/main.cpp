@@ -26,49 +26,51 @@ void wait_seconds(int seconds) {
   nanosleep(&wait, nullptr);
 }
 
-int say_problem(text &problem) {
-  std::fprintf(stderr, "tarnwick-status: %s\n", text_of(problem));
-  free_rows(problem);
-  return status_failed;
+void say_problem(const text &problem) { std::fprintf(stderr, "tarnwick-status: %s\n", text_of(problem)); }
+
+// The page of the newest snapshot, for a person or as JSON.
+void add_snapshot(text &output, const status_options &options, const snapshot &snapshot) {
+  if (options.mode == status_mode::json) {
+    add_json(output, snapshot);
+    return;
+  }
+  const screen screen = measure_screen(false);
+  page page;
+  add_report(page, snapshot, screen.is_utf8);
+  add_page(output, screen, page);
+  free_page(page);
 }
 
 int show_once(const status_options &options) {
   static status_round round;
   text problem;
-  process_facts daemon;
-  if (!find_daemon(round, options.daemon, daemon, problem) || !take_sample(round, daemon, problem)) {
-    return say_problem(problem);
+  bool is_shown = find_daemon(round, problem, options.daemon) && take_sample(round, problem);
+  if (is_shown) {
+    wait_seconds(once_sample_seconds);
+    is_shown = take_snapshot(round, problem);
   }
-  wait_seconds(once_sample_seconds);
-  if (!take_snapshot(round, daemon, problem)) {
-    return say_problem(problem);
-  }
-  text content;
-  if (options.mode == status_mode::json) {
-    add_json(round.joined, newest_sample(round).mifs, sample_seconds(round), content);
+  text output;
+  if (is_shown) {
+    add_snapshot(output, options, round.joined);
+    is_shown = write_out(output);
   } else {
-    const screen onto = measure_screen(false);
-    page shown;
-    add_report(round.joined, newest_sample(round).mifs, onto.is_utf8, shown);
-    add_page(onto, shown, content);
-    free_page(shown);
+    say_problem(problem);
   }
-  const bool is_written = write_out(content);
-  free_rows(content);
-  return is_written ? EXIT_SUCCESS : status_failed;
+  free_rows(output);
+  free_rows(problem);
+  return is_shown ? EXIT_SUCCESS : status_failed;
 }
 
-// A round that fails is shown in place of the table; the next one tries again.
-void build_watched_page(const status_options &options, status_round &round, const screen &onto, page &shown) {
+// A round that fails is page in place of the table; the next one tries again.
+void build_watched_page(page &page, status_round &round, const status_options &options, const screen &screen) {
   text problem;
-  process_facts daemon;
-  clear_page(shown);
-  if (find_daemon(round, options.daemon, daemon, problem) && take_snapshot(round, daemon, problem)) {
-    add_report(round.joined, newest_sample(round).mifs, onto.is_utf8, shown);
+  clear_page(page);
+  if (find_daemon(round, problem, options.daemon) && take_snapshot(round, problem)) {
+    add_report(page, round.joined, screen.is_utf8);
   } else if (IsRunning == 1) {
     line_buffer line;
-    for (const char *place = text_of(problem); next_line(place, line);) {
-      add_line(shown, line_style::warning, line.data());
+    for (const char *place = text_of(problem); next_line(line, place);) {
+      add_line(page, line_style::warning, line.data());
     }
   }
   free_rows(problem);
@@ -78,28 +80,28 @@ int watch(const status_options &options) {
   static status_round round;
   std::signal(SIGINT, stop_watching);
   std::signal(SIGTERM, stop_watching);
-  page shown;
-  text content;
+  page page;
+  text output;
   bool is_written = true;
   start_redrawing(measure_screen(true));
   while (IsRunning == 1 && is_written) {
-    const screen onto = measure_screen(true);
-    build_watched_page(options, round, onto, shown);
-    clear_rows(content);
-    if (onto.is_terminal) {
-      add_redrawn_page(onto, shown, content);
+    const screen screen = measure_screen(true);
+    build_watched_page(page, round, options, screen);
+    clear_rows(output);
+    if (screen.is_terminal) {
+      add_redrawn_page(output, screen, page);
     } else {
-      add_page(onto, shown, content);
-      add_text(content, "\n");
+      add_page(output, screen, page);
+      add_text(output, "\n");
     }
     if (IsRunning == 1) {
-      is_written = write_out(content);
+      is_written = write_out(output);
       wait_seconds(options.watch_seconds);
     }
   }
   end_redrawing(measure_screen(true));
-  free_page(shown);
-  free_rows(content);
+  free_page(page);
+  free_rows(output);
   return is_written ? EXIT_SUCCESS : status_failed;
 }
 
@@ -108,7 +110,7 @@ int watch(const status_options &options) {
 int main(int argc, char **argv) {
   std::setlocale(LC_CTYPE, "");
   status_options options;
-  if (!parse_status_options(argc, argv, options)) {
+  if (!parse_status_options(options, argc, argv)) {
     return status_usage_error;
   }
   switch (options.mode) {

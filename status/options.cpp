@@ -27,7 +27,7 @@ constexpr option long_options[] = {{"once", no_argument, nullptr, 'o'},
                                    {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
 
-// Returns -1 for what is no whole number from 1 to `largest`.
+// Returns -1 for what is not a whole number from 1 to `largest`.
 int parse_number(const char *written, int largest) {
   constexpr int decimal = 10;
   char *end = nullptr;
@@ -39,7 +39,7 @@ int parse_number(const char *written, int largest) {
   return static_cast<int>(number);
 }
 
-bool set_watch(const char *seconds, status_options &options) {
+bool set_watch(status_options &options, const char *seconds) {
   options.mode = status_mode::watch;
   if (seconds == nullptr) {
     return true;
@@ -53,7 +53,7 @@ bool set_watch(const char *seconds, status_options &options) {
   return true;
 }
 
-bool set_pid(const char *pid, status_options &options) {
+bool set_pid(status_options &options, const char *pid) {
   options.daemon = parse_number(pid, INT_MAX);
   if (options.daemon == -1) {
     std::fprintf(stderr, "tarnwick-status: --pid takes the number of a process, not '%s'\n", pid);
@@ -62,7 +62,7 @@ bool set_pid(const char *pid, status_options &options) {
   return true;
 }
 
-// "--watch 5" as well as "--watch=5": an argument that is no option belongs to it.
+// "--watch 5" as well as "--watch=5": an argument that is not an option belongs to it.
 const char *watch_argument(int argc, char **argv) {
   if (optarg == nullptr && optind < argc && argv[optind][0] != '-') {
     return argv[optind++];
@@ -70,18 +70,18 @@ const char *watch_argument(int argc, char **argv) {
   return optarg;
 }
 
-bool apply_option(int letter, int argc, char **argv, status_options &options) {
+bool apply_option(status_options &options, int letter, int argc, char **argv) {
   switch (letter) {
   case 'o':
     options.mode = status_mode::once;
     return true;
   case 'w':
-    return set_watch(watch_argument(argc, argv), options);
+    return set_watch(options, watch_argument(argc, argv));
   case 'j':
     options.mode = status_mode::json;
     return true;
   case 'p':
-    return set_pid(optarg, options);
+    return set_pid(options, optarg);
   case 'h':
     options.mode = status_mode::help;
     return true;
@@ -96,11 +96,11 @@ bool apply_option(int letter, int argc, char **argv, status_options &options) {
 
 } // namespace
 
-bool parse_status_options(int argc, char **argv, status_options &options) {
+bool parse_status_options(status_options &options, int argc, char **argv) {
   options = status_options{status_mode::once, DEFAULT_WATCH_SECONDS, 0};
   for (int letter = getopt_long(argc, argv, option_letters, long_options, nullptr); letter != -1;
        letter = getopt_long(argc, argv, option_letters, long_options, nullptr)) {
-    if (!apply_option(letter, argc, argv, options)) {
+    if (!apply_option(options, letter, argc, argv)) {
       return false;
     }
     if (options.mode == status_mode::help || options.mode == status_mode::version) {
@@ -108,7 +108,7 @@ bool parse_status_options(int argc, char **argv, status_options &options) {
     }
   }
   if (optind < argc) {
-    std::fprintf(stderr, "tarnwick-status: '%s' is no option\nTry 'tarnwick-status --help'.\n", argv[optind]);
+    std::fprintf(stderr, "tarnwick-status: '%s' is not an option\nTry 'tarnwick-status --help'.\n", argv[optind]);
     return false;
   }
   return true;

@@ -15,6 +15,6 @@ inline constexpr int DEFAULT_WATCH_SECONDS = 2;
 inline constexpr int LONGEST_WATCH_SECONDS = 3600;
 
 // Returns false after it has said on standard error what is wrong.
-bool parse_status_options(int argc, char **argv, status_options &options);
+bool parse_status_options(status_options &options, int argc, char **argv);
 
 extern const char status_usage[];

@@ -1,4 +1,4 @@
-// Lines to be shown, and tables that are laid out into such lines.
+// Lines to be page, and tables that are table out into such lines.
 #pragma once
 
 #include "status/text.h"
@@ -15,10 +15,10 @@ struct page {
   rows_of<page_line> lines;
 };
 
-void clear_page(page &shown);
-void free_page(page &shown);
-void add_line(page &shown, line_style style, const char *line);
-const char *line_text(const page &shown, const page_line &line);
+void clear_page(page &page);
+void free_page(page &page);
+void add_line(page &page, line_style style, const char *line);
+const char *line_text(const page &page, const page_line &line);
 
 enum class alignment { left, right };
 
@@ -35,12 +35,12 @@ struct table {
   rows_of<line_style> row_styles;
 };
 
-void begin_row(table &laid, line_style style);
-void add_cell(table &laid, const char *cell);
-void add_number_cell(table &laid, unsigned long long number);
+void begin_row(table &table, line_style style);
+void add_cell(table &table, const char *cell);
+void add_number_cell(table &table, unsigned long long number);
 
 // Adds the heading and the rows, every column as wide as its widest cell, no blanks at line ends. A table without rows
 // adds nothing.
-void add_table(page &shown, const table &laid);
+void add_table(page &page, const table &table);
 
-void free_table(table &laid);
+void free_table(table &table);

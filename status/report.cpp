@@ -19,96 +19,95 @@ constexpr std::array group_columns{column{"GROUP", alignment::left},    column{"
                                    column{"RATE", alignment::right},    column{"LOAD", alignment::left},
                                    column{"OUTPUTS", alignment::left},  column{"NOTE", alignment::left}};
 
-void add_title(const snapshot &shown, page &to) {
+void add_title(page &page, const snapshot &snapshot) {
   std::size_t held = 0;
   std::size_t entries = 0;
-  for (const group_row &group : all_rows(shown.groups)) {
+  for (const group_row &group : all_rows(snapshot.groups)) {
     held += group.listener_count > 0 ? 1 : 0;
   }
-  for (const stream_row &stream : all_rows(shown.streams)) {
+  for (const stream_row &stream : all_rows(snapshot.streams)) {
     entries += stream.entry != nullptr ? 1 : 0;
   }
   text title;
-  add_text(title, "tarnwick %d", static_cast<int>(shown.daemon.pid));
-  const long running = seconds_running(shown.daemon);
+  add_text(title, "tarnwick %d", static_cast<int>(snapshot.daemon.pid));
+  const long running = seconds_running(snapshot.daemon);
   if (running >= 0) {
     add_text(title, ", up %s", duration_text(running).data());
   }
-  add_text(title, ": %zu interface%s, %zu group%s, %zu forwarding entr%s", shown.interfaces.count,
-           shown.interfaces.count == 1 ? "" : "s", held, held == 1 ? "" : "s", entries, entries == 1 ? "y" : "ies");
-  add_line(to, line_style::plain, text_of(title));
+  add_text(title, ": %zu interface%s, %zu group%s, %zu forwarding entr%s", snapshot.interfaces.count,
+           snapshot.interfaces.count == 1 ? "" : "s", held, held == 1 ? "" : "s", entries, entries == 1 ? "y" : "ies");
+  add_line(page, line_style::plain, text_of(title));
   free_rows(title);
 }
 
-void add_interface(const interface_row &row, table &laid) {
-  begin_row(laid, line_style::plain);
-  add_cell(laid, row.counters.name.data());
-  add_cell(laid, row.is_upstream ? "upstream" : "downstream");
+void add_interface(table &table, const interface_row &row) {
+  begin_row(table, line_style::plain);
+  add_cell(table, row.counters.name.data());
+  add_cell(table, row.is_upstream ? "upstream" : "downstream");
   if (row.mif != nullptr) {
-    add_number_cell(laid, static_cast<unsigned long long>(row.mif->number));
+    add_number_cell(table, static_cast<unsigned long long>(row.mif->number));
   } else {
-    add_cell(laid, "-");
+    add_cell(table, "-");
   }
   for (const std::int32_t counter :
        {row.counters.queries, row.counters.joins, row.counters.leaves, row.counters.timeouts}) {
-    add_number_cell(laid, static_cast<std::uint32_t>(counter));
+    add_number_cell(table, static_cast<std::uint32_t>(counter));
   }
   if (row.mif == nullptr) {
     for (int missing = 0; missing < 4; ++missing) {
-      add_cell(laid, "-");
+      add_cell(table, "-");
     }
     return;
   }
-  add_number_cell(laid, row.mif->packets_in);
-  add_cell(laid, bytes_text(row.mif->bytes_in).data());
-  add_number_cell(laid, row.mif->packets_out);
-  add_cell(laid, bytes_text(row.mif->bytes_out).data());
+  add_number_cell(table, row.mif->packets_in);
+  add_cell(table, bytes_text(row.mif->bytes_in).data());
+  add_number_cell(table, row.mif->packets_out);
+  add_cell(table, bytes_text(row.mif->bytes_out).data());
 }
 
-void add_interfaces(const snapshot &shown, page &to) {
-  table laid{interface_columns, {}, {}, {}};
-  for (const interface_row &row : all_rows(shown.interfaces)) {
-    add_interface(row, laid);
+void add_interfaces(page &page, const snapshot &snapshot) {
+  table table{interface_columns, {}, {}, {}};
+  for (const interface_row &row : all_rows(snapshot.interfaces)) {
+    add_interface(table, row);
   }
-  add_table(to, laid);
-  free_table(laid);
+  add_table(page, table);
+  free_table(table);
 }
 
-void add_listener_cells(const group_line *listener, table &laid) {
+void add_listener_cells(table &table, const group_line *listener) {
   if (listener == nullptr) {
-    add_cell(laid, "");
-    add_cell(laid, "");
+    add_cell(table, "");
+    add_cell(table, "");
     return;
   }
-  add_cell(laid, listener->interface.data());
+  add_cell(table, listener->interface.data());
   text average;
   add_text(average, "%d s", static_cast<int>(listener->average_seconds));
-  add_cell(laid, text_of(average));
+  add_cell(table, text_of(average));
   free_rows(average);
 }
 
-void add_stream_cells(const snapshot &shown, const stream_row *stream, bool is_utf8, const rows_of<mif_row> &mifs,
-                      table &laid) {
+void add_stream_cells(table &table, const snapshot &snapshot, const stream_row *stream, bool is_utf8) {
   if (stream == nullptr || stream->entry == nullptr) {
     for (int empty = 0; empty < 6; ++empty) {
-      add_cell(laid, "");
+      add_cell(table, "");
     }
-    add_cell(laid, stream != nullptr ? stream_note(stream->kind) : "");
+    add_cell(table, stream != nullptr ? stream_note(stream->kind) : "");
     return;
   }
   const cache_row &entry = *stream->entry;
   const double share =
-      shown.fastest_bits_per_second > 0 ? stream->bits_per_second / shown.fastest_bits_per_second : 0.0;
-  add_cell(laid, std::strcmp(entry.origin.data(), "::") == 0 ? "any" : entry.origin.data());
-  add_number_cell(laid, entry.packets);
-  add_cell(laid, bytes_text(entry.bytes).data());
-  add_cell(laid, shown.has_rates ? rate_text(stream->bits_per_second).data() : "-");
-  add_cell(laid, bar_of(share, is_utf8).data());
+      snapshot.fastest_bits_per_second > 0 ? stream->bits_per_second / snapshot.fastest_bits_per_second : 0.0;
+  add_cell(table, std::strcmp(entry.origin.data(), "::") == 0 ? "any" : entry.origin.data());
+  add_number_cell(table, entry.packets);
+  add_cell(table, bytes_text(entry.bytes).data());
+  add_cell(table, snapshot.has_rates ? rate_text(stream->bits_per_second).data() : "-");
+  add_cell(table, bar_of(share, is_utf8).data());
   text outputs;
-  add_output_names(outputs, entry.outputs, mifs, ", ");
-  add_cell(laid, outputs.count > 0 ? text_of(outputs) : "none");
+  add_output_names(outputs, entry.outputs, *snapshot.mifs, ", ");
+  add_cell(table, outputs.count > 0 ? text_of(outputs) : "none");
   free_rows(outputs);
-  add_cell(laid, stream_note(stream->kind));
+  add_cell(table, stream_note(stream->kind));
 }
 
 line_style style_of(const stream_row *stream) {
@@ -119,49 +118,49 @@ line_style style_of(const stream_row *stream) {
 }
 
 // Listeners and streams stand side by side; the group's address is on its first line only.
-void add_group(const snapshot &shown, const group_row &group, bool is_utf8, const rows_of<mif_row> &mifs, table &laid) {
+void add_group(table &table, const snapshot &snapshot, const group_row &group, bool is_utf8) {
   for (std::size_t i = 0; i < std::max(group.listener_count, group.stream_count); ++i) {
-    const stream_row *stream = i < group.stream_count ? &shown.streams.first[group.first_stream + i] : nullptr;
-    begin_row(laid, style_of(stream));
+    const stream_row *stream = i < group.stream_count ? &snapshot.streams.first[group.first_stream + i] : nullptr;
+    begin_row(table, style_of(stream));
     const bool is_tree = stream != nullptr && stream->kind == stream_kind::static_tree;
-    add_cell(laid, i > 0 ? "" : is_tree ? "any" : group.group.data());
-    add_listener_cells(i < group.listener_count ? &shown.listeners.first[group.first_listener + i] : nullptr, laid);
-    add_stream_cells(shown, stream, is_utf8, mifs, laid);
+    add_cell(table, i > 0 ? "" : is_tree ? "any" : group.group.data());
+    add_listener_cells(table, i < group.listener_count ? &snapshot.listeners.first[group.first_listener + i] : nullptr);
+    add_stream_cells(table, snapshot, stream, is_utf8);
   }
 }
 
-void add_groups(const snapshot &shown, bool is_utf8, const rows_of<mif_row> &mifs, page &to) {
-  table laid{group_columns, {}, {}, {}};
-  for (const group_row &group : all_rows(shown.groups)) {
-    add_group(shown, group, is_utf8, mifs, laid);
+void add_groups(page &page, const snapshot &snapshot, bool is_utf8) {
+  table table{group_columns, {}, {}, {}};
+  for (const group_row &group : all_rows(snapshot.groups)) {
+    add_group(table, snapshot, group, is_utf8);
   }
-  add_table(to, laid);
-  free_table(laid);
-  if (shown.groups.count == 0) {
-    add_line(to, line_style::plain, "No group has a listener, and the kernel forwards nothing.");
+  add_table(page, table);
+  free_table(table);
+  if (snapshot.groups.count == 0) {
+    add_line(page, line_style::plain, "No group has a listener, and the kernel forwards nothing.");
   }
 }
 
-bool has_stream(const snapshot &shown, stream_kind kind) {
-  const std::span<stream_row> streams = all_rows(shown.streams);
+bool has_stream(const snapshot &snapshot, stream_kind kind) {
+  const std::span<stream_row> streams = all_rows(snapshot.streams);
   return std::any_of(streams.begin(), streams.end(), [=](const stream_row &stream) { return stream.kind == kind; });
 }
 
 // An any-source entry forwards only along the static tree.
-void add_hints(const snapshot &shown, page &to) {
-  const std::span<stream_row> streams = all_rows(shown.streams);
+void add_hints(page &page, const snapshot &snapshot) {
+  const std::span<stream_row> streams = all_rows(snapshot.streams);
   const bool needs_tree = std::any_of(streams.begin(), streams.end(), [](const stream_row &stream) {
     return stream.kind == stream_kind::wanted && std::strcmp(stream.entry->origin.data(), "::") == 0;
   });
-  if (needs_tree && !has_stream(shown, stream_kind::static_tree)) {
-    add_line(to, line_style::plain, "");
-    add_line(to, line_style::warning,
+  if (needs_tree && !has_stream(snapshot, stream_kind::static_tree)) {
+    add_line(page, line_style::plain, "");
+    add_line(page, line_style::warning,
              "The static tree is missing, so any-source groups do not flow on a mainline kernel: "
              "start tarnwick-assist.");
   }
-  if (has_stream(shown, stream_kind::no_entry)) {
-    add_line(to, line_style::plain, "");
-    add_line(to, line_style::warning,
+  if (has_stream(snapshot, stream_kind::no_entry)) {
+    add_line(page, line_style::plain, "");
+    add_line(page, line_style::warning,
              "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.");
   }
 }
@@ -199,11 +198,11 @@ void add_output_names(text &names, std::uint32_t outputs, const rows_of<mif_row>
   }
 }
 
-void add_report(const snapshot &shown, const rows_of<mif_row> &mifs, bool is_utf8, page &to) {
-  add_title(shown, to);
-  add_line(to, line_style::plain, "");
-  add_interfaces(shown, to);
-  add_line(to, line_style::plain, "");
-  add_groups(shown, is_utf8, mifs, to);
-  add_hints(shown, to);
+void add_report(page &page, const snapshot &snapshot, bool is_utf8) {
+  add_title(page, snapshot);
+  add_line(page, line_style::plain, "");
+  add_interfaces(page, snapshot);
+  add_line(page, line_style::plain, "");
+  add_groups(page, snapshot, is_utf8);
+  add_hints(page, snapshot);
 }

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr char daemon_name[] = "tarnwick";
-
 void say_none(text &problem) {
   add_text(problem, "tarnwick does not run here: start it, for example with 'systemctl start tarnwick'");
   const long age = seconds_since_written(TYPE_MESSAGES_PATH);
@@ -16,36 +14,36 @@ void say_none(text &problem) {
   }
 }
 
-void say_several(const rows_of<process_facts> &daemons, text &problem) {
+void say_several(text &problem, const rows_of<process_facts> &daemons) {
   add_text(problem, "several processes are named tarnwick: choose one with --pid, one of");
   for (const process_facts &daemon : all_rows(daemons)) {
     add_text(problem, " %d", static_cast<int>(daemon.pid));
   }
 }
 
-void say_not_ready(const process_facts &daemon, text &problem) {
+void say_not_ready(text &problem, const process_facts &daemon) {
   add_text(problem, "tarnwick (process %d) cannot be asked: it is starting, or it hangs before its start is over",
            static_cast<int>(daemon.pid));
 }
 
-bool check_wanted(pid_t wanted, process_facts &daemon, text &problem) {
-  if (!read_process(wanted, daemon)) {
+bool check_wanted(process_facts &daemon, text &problem, pid_t wanted) {
+  if (!read_process(daemon, wanted)) {
     add_text(problem, "there is no process %d", static_cast<int>(wanted));
     return false;
   }
   // SIGUSR1 ends most programs.
-  if (std::strcmp(daemon.name.data(), daemon_name) != 0) {
+  if (std::strcmp(daemon.name.data(), DAEMON_NAME) != 0) {
     add_text(problem, "process %d is '%s', not tarnwick", static_cast<int>(wanted), daemon.name.data());
     return false;
   }
   if (!daemon.catches_dump_signal) {
-    say_not_ready(daemon, problem);
+    say_not_ready(problem, daemon);
     return false;
   }
   return true;
 }
 
-void say_no_answer(pid_t daemon, text &problem) {
+void say_no_answer(text &problem, pid_t daemon) {
   constexpr int milliseconds_per_second = 1000;
   const long age = seconds_since_written(TYPE_MESSAGES_PATH);
   add_text(problem, "tarnwick (process %d) wrote no state within %d s; ", static_cast<int>(daemon),
@@ -58,7 +56,7 @@ void say_no_answer(pid_t daemon, text &problem) {
   add_text(problem, "Its log says why (\"Create %s failed!\"), or it has a /tmp of its own.", TYPE_MESSAGES_PATH);
 }
 
-bool say_answer(state_answer answer, int reason, pid_t daemon, text &problem) {
+bool say_answer(text &problem, state_answer answer, int reason, pid_t daemon) {
   switch (answer) {
   case state_answer::fresh:
     return true;
@@ -74,7 +72,7 @@ bool say_answer(state_answer answer, int reason, pid_t daemon, text &problem) {
     }
     return false;
   case state_answer::no_answer:
-    say_no_answer(daemon, problem);
+    say_no_answer(problem, daemon);
     return false;
   case state_answer::unreadable:
     add_text(problem, "cannot read %s and %s: %s", TYPE_MESSAGES_PATH, JOIN_STATE_PATH, std::strerror(reason));
@@ -83,8 +81,8 @@ bool say_answer(state_answer answer, int reason, pid_t daemon, text &problem) {
   return false;
 }
 
-bool read_into(traffic_sample &sample, pid_t daemon, text &problem) {
-  if (read_traffic(daemon, sample)) {
+bool read_into(traffic_sample &sample, text &problem, pid_t daemon) {
+  if (read_traffic(sample, daemon)) {
     return true;
   }
   add_text(problem, "cannot read the kernel's tables /proc/%d/net/ip6_mr_vif and ip6_mr_cache: %s",
@@ -94,51 +92,45 @@ bool read_into(traffic_sample &sample, pid_t daemon, text &problem) {
 
 } // namespace
 
-bool find_daemon(status_round &round, pid_t wanted, process_facts &daemon, text &problem) {
+bool find_daemon(status_round &round, text &problem, pid_t wanted) {
   if (wanted > 0) {
-    return check_wanted(wanted, daemon, problem);
+    return check_wanted(round.daemon, problem, wanted);
   }
   list_daemons(round.daemons);
-  switch (choose_daemon(round.daemons, own_network_namespace(), daemon)) {
+  switch (choose_daemon(round.daemon, round.daemons, own_network_namespace())) {
   case daemon_search::found:
     return true;
   case daemon_search::none:
     say_none(problem);
     return false;
   case daemon_search::several:
-    say_several(round.daemons, problem);
+    say_several(problem, round.daemons);
     return false;
   case daemon_search::not_ready:
-    say_not_ready(daemon, problem);
+    say_not_ready(problem, round.daemon);
     return false;
   }
   return false;
 }
 
-bool take_sample(status_round &round, const process_facts &daemon, text &problem) {
-  round.sampled_daemon = daemon.pid;
-  return read_into(round.samples[round.newest], daemon.pid, problem);
+bool take_sample(status_round &round, text &problem) {
+  round.sampled_daemon = round.daemon.pid;
+  return read_into(round.samples[round.newest], problem, round.daemon.pid);
 }
 
-bool take_snapshot(status_round &round, const process_facts &daemon, text &problem) {
-  const state_answer answer = ask_for_state(daemon.pid, round.state);
-  if (!say_answer(answer, errno, daemon.pid, problem)) {
+bool take_snapshot(status_round &round, text &problem) {
+  const state_answer answer = ask_for_state(round.state, round.daemon.pid);
+  if (!say_answer(problem, answer, errno, round.daemon.pid)) {
     return false;
   }
   const std::size_t older = round.newest;
   round.newest = 1 - older;
-  if (!read_into(round.samples[round.newest], daemon.pid, problem)) {
+  if (!read_into(round.samples[round.newest], problem, round.daemon.pid)) {
     return false;
   }
-  const bool is_comparable = round.sampled_daemon == daemon.pid;
-  round.sampled_daemon = daemon.pid;
-  join_snapshot(daemon, round.state, round.samples[is_comparable ? older : round.newest], round.samples[round.newest],
-                round.joined);
+  const bool is_comparable = round.sampled_daemon == round.daemon.pid;
+  round.sampled_daemon = round.daemon.pid;
+  join_snapshot(round.joined, round.daemon, round.state, round.samples[is_comparable ? older : round.newest],
+                round.samples[round.newest]);
   return true;
-}
-
-const traffic_sample &newest_sample(const status_round &round) { return round.samples[round.newest]; }
-
-double sample_seconds(const status_round &round) {
-  return round.samples[round.newest].seconds - round.samples[1 - round.newest].seconds;
 }

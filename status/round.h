@@ -4,6 +4,7 @@
 #include "status/snapshot.h"
 
 struct status_round {
+  process_facts daemon; // found by the newest find_daemon
   rows_of<process_facts> daemons;
   daemon_state state;
   std::array<traffic_sample, 2> samples; // the older one serves for rates
@@ -14,13 +15,10 @@ struct status_round {
 
 // Finds the daemon (`wanted` 0) or looks at the one that was named. Returns false with the reason, one line or
 // several, in `problem`.
-bool find_daemon(status_round &round, pid_t wanted, process_facts &daemon, text &problem);
+bool find_daemon(status_round &round, text &problem, pid_t wanted);
 
 // Asks the daemon and joins a snapshot with rates since the last sample. Returns false with the reason.
-bool take_snapshot(status_round &round, const process_facts &daemon, text &problem);
+bool take_snapshot(status_round &round, text &problem);
 
 // Reads the kernel's tables as the older sample. Returns false with the reason.
-bool take_sample(status_round &round, const process_facts &daemon, text &problem);
-
-const traffic_sample &newest_sample(const status_round &round);
-double sample_seconds(const status_round &round);
+bool take_sample(status_round &round, text &problem);

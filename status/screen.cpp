@@ -29,26 +29,26 @@ const char *style_on(line_style style) {
   return "";
 }
 
-void add_styled(const screen &onto, line_style style, const char *line, text &to) {
-  const std::size_t bytes = onto.columns > 0 ? bytes_of_columns(line, onto.columns) : std::strlen(line);
-  const bool is_styled = onto.has_colour && style != line_style::plain;
-  add_text(to, "%s", is_styled ? style_on(style) : "");
-  add_bytes(to, line, bytes);
-  add_text(to, "%s", is_styled ? style_off : "");
+void add_styled(text &output, const screen &screen, line_style style, const char *line) {
+  const std::size_t bytes = screen.columns > 0 ? bytes_of_columns(line, screen.columns) : std::strlen(line);
+  const bool is_styled = screen.has_colour && style != line_style::plain;
+  add_text(output, "%s", is_styled ? style_on(style) : "");
+  add_bytes(output, line, bytes);
+  add_text(output, "%s", is_styled ? style_off : "");
 }
 
-void add_lines(const screen &onto, const page &shown, const char *line_end, text &to) {
-  const bool is_cut = onto.rows > 0 && shown.lines.count > onto.rows;
-  const std::size_t whole = is_cut ? onto.rows - 1 : shown.lines.count;
+void add_lines(text &output, const screen &screen, const page &page, const char *line_end) {
+  const bool is_cut = screen.rows > 0 && page.lines.count > screen.rows;
+  const std::size_t whole = is_cut ? screen.rows - 1 : page.lines.count;
   for (std::size_t i = 0; i < whole; ++i) {
-    const page_line &line = shown.lines.first[i];
-    add_styled(onto, line.style, line_text(shown, line), to);
-    add_text(to, "%s", i + 1 < whole || is_cut || onto.rows == 0 ? line_end : "");
+    const page_line &line = page.lines.first[i];
+    add_styled(output, screen, line.style, line_text(page, line));
+    add_text(output, "%s", i + 1 < whole || is_cut || screen.rows == 0 ? line_end : "");
   }
   if (is_cut) {
     text rest;
-    add_text(rest, "... and %zu more lines", shown.lines.count - whole);
-    add_styled(onto, line_style::faint, text_of(rest), to);
+    add_text(rest, "... and %zu more lines", page.lines.count - whole);
+    add_styled(output, screen, line_style::faint, text_of(rest));
     free_rows(rest);
   }
 }
@@ -68,27 +68,27 @@ screen measure_screen(bool is_redrawn) {
   return measured;
 }
 
-void add_page(const screen &onto, const page &shown, text &to) { add_lines(onto, shown, "\n", to); }
+void add_page(text &output, const screen &screen, const page &page) { add_lines(output, screen, page, "\n"); }
 
-void add_redrawn_page(const screen &onto, const page &shown, text &to) {
+void add_redrawn_page(text &output, const screen &screen, const page &page) {
   text line_end;
   add_text(line_end, "%s\n", wipe_to_line_end);
-  add_text(to, "%s", go_home);
-  add_lines(onto, shown, text_of(line_end), to);
-  add_text(to, "%s%s", wipe_to_line_end, wipe_to_page_end);
+  add_text(output, "%s", go_home);
+  add_lines(output, screen, page, text_of(line_end));
+  add_text(output, "%s%s", wipe_to_line_end, wipe_to_page_end);
   free_rows(line_end);
 }
 
-void start_redrawing(const screen &onto) {
+void start_redrawing(const screen &screen) {
   text sequence;
-  add_text(sequence, "%s", onto.is_terminal ? open_window : "");
+  add_text(sequence, "%s", screen.is_terminal ? open_window : "");
   write_out(sequence);
   free_rows(sequence);
 }
 
-void end_redrawing(const screen &onto) {
+void end_redrawing(const screen &screen) {
   text sequence;
-  add_text(sequence, "%s", onto.is_terminal ? close_window : "");
+  add_text(sequence, "%s", screen.is_terminal ? close_window : "");
   write_out(sequence);
   free_rows(sequence);
 }

@@ -15,12 +15,12 @@ struct screen {
 screen measure_screen(bool is_redrawn);
 
 // Writes the page at the cursor; lines wider than the window are cut, lines beyond it are counted on the last one.
-void add_page(const screen &onto, const page &shown, text &to);
+void add_page(text &output, const screen &screen, const page &page);
 
 // Hide and show the cursor and begin in the upper left corner; what an earlier page left behind is wiped.
-void add_redrawn_page(const screen &onto, const page &shown, text &to);
-void start_redrawing(const screen &onto);
-void end_redrawing(const screen &onto);
+void add_redrawn_page(text &output, const screen &screen, const page &page);
+void start_redrawing(const screen &screen);
+void end_redrawing(const screen &screen);
 
 // Writes everything to standard output. Returns whether it went through.
 bool write_out(const text &content);

@@ -1,9 +1,10 @@
 #include "status/snapshot.h"
 
+#include "status/clock.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
-#include <ctime>
 
 namespace {
 
@@ -50,16 +51,21 @@ stream_kind kind_of(const daemon_state &state, const cache_row &entry) {
   return has_listener(state, entry.group) ? stream_kind::wanted : stream_kind::left_over;
 }
 
+double seconds_between(const traffic_sample &before, const traffic_sample &now) {
+  constexpr double milliseconds_per_second = 1000.0;
+  return static_cast<double>(now.milliseconds - before.milliseconds) / milliseconds_per_second;
+}
+
 // A counter that went back belongs to an entry that was made anew: it counts from zero.
 double per_second(std::uint64_t before, std::uint64_t now, double seconds) {
   const std::uint64_t gained = now >= before ? now - before : now;
   return seconds > 0 ? static_cast<double>(gained) / seconds : 0.0;
 }
 
-void set_rates(const traffic_sample &before, const traffic_sample &now, stream_row &stream) {
+void set_rates(stream_row &stream, const traffic_sample &before, const traffic_sample &now) {
   for (const cache_row &earlier : all_rows(before.entries)) {
     if (is_same_entry(earlier, *stream.entry)) {
-      const double seconds = now.seconds - before.seconds;
+      const double seconds = seconds_between(before, now);
       stream.bits_per_second = per_second(earlier.bytes, stream.entry->bytes, seconds) * bits_per_byte;
       stream.packets_per_second = per_second(earlier.packets, stream.entry->packets, seconds);
       return;
@@ -77,7 +83,7 @@ const mif_row *mif_of(const traffic_sample &now, const interface_text &name) {
 }
 
 // The daemon lists its upstream interface last, since it links it first.
-void join_interfaces(const daemon_state &state, const traffic_sample &now, snapshot &joined) {
+void join_interfaces(snapshot &joined, const daemon_state &state, const traffic_sample &now) {
   for (const interface_counters &counters : all_rows(state.interfaces)) {
     add_row(joined.interfaces, interface_row{counters, false, mif_of(now, counters.name)});
   }
@@ -94,7 +100,7 @@ void add_group(snapshot &joined, const group_text &group) {
   }
 }
 
-void join_groups(const daemon_state &state, const traffic_sample &now, snapshot &joined) {
+void join_groups(snapshot &joined, const daemon_state &state, const traffic_sample &now) {
   for (const group_line &line : all_rows(state.groups)) {
     add_group(joined, line.group);
   }
@@ -106,7 +112,7 @@ void join_groups(const daemon_state &state, const traffic_sample &now, snapshot 
       [](const group_row &left, const group_row &right) { return compare_addresses(left.group, right.group) < 0; });
 }
 
-void join_listeners(const daemon_state &state, group_row &group, snapshot &joined) {
+void join_listeners(snapshot &joined, const daemon_state &state, group_row &group) {
   group.first_listener = joined.listeners.count;
   for (const group_line &line : all_rows(state.groups)) {
     if (is_same(line.group, group.group)) {
@@ -116,13 +122,13 @@ void join_listeners(const daemon_state &state, group_row &group, snapshot &joine
   group.listener_count = joined.listeners.count - group.first_listener;
 }
 
-void join_streams(const daemon_state &state, const traffic_sample &before, const traffic_sample &now, group_row &group,
-                  snapshot &joined) {
+void join_streams(snapshot &joined, const daemon_state &state, const traffic_sample &before, const traffic_sample &now,
+                  group_row &group) {
   group.first_stream = joined.streams.count;
   for (const cache_row &entry : all_rows(now.entries)) {
     if (is_same(entry.group, group.group)) {
       stream_row &stream = add_row(joined.streams, stream_row{kind_of(state, entry), &entry, 0, 0});
-      set_rates(before, now, stream);
+      set_rates(stream, before, now);
       joined.fastest_bits_per_second = std::max(joined.fastest_bits_per_second, stream.bits_per_second);
     }
   }
@@ -132,51 +138,46 @@ void join_streams(const daemon_state &state, const traffic_sample &before, const
   group.stream_count = joined.streams.count - group.first_stream;
 }
 
-bool read_table(pid_t daemon, const char *name, text &table) {
+bool read_table(text &table, pid_t daemon, const char *name) {
   std::array<char, 64> path;
   std::snprintf(path.data(), path.size(), "/proc/%d/net/%s", static_cast<int>(daemon), name);
-  return read_file(path.data(), table);
+  return read_file(table, path.data());
 }
 
 } // namespace
 
-double monotonic_seconds() {
-  constexpr double nanoseconds_per_second = 1e9;
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / nanoseconds_per_second;
-}
-
-bool read_traffic(pid_t daemon, traffic_sample &sample) {
+bool read_traffic(traffic_sample &sample, pid_t daemon) {
   clear_rows(sample.mifs);
   clear_rows(sample.entries);
   text table;
-  const bool has_mifs = read_table(daemon, "ip6_mr_vif", table);
+  const bool has_mifs = read_table(table, daemon, "ip6_mr_vif");
   if (has_mifs) {
-    parse_mif_table(text_of(table), sample.mifs);
+    parse_mif_table(sample.mifs, text_of(table));
   }
-  const bool has_entries = has_mifs && read_table(daemon, "ip6_mr_cache", table);
-  sample.seconds = monotonic_seconds();
+  const bool has_entries = has_mifs && read_table(table, daemon, "ip6_mr_cache");
+  sample.milliseconds = monotonic_milliseconds();
   if (has_entries) {
-    parse_cache_table(text_of(table), sample.entries);
+    parse_cache_table(sample.entries, text_of(table));
   }
   free_rows(table);
   return has_entries;
 }
 
-void join_snapshot(const process_facts &daemon, const daemon_state &state, const traffic_sample &before,
-                   const traffic_sample &now, snapshot &joined) {
+void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_state &state,
+                   const traffic_sample &before, const traffic_sample &now) {
   joined.daemon = daemon;
   clear_rows(joined.interfaces);
   clear_rows(joined.listeners);
   clear_rows(joined.streams);
   clear_rows(joined.groups);
+  joined.mifs = &now.mifs;
   joined.has_rates = &before != &now;
+  joined.sample_seconds = seconds_between(before, now);
   joined.fastest_bits_per_second = 0;
-  join_interfaces(state, now, joined);
-  join_groups(state, now, joined);
+  join_interfaces(joined, state, now);
+  join_groups(joined, state, now);
   for (group_row &group : all_rows(joined.groups)) {
-    join_listeners(state, group, joined);
-    join_streams(state, before, now, group, joined);
+    join_listeners(joined, state, group);
+    join_streams(joined, state, before, now, group);
   }
 }

@@ -9,7 +9,7 @@
 
 // The kernel's tables with the time of reading, for rates.
 struct traffic_sample {
-  double seconds; // monotonic
+  std::int64_t milliseconds; // monotonic_milliseconds() at the reading
   rows_of<mif_row> mifs;
   rows_of<cache_row> entries;
 };
@@ -50,15 +50,15 @@ struct snapshot {
   rows_of<group_line> listeners; // ordered by group
   rows_of<stream_row> streams;   // ordered by group
   rows_of<group_row> groups;     // by address, the static tree last
+  const rows_of<mif_row> *mifs;  // of the newer sample
   bool has_rates;                // an earlier moment was there to compare with
+  double sample_seconds;         // between the two moments
   double fastest_bits_per_second;
 };
 
 // Reads the tables of the daemon's network namespace. Returns false when the kernel keeps none; errno says why.
-bool read_traffic(pid_t daemon, traffic_sample &sample);
+bool read_traffic(traffic_sample &sample, pid_t daemon);
 
 // Joins. `joined` points into `now`, which must outlive it. With `before` and `now` the same sample there are no rates.
-void join_snapshot(const process_facts &daemon, const daemon_state &state, const traffic_sample &before,
-                   const traffic_sample &now, snapshot &joined);
-
-double monotonic_seconds();
+void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_state &state,
+                   const traffic_sample &before, const traffic_sample &now);

@@ -33,5 +33,5 @@ struct group_line {
 };
 
 // Each parses a whole file and adds what it holds.
-void parse_type_messages(const char *file, rows_of<interface_counters> &interfaces);
-void parse_join_state(const char *file, rows_of<group_line> &groups);
+void parse_type_messages(rows_of<interface_counters> &interfaces, const char *file);
+void parse_join_state(rows_of<group_line> &groups, const char *file);

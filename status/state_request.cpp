@@ -1,5 +1,7 @@
 #include "status/state_request.h"
 
+#include "status/clock.h"
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -20,14 +22,6 @@ struct file_progress {
   bool is_whole;   // closed after the last change
   bool is_changed; // since this was last cleared
 };
-
-long now_milliseconds() {
-  constexpr long milliseconds_per_second = 1000;
-  constexpr long nanoseconds_per_millisecond = 1000000;
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long>(now.tv_sec) * milliseconds_per_second + now.tv_nsec / nanoseconds_per_millisecond;
-}
 
 void note_event(const inotify_event &event, const char *name, file_progress &progress) {
   const bool is_last = std::strcmp(name, last_closed_file) == 0;
@@ -60,13 +54,13 @@ state_answer read_state(daemon_state &state) {
   clear_rows(state.interfaces);
   clear_rows(state.groups);
   text content;
-  const bool has_interfaces = read_file(TYPE_MESSAGES_PATH, content);
+  const bool has_interfaces = read_file(content, TYPE_MESSAGES_PATH);
   if (has_interfaces) {
-    parse_type_messages(text_of(content), state.interfaces);
+    parse_type_messages(state.interfaces, text_of(content));
   }
-  const bool has_groups = has_interfaces && read_file(JOIN_STATE_PATH, content);
+  const bool has_groups = has_interfaces && read_file(content, JOIN_STATE_PATH);
   if (has_groups) {
-    parse_join_state(text_of(content), state.groups);
+    parse_join_state(state.groups, text_of(content));
   }
   const int reason = errno;
   free_rows(content);
@@ -75,10 +69,10 @@ state_answer read_state(daemon_state &state) {
 }
 
 // Reads again when another dump began under the reader's hands.
-state_answer wait_and_read(int notifications, daemon_state &state) {
+state_answer wait_and_read(daemon_state &state, int notifications) {
   file_progress progress{false, false};
-  const long deadline = now_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;
-  for (long left = ANSWER_DEADLINE_MILLISECONDS; left > 0; left = deadline - now_milliseconds()) {
+  const std::int64_t deadline = monotonic_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;
+  for (std::int64_t left = ANSWER_DEADLINE_MILLISECONDS; left > 0; left = deadline - monotonic_milliseconds()) {
     pollfd waiting{notifications, POLLIN, 0};
     if (!progress.is_whole && poll(&waiting, 1, static_cast<int>(left)) < 0) {
       return state_answer::no_answer; // interrupted: the caller looks whether it is to end
@@ -99,24 +93,24 @@ state_answer wait_and_read(int notifications, daemon_state &state) {
   return state_answer::no_answer;
 }
 
-state_answer signal_and_read(pid_t daemon, int notifications, daemon_state &state) {
+state_answer signal_and_read(daemon_state &state, pid_t daemon, int notifications) {
   if (inotify_add_watch(notifications, state_folder, IN_CLOSE_WRITE | IN_MODIFY) < 0) {
     return state_answer::cannot_watch;
   }
   if (kill(daemon, SIGUSR1) != 0) {
     return state_answer::cannot_signal;
   }
-  return wait_and_read(notifications, state);
+  return wait_and_read(state, notifications);
 }
 
 } // namespace
 
-state_answer ask_for_state(pid_t daemon, daemon_state &state) {
+state_answer ask_for_state(daemon_state &state, pid_t daemon) {
   const int notifications = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   if (notifications < 0) {
     return state_answer::cannot_watch;
   }
-  const state_answer answer = signal_and_read(daemon, notifications, state);
+  const state_answer answer = signal_and_read(state, daemon, notifications);
   const int reason = errno;
   close(notifications);
   errno = reason;

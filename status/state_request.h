@@ -22,7 +22,7 @@ struct daemon_state {
 
 // Sends SIGUSR1, waits until the daemon has closed the file that it closes last, and reads both files into `state`
 // (emptied first). A dump for somebody else that comes in between is as good as the own one.
-state_answer ask_for_state(pid_t daemon, daemon_state &state);
+state_answer ask_for_state(daemon_state &state, pid_t daemon);
 
 // Seconds since a state file was written; -1 if there is none.
 long seconds_since_written(const char *path);

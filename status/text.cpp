@@ -64,7 +64,7 @@ std::size_t bytes_of_columns(const char *utf8, std::size_t columns) {
   return bytes;
 }
 
-bool read_file(const char *path, text &content) {
+bool read_file(text &content, const char *path) {
   constexpr std::size_t step_bytes = 4096;
   clear_rows(content);
   const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);

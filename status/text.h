@@ -7,7 +7,7 @@
 #include <span>
 #include <type_traits>
 
-// Records in one block that doubles when it is full. Plain records only; memory ends with the program or `clear_rows`.
+// Records in one block that doubles when it is full. Plain records only; `free_rows` gives the block back.
 template <typename record> struct rows_of {
   static_assert(std::is_trivially_copyable_v<record>);
   record *first = nullptr;
@@ -70,4 +70,4 @@ std::size_t columns_of(const char *utf8);
 std::size_t bytes_of_columns(const char *utf8, std::size_t columns);
 
 // Reads a whole file into `content` (emptied first). Returns whether it could be read; errno says why not.
-bool read_file(const char *path, text &content);
+bool read_file(text &content, const char *path);

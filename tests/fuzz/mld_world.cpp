@@ -8,6 +8,7 @@
 #include "mld/mld_router.h"
 #include "mld/mld_shutdown.h"
 #include "mld/mld_socket.h"
+#include "mld/mld_start_up.h"
 #include "mld/mld_timers.h"
 #include "mld/mld_wire.h"
 #include "mute_kernel.h"

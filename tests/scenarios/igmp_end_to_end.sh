@@ -82,7 +82,7 @@ logged() { grep -q "$1" "$lab_folder/$proxy_log"; }
 start_proxy() {
   proxy_log=$1
   shift
-  lab_start_in_router "$proxy_log" igmp_runner -u wan0 "$@"
+  lab_start_in_router "$proxy_log" igmp_router -u wan0 "$@"
   proxy_pid=$lab_pid
   lab_wait 10 vif_is_registered br0
 }

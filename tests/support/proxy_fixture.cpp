@@ -8,6 +8,7 @@
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
 #include "mld/mld_receive.h"
+#include "mld/mld_start_up.h"
 #include "mld/mld_timers.h"
 #include "mld/mld_wire.h"
 
@@ -99,6 +100,8 @@ std::string text(const ipv6_address &address) {
   return buffer;
 }
 
+int length(const indexed_list &of) { return length(of.records); }
+
 int length(const list &of) {
   int count = 0;
   for (const list_node *node = list_get_head(&of); node != nullptr; node = list_get_next(node)) {
@@ -189,11 +192,11 @@ mld_fixture::~mld_fixture() {
     }
   };
   while (auto *intr = list_pop<mld_interface>(&MldRouter.interfaces)) {
-    while (auto *group = list_pop<mld_group>(&intr->groups)) {
+    while (auto *group = list_pop<mld_group>(&intr->groups.records)) {
       free_all(&group->queries);
       my_free(group);
     }
-    free_all(&intr->hosts);
+    free_all(&intr->hosts.records);
     my_free(intr);
   }
   free_all(&MldRouter.free_groups);

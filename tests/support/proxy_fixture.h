@@ -93,6 +93,7 @@ struct owned_record {
 owned_record record(int type, const std::string &group, const lines &sources = {});
 
 int length(const list &of);
+int length(const indexed_list &of);
 std::string text(const ipv6_address &address);
 
 // What must hold whatever happened: no state 0 on a group list, no record on two lists, no more slots than there are,

@@ -2,6 +2,7 @@
 
 #include "core/settings.h"
 #include "fixture.h"
+#include "mld/mld_start_up.h"
 
 #include <algorithm>
 

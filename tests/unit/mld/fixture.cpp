@@ -46,7 +46,7 @@ mld_report_fixture::mld_report_fixture() {
 }
 
 mld_report_fixture::~mld_report_fixture() {
-  const auto keep = [this](const list &records) {
+  const auto keep = [this](const auto &records) {
     for (list_node *node = list_get_head(&records); node != nullptr; node = list_get_next(node)) {
       host_records.erase(node);
     }
@@ -73,7 +73,7 @@ void mld_report_fixture::given_host(mld_interface *intr, const std::string &grou
   made->host = address(host);
   made->source = address(source);
   made->host_state = 2;
-  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key);
+  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key(made));
 }
 
 void mld_report_fixture::when_ticked_quietly(int ticks) {

@@ -1,6 +1,6 @@
 #include "fixture.h"
+#include "mld/mld_filter.h"
 #include "mld/mld_group.h"
-#include "mld/mld_v2_records.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
 #include "fixture.h"
-#include "mld/mld_v2_records.h"
+#include "mld/mld_filter.h"
 
 namespace {
 

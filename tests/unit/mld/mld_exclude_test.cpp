@@ -1,4 +1,4 @@
-#include "mld/mld_v2_records.h"
+#include "mld/mld_filter.h"
 
 #include "fixture.h"
 #include "mld/mld_group.h"

@@ -131,4 +131,48 @@ TEST_F(mld_group_records, impossible_source_counts_are_kept_within_the_slots) {
   group->source_count = 0;
 }
 
+TEST_F(mld_group_records, group_is_found_by_all_sixteen_bytes) {
+  mld_group *second = given_group(br0, "ff0e::2");
+  mld_group *first = given_group(br0, "ff0e::1");
+  given_group(lan1, "ff0e::4");
+  EXPECT_EQ(mld_find_group(br0, address("ff0e::1")), first);
+  EXPECT_EQ(mld_find_group(br0, address("ff0e::2")), second);
+  for (const char *unknown : {"ff0e::3", "ff0e::4", "ff0f::1", "ff0e:0:0:0:1::1", "::"}) {
+    EXPECT_EQ(mld_find_group(br0, address(unknown)), nullptr) << unknown;
+  }
+}
+
+TEST_F(mld_group_records, any_source_slot_lasts_from_eleven_seconds_on) {
+  mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1", "::"});
+  for (const auto &[seconds, lasts] : {std::pair{360, true}, {11, true}, {10, false}, {0, false}, {-1, false}}) {
+    group->sources[1].source_timer = seconds;
+    EXPECT_EQ(mld_has_lasting_any_source(group), lasts) << seconds;
+  }
+  EXPECT_FALSE(mld_has_lasting_any_source(given_group(br0, "ff0e::2", {"2001:db8::1"})));
+  EXPECT_FALSE(mld_has_lasting_any_source(given_group(br0, "ff0e::3")));
+}
+
+TEST_F(mld_group_records, checking_sets_state_and_timers_and_leaves_the_slots_alone) {
+  mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1"});
+  group->retransmit_word = 9;
+  mld_start_checking(group, 1);
+  EXPECT_EQ(group->state, MLD_GROUP_CHECKING_MEMBERSHIP);
+  EXPECT_EQ(group->group_timer, 2);
+  EXPECT_EQ(group->retransmit_word, 0u);
+  EXPECT_EQ(group->retransmit_timer, 1);
+  EXPECT_EQ(group->sources[0].source_timer, 360);
+}
+
+TEST_F(mld_group_records, group_that_is_not_on_the_list_stays_and_is_named_in_the_log) {
+  mld_group *group = given_group(br0, "ff0e::1");
+  bool is_off = true;
+  when([&] { is_off = mld_take_off(MLD_STEP_OF("mld_ender"), lan1, group); });
+  then({logged_error("mld_ender", "Group Removal of " + log_text("ff0e::1") + " unsuccesful.")});
+  EXPECT_FALSE(is_off);
+  run([&] { is_off = mld_take_off(MLD_STEP_OF("mld_ender"), br0, group); });
+  mld_release_group(group);
+  then({});
+  EXPECT_TRUE(is_off);
+}
+
 } // namespace

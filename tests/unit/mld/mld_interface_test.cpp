@@ -53,8 +53,8 @@ TEST_F(mld_discovery, downstream_record_is_filled_and_starts_as_querier) {
   EXPECT_EQ(intr->query_timer, 0);
   EXPECT_EQ(intr->other_querier_timer, 0);
   EXPECT_EQ(intr->join_count + intr->leave_count + intr->query_count + intr->timeout_count, 0u);
-  EXPECT_EQ(intr->groups.head, nullptr);
-  EXPECT_EQ(intr->hosts.head, nullptr);
+  EXPECT_EQ(list_get_head(&intr->groups), nullptr);
+  EXPECT_EQ(list_get_head(&intr->hosts), nullptr);
 }
 
 TEST_F(mld_discovery, no_membership_is_joined_on_any_interface) {

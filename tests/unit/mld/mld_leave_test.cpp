@@ -1,6 +1,6 @@
 #include "fixture.h"
 #include "mld/mld_group.h"
-#include "mld/mld_source_group.h"
+#include "mld/mld_leave.h"
 
 #include <cerrno>
 

@@ -1,7 +1,7 @@
 // Joins for listed sources: what an INCLUDE record with sources does.
 #include "fixture.h"
 #include "mld/mld_group.h"
-#include "mld/mld_source_group.h"
+#include "mld/mld_join.h"
 
 #include <cerrno>
 
@@ -12,7 +12,7 @@ using namespace scripted;
 struct mld_listed_sources_join : mld_report_fixture {
   void when_joined(const lines &sources, const std::string &sender = "fe80::a") {
     owned_record given = record(3, "ff0e::1", sources);
-    when([&] { mld_router_v2_add_src_group(br0, given.view(), joined_sources::listed, address(sender)); });
+    when([&] { mld_router_v2_add_src_group(br0, given.view(), mld_joined_sources::listed, address(sender)); });
   }
 };
 

@@ -1,8 +1,8 @@
 #include "mld/mld_retransmission.h"
 
+#include "mld/mld_filter.h"
 #include "mld/mld_group.h"
-#include "mld/mld_source_group.h"
-#include "mld/mld_v2_records.h"
+#include "mld/mld_leave.h"
 #include "tests/support/proxy_fixture.h"
 
 #include <algorithm>

@@ -3,6 +3,7 @@
 #include "core/memory.h"
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
+#include "mld/mld_start_up.h"
 #include "start_fixture.h"
 #include "tests/support/failing_unlink.h"
 

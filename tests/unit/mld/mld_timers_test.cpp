@@ -211,7 +211,7 @@ TEST_F(mld_timers, group_whose_timer_ran_out_is_left_and_the_snooping_program_to
   when_ticked();
   then(expired_on_br0("ff0e::1"));
   EXPECT_EQ(file_contents("/tmp/tarnwick_leave_record"), "grp=ff0e::1\n");
-  EXPECT_EQ(br0->groups.head, nullptr);
+  EXPECT_EQ(list_get_head(&br0->groups), nullptr);
   EXPECT_EQ(list_get_head(&MldRouter.free_groups), &group->link);
   EXPECT_EQ(group->state, MLD_GROUP_NO_MEMBERS);
 }

@@ -1,7 +1,8 @@
 // A record that cannot be taken off its list: the step ends there, says so, and nothing is lost.
 #include "fixture.h"
 #include "mld/mld_host.h"
-#include "mld/mld_source_group.h"
+#include "mld/mld_join.h"
+#include "mld/mld_leave.h"
 #include "tests/support/failing_unlink.h"
 
 namespace {
@@ -27,7 +28,7 @@ TEST_F(mld_unlink_failure, idle_group_is_neither_dropped_nor_created_afresh) {
   given_group(br0, "ff0e::1", {"::"});
   UnlinksToFail = 1;
   owned_record given = record(4, "ff0e::1");
-  when([&] { mld_router_v2_add_src_group(br0, given.view(), joined_sources::all, address("fe80::a")); });
+  when([&] { mld_router_v2_add_src_group(br0, given.view(), mld_joined_sources::all, address("fe80::a")); });
   constexpr char add_src[] = "mld_router_v2_add_src_group";
   then(together({{logged_debug(add_src, "group retransmit_timer < 0, drop this group: " + log_text("ff0e::1"))},
                  host_looked_up("fe80::a", "::"),

@@ -16,7 +16,7 @@ bool parse(std::vector<std::string> words, status_options &options) {
   }
   arguments.push_back(nullptr);
   optind = 0; // glibc: begin anew
-  return parse_status_options(static_cast<int>(words.size()), arguments.data(), options);
+  return parse_status_options(options, static_cast<int>(words.size()), arguments.data());
 }
 
 TEST(status_options, table_is_shown_once_without_options) {

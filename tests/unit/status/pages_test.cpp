@@ -37,18 +37,18 @@ constexpr char source_entry[] = "ff3e:0000:0000:0000:0000:0000:8000:0001 2001:0d
 constexpr char tree_entry[] = "0000:0000:0000:0000:0000:0000:0000:0000 0000:0000:0000:0000:0000:0000:0000:0000 2 ";
 
 void given_mifs(moment &shown) {
-  parse_mif_table(" 2 wan0 2000000 2000 0 0 00000\n 3 br0 0 0 1500000 1500 00000\n 4 lan1 0 0 0 0 00000\n",
-                  shown.now.mifs);
+  parse_mif_table(shown.now.mifs,
+                  " 2 wan0 2000000 2000 0 0 00000\n 3 br0 0 0 1500000 1500 00000\n 4 lan1 0 0 0 0 00000\n");
 }
 
 void given_state(moment &shown, const char *type_messages, const char *join_state) {
-  parse_type_messages(type_messages, shown.state.interfaces);
-  parse_join_state(join_state, shown.state.groups);
+  parse_type_messages(shown.state.interfaces, type_messages);
+  parse_join_state(shown.state.groups, join_state);
 }
 
-void given_entries(traffic_sample &sample, double seconds, const std::string &rows) {
-  sample.seconds = seconds;
-  parse_cache_table(rows.c_str(), sample.entries);
+void given_entries(traffic_sample &sample, std::int64_t milliseconds, const std::string &rows) {
+  sample.milliseconds = milliseconds;
+  parse_cache_table(sample.entries, rows.c_str());
 }
 
 constexpr char three_interfaces[] = "[MLD]ifname: lan1 query: 0 join: 1 leave: 0 timeout: 0\n"
@@ -61,17 +61,17 @@ void given_two_streams(moment &shown) {
               "ifname: lan1 group: ff0e::101 average: 7\n"
               "ifname: br0 group: ff3e::8000:1 average: 12\n"
               "ifname: br0 group: ff0e::101 average: 42\n");
-  given_entries(shown.before, 10.0,
+  given_entries(shown.before, 10000,
                 std::string(any_entry) + "1000 1000000 0 3:1 4:1\n" + source_entry + "1 100 0 3:1\n");
-  given_entries(shown.now, 11.0,
+  given_entries(shown.now, 11000,
                 std::string(tree_entry) + "0 0 0 2:1\n" + source_entry + "251 125100 0 3:1\n" + any_entry +
                     "2000 2000000 0 3:1 4:1\n");
 }
 
 std::vector<std::string> page_of(moment &shown, bool is_utf8 = false) {
-  join_snapshot(shown.daemon, shown.state, shown.before, shown.now, shown.joined);
+  join_snapshot(shown.joined, shown.daemon, shown.state, shown.before, shown.now);
   page built;
-  add_report(shown.joined, shown.now.mifs, is_utf8, built);
+  add_report(built, shown.joined, is_utf8);
   std::vector<std::string> lines;
   for (const page_line &line : all_rows(built.lines)) {
     lines.emplace_back(line_text(built, line));
@@ -106,7 +106,7 @@ TEST(status_report, missing_static_tree_is_named_as_the_reason) {
   moment shown;
   given_mifs(shown);
   given_state(shown, three_interfaces, "ifname: br0 group: ff0e::101 average: 1\n");
-  given_entries(shown.now, 11.0, std::string(any_entry) + "0 0 0 3:1\n");
+  given_entries(shown.now, 11000, std::string(any_entry) + "0 0 0 3:1\n");
   EXPECT_EQ(page_of(shown).back(), "The static tree is missing, so any-source groups do not flow on a mainline kernel: "
                                    "start tarnwick-assist.");
 }
@@ -124,7 +124,7 @@ TEST(status_report, entry_whose_listener_is_gone_and_waiting_packets_are_told_ap
   moment shown;
   given_mifs(shown);
   given_state(shown, three_interfaces, "");
-  given_entries(shown.now, 11.0,
+  given_entries(shown.now, 11000,
                 std::string(any_entry) +
                     "9 9 0 3:1\n"
                     "ff0e:0000:0000:0000:0000:0000:0000:0909 2001:0db8:0002:0000:0000:0000:0000:0010 -1 0 0 0\n");
@@ -136,7 +136,7 @@ TEST(status_report, entry_whose_listener_is_gone_and_waiting_packets_are_told_ap
 TEST(status_report, first_look_has_no_rates) {
   moment shown;
   given_two_streams(shown);
-  join_snapshot(shown.daemon, shown.state, shown.now, shown.now, shown.joined);
+  join_snapshot(shown.joined, shown.daemon, shown.state, shown.now, shown.now);
   EXPECT_FALSE(shown.joined.has_rates);
 }
 
@@ -144,8 +144,8 @@ TEST(status_report, entry_made_anew_counts_from_zero) {
   moment shown;
   given_mifs(shown);
   given_state(shown, three_interfaces, "ifname: br0 group: ff0e::101 average: 1\n");
-  given_entries(shown.before, 10.0, std::string(any_entry) + "900000 900000 0 3:1\n");
-  given_entries(shown.now, 12.0, std::string(any_entry) + "10 2000 0 3:1\n");
+  given_entries(shown.before, 10000, std::string(any_entry) + "900000 900000 0 3:1\n");
+  given_entries(shown.now, 12000, std::string(any_entry) + "10 2000 0 3:1\n");
   page_of(shown);
   EXPECT_DOUBLE_EQ(shown.joined.streams.first[0].bits_per_second, 8000.0);
   EXPECT_DOUBLE_EQ(shown.joined.streams.first[0].packets_per_second, 5.0);
@@ -165,7 +165,7 @@ TEST(status_json, every_figure_stands_in_one_object) {
   given_two_streams(shown);
   page_of(shown);
   text built;
-  add_json(shown.joined, shown.now.mifs, 1.0, built);
+  add_json(built, shown.joined);
   EXPECT_STREQ(text_of(built),
                R"({"pid":4711,"running_seconds":0,"sample_seconds":1.000,"interfaces":[)"
                R"({"name":"wan0","protocol":"MLD","role":"upstream","queries":4,"joins":0,"leaves":0,"timeouts":0,)"
@@ -192,7 +192,7 @@ TEST(status_json, odd_interface_names_are_escaped) {
   given_state(shown, "[MLD]ifname: a\"b\\c\x01 query: 0 join: 0 leave: 0 timeout: 0\n", "");
   page_of(shown);
   text built;
-  add_json(shown.joined, shown.now.mifs, 1.0, built);
+  add_json(built, shown.joined);
   EXPECT_NE(std::string(text_of(built)).find(R"("name":"a\"b\\c\u0001")"), std::string::npos) << text_of(built);
   free_rows(built);
 }
@@ -233,7 +233,7 @@ struct test_page : page {
 
 std::string drawn(const screen &onto, const page &shown) {
   text content;
-  add_page(onto, shown, content);
+  add_page(content, onto, shown);
   const std::string result = text_of(content);
   free_rows(content);
   return result;

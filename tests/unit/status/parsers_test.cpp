@@ -25,15 +25,14 @@ constexpr char cache_heading[] =
 
 rows_of<cache_row> entries_of(const std::string &rows) {
   rows_of<cache_row> entries;
-  parse_cache_table((cache_heading + rows).c_str(), entries);
+  parse_cache_table(entries, (cache_heading + rows).c_str());
   return entries;
 }
 
 TEST(status_state_files, counters_of_every_interface_are_read_in_the_order_of_the_file) {
   rows_of<interface_counters> interfaces;
-  parse_type_messages("[MLD]ifname: br0 query: 1 join: 22 leave: 3 timeout: 4\n"
-                      "[IGMP]ifname: eth0.100 query: 0 join: 0 leave: 0 timeout: -1\n",
-                      interfaces);
+  parse_type_messages(interfaces, "[MLD]ifname: br0 query: 1 join: 22 leave: 3 timeout: 4\n"
+                                  "[IGMP]ifname: eth0.100 query: 0 join: 0 leave: 0 timeout: -1\n");
   ASSERT_EQ(interfaces.count, 2U);
   EXPECT_STREQ(interfaces.first[0].protocol.data(), "MLD");
   EXPECT_STREQ(interfaces.first[0].name.data(), "br0");
@@ -49,10 +48,10 @@ TEST(status_state_files, counters_of_every_interface_are_read_in_the_order_of_th
 
 TEST(status_state_files, lines_that_make_no_sense_are_passed_over) {
   rows_of<interface_counters> interfaces;
-  parse_type_messages("\n[MLD]ifname: br0 query: 1 join: 2 leave: 3\nnonsense\n"
+  parse_type_messages(interfaces,
+                      "\n[MLD]ifname: br0 query: 1 join: 2 leave: 3\nnonsense\n"
                       "[MLD]ifname: a-name-of-far-too-many-characters query: 1 join: 2 leave: 3 timeout: 4\n"
-                      "[MLD]ifname: br1 query: 1 join: 2 leave: 3 timeout: 4",
-                      interfaces);
+                      "[MLD]ifname: br1 query: 1 join: 2 leave: 3 timeout: 4");
   ASSERT_EQ(interfaces.count, 1U);
   EXPECT_STREQ(interfaces.first[0].name.data(), "br1");
   free_rows(interfaces);
@@ -60,7 +59,7 @@ TEST(status_state_files, lines_that_make_no_sense_are_passed_over) {
 
 TEST(status_state_files, groups_are_read_with_interface_and_average) {
   rows_of<group_line> groups;
-  parse_join_state("ifname: br0 group: ff0e::1:2:3 average: 42\nifname: br0 group: average: 1\n", groups);
+  parse_join_state(groups, "ifname: br0 group: ff0e::1:2:3 average: 42\nifname: br0 group: average: 1\n");
   ASSERT_EQ(groups.count, 1U);
   EXPECT_STREQ(groups.first[0].interface.data(), "br0");
   EXPECT_STREQ(groups.first[0].group.data(), "ff0e::1:2:3");
@@ -70,7 +69,7 @@ TEST(status_state_files, groups_are_read_with_interface_and_average) {
 
 TEST(status_kernel_tables, heading_is_no_interface) {
   rows_of<mif_row> mifs;
-  parse_mif_table(mif_table, mifs);
+  parse_mif_table(mifs, mif_table);
   ASSERT_EQ(mifs.count, 2U);
   EXPECT_EQ(mifs.first[0].number, 3);
   EXPECT_STREQ(mifs.first[0].name.data(), "wan0");
@@ -122,16 +121,16 @@ TEST(status_lines, line_longer_than_the_buffer_is_cut_and_the_next_one_found) {
   const std::string all = longer + "\nsecond";
   const char *place = all.c_str();
   line_buffer line;
-  ASSERT_TRUE(next_line(place, line));
+  ASSERT_TRUE(next_line(line, place));
   EXPECT_EQ(std::string(line.data()), longer.substr(0, line.size() - 1));
-  ASSERT_TRUE(next_line(place, line));
+  ASSERT_TRUE(next_line(line, place));
   EXPECT_STREQ(line.data(), "second");
-  EXPECT_FALSE(next_line(place, line));
+  EXPECT_FALSE(next_line(line, place));
 }
 
 TEST(status_daemon_process, name_with_blanks_and_brackets_is_read_to_its_last_bracket) {
   process_facts facts{};
-  ASSERT_TRUE(parse_process_stat("7 (a) (b) S 12 7 7 0 -1 4194560 1 0 0 0 3 4 0 0 20 0 1 0 98765 1 2", facts));
+  ASSERT_TRUE(parse_process_stat(facts, "7 (a) (b) S 12 7 7 0 -1 4194560 1 0 0 0 3 4 0 0 20 0 1 0 98765 1 2"));
   EXPECT_STREQ(facts.name.data(), "a) (b");
   EXPECT_EQ(facts.parent, 12);
   EXPECT_EQ(facts.start_ticks, 98765U);
@@ -139,10 +138,10 @@ TEST(status_daemon_process, name_with_blanks_and_brackets_is_read_to_its_last_br
 
 TEST(status_daemon_process, stat_that_makes_no_sense_is_refused) {
   process_facts facts{};
-  EXPECT_FALSE(parse_process_stat("", facts));
-  EXPECT_FALSE(parse_process_stat("7 )tarnwick(", facts));
-  EXPECT_FALSE(parse_process_stat("7 (tarnwick) S", facts));
-  EXPECT_FALSE(parse_process_stat("7 (a-name-of-sixteen) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 9 1", facts));
+  EXPECT_FALSE(parse_process_stat(facts, ""));
+  EXPECT_FALSE(parse_process_stat(facts, "7 )tarnwick("));
+  EXPECT_FALSE(parse_process_stat(facts, "7 (tarnwick) S"));
+  EXPECT_FALSE(parse_process_stat(facts, "7 (a-name-of-sixteen) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 9 1"));
 }
 
 // A row of /proc/PID/status: bit n - 1 stands for signal n, and the numbers differ between processors.
@@ -167,12 +166,12 @@ TEST(status_daemon_process, process_counts_as_ready_only_with_a_handler_for_the_
 TEST(status_daemon_process, own_process_is_read) {
   process_facts facts;
   std::signal(SIGUSR1, SIG_DFL);
-  ASSERT_TRUE(read_process(getpid(), facts));
+  ASSERT_TRUE(read_process(facts, getpid()));
   EXPECT_FALSE(facts.catches_dump_signal);
   EXPECT_EQ(facts.parent, getppid());
   EXPECT_EQ(facts.network, own_network_namespace());
   std::signal(SIGUSR1, [](int) {});
-  ASSERT_TRUE(read_process(getpid(), facts));
+  ASSERT_TRUE(read_process(facts, getpid()));
   EXPECT_TRUE(facts.catches_dump_signal);
   std::signal(SIGUSR1, SIG_DFL);
 }
@@ -186,7 +185,7 @@ daemon_search search(std::initializer_list<process_facts> processes, process_fac
   for (const process_facts &process : processes) {
     add_row(daemons, process);
   }
-  const daemon_search found = choose_daemon(daemons, 100, chosen);
+  const daemon_search found = choose_daemon(chosen, daemons, 100);
   free_rows(daemons);
   return found;
 }

@@ -1,11 +1,10 @@
-#include "mld/mld_v2_records.h"
+#include "mld/mld_filter.h"
 
 #include "mld/mld_forwarding.h"
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
+#include "mld/mld_join.h"
 #include "mld/mld_membership.h"
-#include "mld/mld_options.h"
-#include "mld/mld_source_group.h"
 
 #include <algorithm>
 
@@ -13,15 +12,9 @@
 
 namespace {
 
-constexpr std::size_t max_handled_sources = MLD_MAX_SOURCES;
-
-std::int32_t membership_seconds() { return static_cast<std::int32_t>(MldRouter.group_membership_interval); }
-
-std::int32_t source_seconds() { return static_cast<std::int32_t>(MldRouter.source_interval); }
-
 // Allow and block handle no more sources than a group can hold. Logs a record that has none.
 std::size_t handled_sources(log_site site, const mld_record &record) {
-  const std::size_t count = std::min(mld_record_source_count(record), max_handled_sources);
+  const std::size_t count = std::min(mld_record_source_count(record), std::size_t{MLD_MAX_SOURCES});
   if (count == 0) {
     log_debug(site, "No sources need to be added.");
   }
@@ -64,7 +57,7 @@ enum class excluded_source {
 
 // `is_known_group`: the group was there before this record.
 excluded_source mark_known_source(mld_group *group, mld_source *slot, bool is_known_group, const ipv6_address &sender) {
-  slot->source_timer = source_seconds();
+  slot->source_timer = mld_source_seconds();
   if (!is_known_group || sender == In6AddrAny) {
     slot->forward = 0;
     return excluded_source::left;
@@ -75,7 +68,7 @@ excluded_source mark_known_source(mld_group *group, mld_source *slot, bool is_kn
   if (group->state == MLD_GROUP_CHECKING_MEMBERSHIP) {
     group->state = MLD_GROUP_MEMBERS_PRESENT;
   }
-  group->group_timer = membership_seconds();
+  group->group_timer = mld_membership_seconds();
   return excluded_source::refreshed;
 }
 
@@ -93,17 +86,14 @@ excluded_source mark_new_source(mld_group *group, const ipv6_address &source) {
 // both, so the source still arrives here if another interface keeps it flowing; other interfaces lose the group's
 // stream until their next report.
 void renew_entries(const mld_interface *intr, const mld_group *group, const ipv6_address &source, bool is_left) {
-  mf6cctl request = mld_mfc_request(source, group->group);
-  mld_set_output(request, intr->vif_index);
+  mld_outputs only_here{};
+  mld_set_output(only_here, intr->vif_index);
   if (is_left) {
     mld_leave_source(EXCLUDE_HERE, request_log::both, group->group, source);
   }
-  if (!kernel_request(EXCLUDE_HERE, request_log::either, MldRouter.socket, MLD_OPTION_MRT6_ADD_MFC, request) ||
-      !is_left) {
-    return;
+  if (mld_add_entry(EXCLUDE_HERE, source, group->group, only_here) && is_left) {
+    mld_add_entry(EXCLUDE_HERE, In6AddrAny, group->group, only_here);
   }
-  request.mf6cc_origin.sin6_addr = to_in6_addr(In6AddrAny);
-  kernel_request(EXCLUDE_HERE, request_log::either, MldRouter.socket, MLD_OPTION_MRT6_ADD_MFC, request);
 }
 
 void exclude_source(const mld_interface *intr, mld_group *group, const ipv6_address &source, bool is_known_group,
@@ -118,7 +108,7 @@ void exclude_source(const mld_interface *intr, mld_group *group, const ipv6_addr
   if (group->state == MLD_GROUP_CHECKING_MEMBERSHIP) {
     group->state = MLD_GROUP_MEMBERS_PRESENT;
   }
-  group->group_timer = membership_seconds();
+  group->group_timer = mld_membership_seconds();
   renew_entries(intr, group, source, outcome == excluded_source::left);
 }
 
@@ -126,28 +116,19 @@ void exclude_source(const mld_interface *intr, mld_group *group, const ipv6_addr
 void allow_source(mld_group *group, const ipv6_address &source, bool has_any_source) {
   mld_source *slot = mld_find_source(group, source);
   if (slot != nullptr) {
-    slot->source_timer = source_seconds();
+    slot->source_timer = mld_source_seconds();
     slot->forward = 1;
   } else {
     if (mld_append_source(group, source, 1) == nullptr) {
       return; // all ten slots are taken
     }
-    group->group_timer = membership_seconds();
+    group->group_timer = mld_membership_seconds();
     group->retransmit_word = 0;
     group->retransmit_timer = 0;
   }
   if (!has_any_source) {
     mldv2_add_src_membership(group, source);
   }
-}
-
-// The slots keep their timers: a source that other hosts refreshed lately is not even asked for.
-void check_blocked_group(mld_group *group) {
-  group->retransmit_word = 0;
-  group->retransmit_timer = static_cast<std::int32_t>(MldRouter.last_member_query_interval);
-  group->group_timer =
-      static_cast<std::int32_t>(MldRouter.last_member_query_count * MldRouter.last_member_query_interval);
-  group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
 }
 
 } // namespace
@@ -158,7 +139,7 @@ void mld_router_v2_exclude_group(mld_interface *intr, const mld_record &record, 
   const bool is_known_group = mld_find_group(intr, address) != nullptr;
   if (!is_known_group) {
     MldBlock = 1;
-    mld_router_v2_add_src_group(intr, record, joined_sources::listed, sender);
+    mld_router_v2_add_src_group(intr, record, mld_joined_sources::listed, sender);
   }
   mld_group *group = mld_find_group(intr, address);
   if (group == nullptr) {
@@ -176,15 +157,14 @@ void mld_router_v2_allow_new_sources(mld_interface *intr, const mld_record &reco
   if (count == 0) {
     return;
   }
-  log_debug(MLD_HERE, "nsrcs = %d", static_cast<int>(count));
+  log_debug(MLD_HERE, "nsrcs = %d", to_int32(count));
   const ipv6_address address = mld_record_group(record);
   if (is_skipped(MLD_HERE, address)) {
     return;
   }
   mld_group *group = find_recorded_group(MLD_HERE, intr, address);
   if (group == nullptr) {
-    // A host that allows sources of a group nobody knew gets them.
-    mld_router_v2_add_src_group(intr, record, joined_sources::listed, sender);
+    mld_router_v2_add_src_group(intr, record, mld_joined_sources::listed, sender);
     return;
   }
   const bool has_any_source = mld_find_source(group, In6AddrAny) != nullptr;
@@ -222,7 +202,7 @@ void mld_router_v2_block_old_sources(mld_interface *intr, const mld_record &reco
   for (std::size_t i = 0; i < count; ++i) {
     const ipv6_address source = take_source(record, i, sender);
     log_debug(MLD_HERE, "Block the source: %s", ADDRESS_TEXT(source));
-    log_debug(MLD_HERE, "Add %d queries to queue.", static_cast<int>(MldRouter.last_member_query_count - 1));
+    log_debug(MLD_HERE, "Add %d queries to queue.", to_int32(MldRouter.last_member_query_count - 1));
     if (!mld_queue_queries(group)) {
       log_error(MLD_HERE, " No more free queries available.");
       return;
@@ -230,7 +210,8 @@ void mld_router_v2_block_old_sources(mld_interface *intr, const mld_record &reco
     if (mld_find_source(group, source) == nullptr) {
       continue; // the query is queued all the same, and waits until the group is checked
     }
-    check_blocked_group(group);
+    // The slots keep their timers: a source that other hosts refreshed lately is not even asked for.
+    mld_start_checking(group, to_int32(MldRouter.last_member_query_interval));
     log_debug(MLD_HERE, "group: %s, set retransmit_timer = %d", ADDRESS_TEXT(group->group), group->retransmit_timer);
   }
 }

@@ -1,22 +1,16 @@
-// Runs the IGMP proxy in mode 4to4 on a big-endian board, where its native words are the addresses on the wire:
+// A router that runs the IGMP proxy in mode 4to4. docs/igmp.md tells what has to be true of the machine: it must be
+// big-endian, and its interfaces must be numbered so that slot and index agree.
 //
-//   igmp_runner -u <upstream interface> [-i <interface to ignore>]... [-t <seconds to run at most>]
+//   igmp_router -u <upstream interface> [-i <interface to ignore>]... [-t <seconds to run at most>]
 //               [-m <milliseconds that a second takes, for timers of minutes>]
 //
-// Ends on SIGTERM or after the given time; SIGUSR1 writes the state files. On the kernel it does one thing that the
-// proxy does not: it adds the entry (0.0.0.0, 0.0.0.0) with the upstream VIF as parent and only output, without which a
-// mainline kernel forwards nothing by the entries for any source. Only the socket that has claimed routing may do so.
-//
-// The proxy writes outputs at slots of its device index table and the kernel reads them by interface index. For a
-// stream to reach the LAN, its index must be the number of interfaces with IPv4 addresses that stand before it in the
-// kernel's list, loopback not counted: register wan0 with index 10, a spare interface with index 11, then the LAN with
-// index 2 ("ip link add lan0 index 2 ..."), an address on each.
+// Ends on SIGTERM or after the given time; SIGUSR1 writes the state files.
+#include "igmp/igmp_router.h"
 #include "core/settings.h"
 #include "core/state_dump.h"
 #include "igmp/igmp_forwarding.h"
 #include "igmp/igmp_interface.h"
 #include "igmp/igmp_receive.h"
-#include "igmp/igmp_router.h"
 #include "igmp/igmp_shutdown.h"
 #include "igmp/igmp_socket.h"
 #include "igmp/igmp_timers.h"
@@ -68,6 +62,8 @@ bool start() {
          igmp_create_network_list() == 0 && igmp_check_upstream_interface() == 0;
 }
 
+// Without the entry (0.0.0.0, 0.0.0.0), with the upstream VIF as parent and only output, a mainline kernel forwards
+// nothing by the proxy's entries, which are for any source. Only the socket that has claimed routing may add it.
 bool add_static_entry() {
   constexpr unsigned char no_output = 255;
   mfcctl request = igmp_mfc_request(InAddrAny);
@@ -110,7 +106,7 @@ void run_until_stopped() {
 int main(int argc, char **argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   if (!parse_options(argc, argv)) {
-    std::fputs("usage: igmp_runner -u <upstream interface> [-i <interface to ignore>]... [-t <seconds>] [-m <ms>]\n",
+    std::fputs("usage: igmp_router -u <upstream interface> [-i <interface to ignore>]... [-t <seconds>] [-m <ms>]\n",
                stderr);
     return EXIT_FAILURE;
   }
@@ -120,7 +116,7 @@ int main(int argc, char **argv) {
     return EXIT_FAILURE;
   }
   if (!add_static_entry()) {
-    std::perror("igmp_runner: static forwarding entry");
+    std::perror("igmp_router: static forwarding entry");
     igmp_proxy_stop();
     return EXIT_FAILURE;
   }

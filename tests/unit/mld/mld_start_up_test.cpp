@@ -1,4 +1,4 @@
-#include "mld/mld_router.h"
+#include "mld/mld_start_up.h"
 
 #include "mld/mld_group.h"
 #include "start_fixture.h"

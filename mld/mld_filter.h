@@ -1,4 +1,4 @@
-// The three record kinds that are more than a join or a leave: EXCLUDE with sources, ALLOW and BLOCK.
+// What hosts change in the sources of a group: EXCLUDE with sources, ALLOW and BLOCK.
 #pragma once
 
 #include "mld/mld_record.h"

@@ -1,5 +1,5 @@
 // Joins for all sources: what an EXCLUDE record without sources does.
-#include "mld/mld_source_group.h"
+#include "mld/mld_join.h"
 
 #include "fixture.h"
 #include "mld/mld_group.h"
@@ -13,7 +13,7 @@ using namespace scripted;
 struct mld_all_sources_join : mld_report_fixture {
   void when_joined(const std::string &group, const std::string &sender = "fe80::a") {
     owned_record given = record(4, group);
-    when([&] { mld_router_v2_add_src_group(br0, given.view(), joined_sources::all, address(sender)); });
+    when([&] { mld_router_v2_add_src_group(br0, given.view(), mld_joined_sources::all, address(sender)); });
   }
 
   // The sources of an idle group, none of them reported for a while.
