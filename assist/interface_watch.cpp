@@ -1,5 +1,6 @@
 #include "assist/interface_watch.h"
 
+#include "assist/group_watch.h"
 #include "assist/membership.h"
 #include "assist/notification_socket.h"
 #include "assist/report.h"
@@ -52,12 +53,23 @@ void leave(watched_interface &downstream) {
   downstream.refusal = 0;
 }
 
-void look_for_mif(const watched_interface &upstream) {
-  const std::int32_t mc_forwarding = ask_mc_forwarding(upstream.index);
+void handle_mc_forwarding(std::int32_t mc_forwarding) {
   if (mc_forwarding > 0) {
     handle_mif_registered();
+    InterfaceWatch.is_table_due = true;
   } else if (mc_forwarding == 0) {
+    InterfaceWatch.is_table_due = false;
+    handle_groups_released();
     handle_mif_released();
+  }
+}
+
+void look_for_mif(const watched_interface &upstream) { handle_mc_forwarding(ask_mc_forwarding(upstream.index)); }
+
+void read_table_if_due() {
+  if (InterfaceWatch.is_table_due) {
+    InterfaceWatch.is_table_due = false;
+    handle_groups_upstream(StaticEntry.index);
   }
 }
 
@@ -84,8 +96,10 @@ void wait_for(watched_interface &missing) {
 
 void handle_lost(watched_interface &lost) {
   if (lost.is_upstream) {
+    handle_groups_released();
     handle_upstream_gone();
   } else {
+    forget_listeners_on(place_of(lost));
     leave(lost);
   }
   lost.index = 0;
@@ -110,10 +124,8 @@ void handle_ipv6(watched_interface &watched, const notification &told) {
     if (!watched.is_joined) {
       join(watched);
     }
-  } else if (told.mc_forwarding > 0) {
-    handle_mif_registered();
-  } else if (told.mc_forwarding == 0) {
-    handle_mif_released();
+  } else {
+    handle_mc_forwarding(told.mc_forwarding);
   }
 }
 
@@ -151,6 +163,15 @@ const watched_interface *find_downstream(std::uint32_t index) {
   return nullptr;
 }
 
+const watched_interface *downstream_at(std::size_t place) {
+  const std::size_t at = place + 1; // behind the upstream
+  return at < InterfaceWatch.count ? &InterfaceWatch.interfaces[at] : nullptr;
+}
+
+std::size_t place_of(const watched_interface &downstream) {
+  return static_cast<std::size_t>(&downstream - &InterfaceWatch.interfaces[1]);
+}
+
 void start_watch(const assist_options &options, int routing_socket) {
   choose_remedies(options.without);
   InterfaceWatch = {};
@@ -159,6 +180,7 @@ void start_watch(const assist_options &options, int routing_socket) {
   for (const interface_name &name : std::span{options.downstreams}.first(options.downstream_count)) {
     watch(name, false);
   }
+  start_group_watch(routing_socket);
   StaticEntry = {};
   StaticEntry.socket = routing_socket;
   StaticEntry.upstream = options.upstream;
@@ -181,6 +203,7 @@ void look_at_everything() {
       join(watched);
     }
   }
+  read_table_if_due();
 }
 
 void handle_notification(const notification &told) {
@@ -189,7 +212,11 @@ void handle_notification(const notification &told) {
     return;
   case notification_kind::entry_there:
   case notification_kind::entry_gone:
-    handle_entry_notification(told);
+    if (is_static_entry(told)) {
+      handle_entry_notification(told);
+    } else {
+      watch_group_entry(told);
+    }
     return;
   default:
     if (told.index != 0) {
@@ -197,10 +224,12 @@ void handle_notification(const notification &told) {
         handle_for(watched, told);
       }
     }
+    read_table_if_due();
   }
 }
 
 void stop_watch() {
+  stop_group_watch();
   remove_static_entry();
   for (watched_interface &watched : watched_interfaces()) {
     if (!watched.is_upstream && watched.index != 0) {

@@ -88,9 +88,10 @@ def is_listening(program):
     return bool(catches_tick) and status["State"].startswith("S")
 
 
-def start_companion(lab, downstream="br0", wait=True):
+def start_companion(lab, downstream="br0", wait=True, without=()):
     """The companion that a mainline kernel needs; with `wait` it returns once both of its works are done."""
-    companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream)
+    left_out = [f"--without={remedy}" for remedy in without]
+    companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream, *left_out)
     if not wait:
         return companion
 
