@@ -2,6 +2,7 @@
 
 #include "assist/group_watch.h"
 #include "assist/interface_watch.h"
+#include "assist/querier.h"
 #include "assist/retry.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@ namespace {
 constexpr std::int64_t longest_wait_ms = 3600000;
 
 // The earliest of all parts but the retry.
-std::int64_t next_deadline_ms() { return next_group_deadline_ms(); }
+std::int64_t next_deadline_ms() { return std::min(next_query_ms(), next_group_deadline_ms()); }
 
 } // namespace
 
@@ -30,4 +31,5 @@ void handle_deadlines() {
     look_at_everything();
   }
   handle_group_deadlines();
+  send_due_queries();
 }

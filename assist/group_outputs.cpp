@@ -50,6 +50,7 @@ void write_outputs(watched_group &group, cache_entry &entry, mif_set outputs) {
     return;
   }
   entry.outputs = outputs;
+  group.is_changed = true;
   set_awaits_own_message(group, &entry, true);
 }
 
@@ -58,6 +59,7 @@ void renew_shield(watched_group &group) {
     return;
   }
   group.has_shield = put_shield(GroupOutputs.socket, group.group);
+  group.is_changed |= group.has_shield;
   if (!group.has_shield) {
     note_refusal("shield an entry");
   }

@@ -31,6 +31,7 @@ struct watched_group {
   std::uint8_t leaving;             // bit per interface: the last message heard was a leave
   std::uint8_t own_deletes;         // of ours about (::, G), whose notifications have not been read
   bool is_used;
+  bool is_changed; // one of its entries was written by us, and stays when tarnwick ends
   bool has_shield;
   std::uint8_t entry_count;
   std::array<cache_entry, MOST_ENTRIES> entries;

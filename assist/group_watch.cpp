@@ -95,14 +95,16 @@ mif_set wanted_outputs(const watched_group &group, const cache_entry &entry, mif
   return is_on(remedy::add_outputs) ? told | (entry.outputs & standing_on(group)) : told;
 }
 
-void handle_entry_written(watched_group &group, cache_entry &entry, mif_set told) {
+// This and the next return whether the change was tarnwick's.
+bool handle_entry_written(watched_group &group, cache_entry &entry, mif_set told) {
   if (awaits_own_message(group, &entry)) {
-    if (told == entry.outputs) {
+    const bool is_own = told == entry.outputs;
+    if (is_own) {
       set_awaits_own_message(group, &entry, false);
     } else {
       handle_overwritten(group, entry, told);
     }
-    return;
+    return !is_own;
   }
   const mif_set wanted = wanted_outputs(group, entry, told);
   learn_listeners(group, told);
@@ -119,18 +121,19 @@ void handle_entry_written(watched_group &group, cache_entry &entry, mif_set told
     group.gone_at = NOT_TIMED;
     renew_shield(group);
   }
+  return true;
 }
 
-void handle_any_source_deleted(watched_group &group, const cache_entry *entry, bool is_shield) {
+bool handle_any_source_deleted(watched_group &group, const cache_entry *entry, bool is_shield) {
   if (is_shield) {
     group.has_shield = false;
   } else if (group.own_deletes > 0) {
     --group.own_deletes;
     free_if_empty(group);
-    return;
+    return false;
   }
   if (entry == nullptr) {
-    return;
+    return false; // what is left of a shield that was ours to delete
   }
   if (is_on(remedy::bridge_refresh)) {
     group.gone_at = tenths_now() + rewrite_tenths;
@@ -138,20 +141,25 @@ void handle_any_source_deleted(watched_group &group, const cache_entry *entry, b
     remove_entry(group, entry);
     free_if_empty(group);
   }
+  return true;
 }
 
-void handle_entry_deleted(const notification &told) {
+bool handle_entry_deleted(notification &told) {
+  const bool is_shield = told.input == 0;
   watched_group *group = find_watched_group(told.group);
   if (group == nullptr) {
-    return;
+    return !is_shield;
   }
   const cache_entry *entry = find_entry(*group, told.origin);
   if (told.origin == In6AddrAny) {
-    handle_any_source_deleted(*group, entry, told.input == 0);
-  } else if (entry != nullptr) {
+    told.outputs = is_shield && entry != nullptr ? entry->outputs : told.outputs;
+    return handle_any_source_deleted(*group, entry, is_shield);
+  }
+  if (entry != nullptr) {
     remove_entry(*group, entry);
     free_if_empty(*group);
   }
+  return true;
 }
 
 void end_any_source(watched_group &group) {
@@ -218,7 +226,7 @@ void handle_groups_upstream(std::uint32_t upstream_index) {
 
 void handle_groups_released() {
   for (watched_group &group : watched_groups()) {
-    if (!group.is_used) {
+    if (!group.is_used || !group.is_changed) {
       continue;
     }
     for (const cache_entry &entry : entries_of(group)) {
@@ -250,17 +258,21 @@ void forget_listeners_on(std::size_t place) {
   }
 }
 
-void watch_group_entry(const notification &told) {
+bool watch_group_entry(notification &told) {
+  const bool is_shield = told.input == 0; // it is never registered
   if (GroupOutputs.upstream == 0 || told.group[0] != IPV6_MULTICAST_FIRST_BYTE) {
-    return;
+    return !is_shield;
   }
   if (told.kind == notification_kind::entry_gone) {
-    handle_entry_deleted(told);
-  } else if (told.input == GroupOutputs.upstream) { // a shield has no registered input
-    watched_group &group = find_or_take(told.group);
-    cache_entry *entry = find_entry(group, told.origin);
-    handle_entry_written(group, entry != nullptr ? *entry : *add_entry(group, told.origin), told.outputs);
+    return handle_entry_deleted(told);
   }
+  if (told.input != GroupOutputs.upstream) {
+    return !is_shield;
+  }
+  watched_group &group = find_or_take(told.group);
+  group.is_changed |= told.is_static;
+  cache_entry *entry = find_entry(group, told.origin);
+  return handle_entry_written(group, entry != nullptr ? *entry : *add_entry(group, told.origin), told.outputs);
 }
 
 std::int64_t next_group_deadline_ms() {

@@ -23,8 +23,9 @@ void stop_group_watch();
 // A downstream interface has gone, by its place on the command line.
 void forget_listeners_on(std::size_t place);
 
-// A notification about the entry of a group, or a row of the kernel's table.
-void watch_group_entry(const notification &told);
+// A notification about the entry of a group, or a row of the kernel's table. Returns whether tarnwick, not this
+// program, made the change. A shield that tarnwick deleted is told with the outputs of the entry behind it.
+bool watch_group_entry(notification &told);
 
 // An MLD message of a host on the downstream interface that stands at `place` on the command line.
 void handle_listener_message(mld_message &message, std::size_t place);

@@ -1,5 +1,6 @@
 #include "assist/interface_watch.h"
 
+#include "assist/group_question.h"
 #include "assist/group_watch.h"
 #include "assist/membership.h"
 #include "assist/notification_socket.h"
@@ -15,10 +16,6 @@ interface_watch InterfaceWatch{};
 
 namespace {
 
-std::span<watched_interface> watched_interfaces() {
-  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
-}
-
 void watch(const interface_name &name, bool is_upstream) {
   watched_interface &added = InterfaceWatch.interfaces[InterfaceWatch.count++];
   added = {};
@@ -33,6 +30,7 @@ void join(watched_interface &downstream) {
     downstream.refusal = 0;
     if (!was_joined) {
       say("joined ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
+      start_querier(downstream);
     }
     return;
   }
@@ -49,8 +47,15 @@ void leave(watched_interface &downstream) {
   if (downstream.is_joined) {
     say("left ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
   }
+  stop_querier(downstream);
   downstream.is_joined = false;
   downstream.refusal = 0;
+}
+
+// The daemon has ended or begins anew.
+void forget_daemon() {
+  handle_mif_released();
+  forget_ends();
 }
 
 void handle_mc_forwarding(std::int32_t mc_forwarding) {
@@ -60,7 +65,7 @@ void handle_mc_forwarding(std::int32_t mc_forwarding) {
   } else if (mc_forwarding == 0) {
     InterfaceWatch.is_table_due = false;
     handle_groups_released();
-    handle_mif_released();
+    forget_daemon();
   }
 }
 
@@ -112,6 +117,8 @@ void handle_link(watched_interface &watched, const notification &told) {
     }
     if (watched.index == 0) {
       handle_found(watched, told.index);
+    } else {
+      hurry_querier(watched);
     }
   } else if (watched.index == told.index) { // renamed
     handle_lost(watched);
@@ -132,7 +139,7 @@ void handle_ipv6(watched_interface &watched, const notification &told) {
 // Memberships end with the interface's IPv6 side; the MIF may stand on, but nothing is forwarded there.
 void handle_ipv6_gone(watched_interface &watched) {
   if (watched.is_upstream) {
-    handle_mif_released();
+    forget_daemon();
   } else {
     leave(watched);
   }
@@ -154,8 +161,12 @@ void handle_for(watched_interface &watched, const notification &told) {
 
 } // namespace
 
-const watched_interface *find_downstream(std::uint32_t index) {
-  for (const watched_interface &watched : watched_interfaces()) {
+std::span<watched_interface> watched_interfaces() {
+  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
+}
+
+watched_interface *find_downstream(std::uint32_t index) {
+  for (watched_interface &watched : watched_interfaces()) {
     if (!watched.is_upstream && watched.index != 0 && watched.index == index) {
       return &watched;
     }
@@ -172,10 +183,12 @@ std::size_t place_of(const watched_interface &downstream) {
   return static_cast<std::size_t>(&downstream - &InterfaceWatch.interfaces[1]);
 }
 
-void start_watch(const assist_options &options, int routing_socket) {
+void start_watch(const assist_options &options, int routing_socket, int mld_socket) {
   choose_remedies(options.without);
   InterfaceWatch = {};
   InterfaceWatch.routing_socket = routing_socket;
+  InterfaceWatch.mld_socket = mld_socket;
+  forget_questions();
   watch(options.upstream, true);
   for (const interface_name &name : std::span{options.downstreams}.first(options.downstream_count)) {
     watch(name, false);
@@ -214,8 +227,8 @@ void handle_notification(const notification &told) {
   case notification_kind::entry_gone:
     if (is_static_entry(told)) {
       handle_entry_notification(told);
-    } else {
-      watch_group_entry(told);
+    } else if (notification change = told; watch_group_entry(change)) {
+      handle_group_entry(change);
     }
     return;
   default:

@@ -22,12 +22,14 @@ void set_leaving(watched_group &group, std::size_t place, bool leaving) {
   group.leaving = static_cast<std::uint8_t>(leaving ? others | bit : others);
 }
 
-void shorten(watched_group &group, std::size_t place, tenths end, tenths further) {
+// However many messages come, the end is no later than that of silence.
+void shorten(watched_group &group, std::size_t place, tenths end, tenths further, tenths now) {
   tenths &ends_at = group.ends_at[place];
   if (ends_at == NOT_TIMED) {
     return; // tarnwick has not the group there
   }
-  ends_at = is_leaving(group, place) ? std::max(ends_at + further, end) : end;
+  const tenths later = is_leaving(group, place) ? std::max(ends_at + further, end) : end;
+  ends_at = std::min(later, end_of_silence(now));
   set_leaving(group, place, true);
 }
 
@@ -41,10 +43,10 @@ void time_join(watched_group &group, std::size_t place, tenths now) {
 }
 
 void time_leave(watched_group &group, std::size_t place, tenths now) {
-  shorten(group, place, now + leave + after_latest, another_query);
+  shorten(group, place, now + leave + after_latest, another_query, now);
 }
 
 void time_block(watched_group &group, std::size_t place, std::size_t source_count, tenths now) {
   const tenths queries = static_cast<tenths>(source_count) * another_query;
-  shorten(group, place, now + block - another_query + queries + after_latest, queries);
+  shorten(group, place, now + block - another_query + queries + after_latest, queries, now);
 }

@@ -21,7 +21,7 @@ int assist(const assist_options &options) {
   if (mld < 0) {
     return EXIT_FAILURE;
   }
-  start_watch(options, routing);
+  start_watch(options, routing, mld);
   const int status = run_until_stopped({stop_signals, notifications, mld});
   stop_watch();
   close(mld);

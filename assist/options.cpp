@@ -44,8 +44,7 @@ constexpr char help_text[] =
     "  add-outputs       let a stream into a second LAN that asks for it\n"
     "  remove-outputs    keep a stream out of a LAN that lost its group while another LAN watches\n"
     "  clear-left-groups keep a stream out of every LAN when all have left its group\n"
-    "  shield-static-entry\n"
-    "                    keep changes from the entry that any-source streams need\n"
+    "  shield-static     keep changes from the static entry, which any-source streams need\n"
     "\n"
     "Interfaces that are not there yet are waited for. Needs CAP_NET_ADMIN and CAP_NET_RAW.\n";
 

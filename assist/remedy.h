@@ -19,7 +19,7 @@ enum class remedy : std::uint8_t {
 
 inline constexpr std::array<std::string_view, 8> REMEDY_NAMES{
     "ask-after-leave", "ask-after-end",  "general-queries",   "bridge-refresh",
-    "add-outputs",     "remove-outputs", "clear-left-groups", "shield-static-entry"};
+    "add-outputs",     "remove-outputs", "clear-left-groups", "shield-static"};
 
 // By remedy: true = switched off on the command line.
 using remedies_off = std::array<bool, REMEDY_NAMES.size()>;

@@ -12,7 +12,8 @@ static_entry StaticEntry{};
 namespace {
 
 constexpr std::int64_t second_ms = 1000;
-constexpr int most_copies = 8; // more were never seen; bounds the asking
+constexpr std::int32_t most_said_repairs = 16; // in a second; a host can make the daemon change the entry at any rate
+constexpr int most_copies = 8;                 // more were never seen; bounds the asking
 // Processor time of this process within a second after which repairs wait for the next one. Whoever changes the entry
 // faster must not keep a processor busy through us.
 constexpr std::int64_t most_repair_us = 100'000;
@@ -48,7 +49,9 @@ void add_static_entry(const char *what_was_done) {
   StaticEntry.refusal = 0;
   StaticEntry.is_added = true;
   StaticEntry.awaits_own_message = true;
-  say("%s the static entry (::, ::) for MIF %u, %s", what_was_done, StaticEntry.index, StaticEntry.upstream.data());
+  if (StaticEntry.repairs_said < most_said_repairs) {
+    say("%s the static entry (::, ::) for MIF %u, %s", what_was_done, StaticEntry.index, StaticEntry.upstream.data());
+  }
 }
 
 bool is_right(const notification &told) {
@@ -68,6 +71,7 @@ bool may_repair_now() {
     StaticEntry.second_began_ms = now_ms;
     StaticEntry.used_before_us = processor_us();
     StaticEntry.is_waiting = false;
+    StaticEntry.repairs_said = 0;
   }
   return processor_us() - StaticEntry.used_before_us <= most_repair_us;
 }
@@ -75,6 +79,7 @@ bool may_repair_now() {
 void repair_entry() {
   if (may_repair_now()) {
     add_static_entry("repaired");
+    ++StaticEntry.repairs_said;
     return;
   }
   if (!StaticEntry.is_waiting) {

@@ -8,15 +8,16 @@
 #include <cstdint>
 
 struct static_entry {
-  int socket;              // routing socket
-  interface_name upstream; // for the log
-  std::uint32_t index;     // upstream interface, 0 = not there
-  bool is_mif_registered;  // tarnwick has made the upstream a MIF
-  bool is_added;           // the entry is ours to take away
-  bool has_shield;         // a newer entry stands before it, which takes every change in its place
-  bool awaits_own_message; // our last request's own notification has not been read yet
-  std::int32_t refusal;    // errno of the last request that the kernel refused, 0 = none since
-  bool is_waiting;         // repairs have used up the processor time of the running second
+  int socket;                // routing socket
+  interface_name upstream;   // for the log
+  std::uint32_t index;       // upstream interface, 0 = not there
+  bool is_mif_registered;    // tarnwick has made the upstream a MIF
+  bool is_added;             // the entry is ours to take away
+  bool has_shield;           // a newer entry stands before it, which takes every change in its place
+  bool awaits_own_message;   // our last request's own notification has not been read yet
+  std::int32_t refusal;      // errno of the last request that the kernel refused, 0 = none since
+  bool is_waiting;           // repairs have used up the processor time of the running second
+  std::int32_t repairs_said; // within the running second
   std::int64_t second_began_ms;
   std::int64_t used_before_us; // processor time of this process when the second began
 };

@@ -297,7 +297,7 @@ def test_static_entry_stands_a_host_that_makes_the_daemon_overwrite_it(make_lab,
 
 
 def test_static_entry_without_a_shield_is_repaired_after_every_change(make_lab, record_property):
-    lab = start_lan(make_lab, "shield-static-entry")
+    lab = start_lan(make_lab, "shield-static")
     _seen, share = received_during_attack(lab, record_property)
     assert share < 0.2
     assert "repaired" in log_of(lab.companion)

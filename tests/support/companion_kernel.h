@@ -36,11 +36,16 @@ struct scripted_kernel {
   std::map<std::string, unsigned> indexes;         // interfaces that are there
   std::map<std::string, std::deque<int>> refusals; // by name of the option or call; 0 = accepted
   std::map<unsigned, std::int32_t> mc_forwarding;  // what is answered to RTM_GETNETCONF, by index
+  std::vector<std::byte> routes;                   // what is answered to RTM_GETROUTE
   std::deque<scripted_datagram> datagrams;         // then EAGAIN
+  std::map<unsigned, std::string> own_addresses;   // what is sent from, by interface index
+  std::vector<std::string> entries;                // "ORIGIN GROUP" of the forwarding cache
+  std::vector<std::vector<std::uint8_t>> queries;  // bytes of what was sent by sendmsg
   std::deque<scripted_mld> mld;                    // then EAGAIN
   std::vector<std::string> requests;
   std::vector<std::vector<std::byte>> sent;
   std::int64_t now_ms = 1'000'000;
+  std::int64_t used_us = 0; // processor time
 };
 
 extern scripted_kernel Kernel;
