@@ -17,9 +17,9 @@ enum class remedy : std::uint8_t {
   shield_static_entry // a shield takes changes of the static entry
 };
 
-inline constexpr std::array<std::string_view, 8> REMEDY_NAMES{
-    "ask-after-leave", "ask-after-end",  "general-queries",   "bridge-refresh",
-    "add-outputs",     "remove-outputs", "clear-left-groups", "shield-static"};
+inline constexpr std::array<std::string_view, 8> REMEDY_NAMES{"ask-after-leave",   "ask-after-end", "general-queries",
+                                                              "bridge-refresh",    "add-outputs",   "remove-outputs",
+                                                              "clear-left-groups", "shield-static"};
 
 // By remedy: true = switched off on the command line.
 using remedies_off = std::array<bool, REMEDY_NAMES.size()>;

@@ -17,7 +17,9 @@ const std::string DELETE_SHIELD = "MRT6_DEL_MFC_PROXY :: ff0e::1 parent 0 to";
 const std::string DELETE_BEHIND = "MRT6_DEL_MFC_PROXY :: ff0e::1 parent 3 to";
 
 std::string put_behind(const std::string &outputs) { return "MRT6_ADD_MFC_PROXY :: ff0e::1 parent 3 to" + outputs; }
-std::string put_source(const std::string &outputs) { return "MRT6_ADD_MFC " + SOURCE + " ff0e::1 parent 3 to" + outputs; }
+std::string put_source(const std::string &outputs) {
+  return "MRT6_ADD_MFC " + SOURCE + " ff0e::1 parent 3 to" + outputs;
+}
 
 byte_vector entry_of(int type, unsigned input, const std::vector<std::uint32_t> &outputs, const std::string &origin,
                      const std::string &group = GROUP) {
@@ -290,4 +292,7 @@ TEST_F(group_watch_of, group_beyond_the_last_record_takes_that_of_the_one_that_e
   EXPECT_NE(find_watched_group(address("ff0e::2")), nullptr);
 }
 
-TEST_F(group_watch_of, nothing_is_due_while_nothing_is_known) { EXPECT_EQ(next_group_deadline_ms(), NO_DEADLINE); }
+TEST_F(group_watch_of, nothing_is_due_while_nothing_is_known) {
+  given_companion();
+  EXPECT_EQ(next_group_deadline_ms(), NO_DEADLINE);
+}
