@@ -22,7 +22,8 @@ std::int64_t factor() {
 
 extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
   const long result = syscall(SYS_clock_gettime, clock, now);
-  const std::int64_t hurried_ns = (now->tv_sec * ns_per_second + now->tv_nsec) * (clock == CLOCK_MONOTONIC ? factor() : 1);
+  const std::int64_t hurried_ns =
+      (now->tv_sec * ns_per_second + now->tv_nsec) * (clock == CLOCK_MONOTONIC ? factor() : 1);
   *now = {static_cast<time_t>(hurried_ns / ns_per_second), static_cast<long>(hurried_ns % ns_per_second)};
   return static_cast<int>(result);
 }

@@ -2,8 +2,8 @@
 
 import ipaddress
 
-from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2, IPv6,
-                                IPv6ExtHdrHopByHop, RouterAlert)
+from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2,
+                                IPv6, IPv6ExtHdrHopByHop, RouterAlert)
 from scapy.layers.l2 import Ether
 
 from laboratory import HOST_LINK_LOCAL
