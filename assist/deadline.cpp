@@ -1,5 +1,6 @@
 #include "assist/deadline.h"
 
+#include "assist/group_watch.h"
 #include "assist/interface_watch.h"
 #include "assist/querier.h"
 #include "assist/retry.h"
@@ -11,7 +12,7 @@ namespace {
 constexpr std::int64_t longest_wait_ms = 3600000;
 
 // The earliest of all parts but the retry.
-std::int64_t next_deadline_ms() { return next_query_ms(); }
+std::int64_t next_deadline_ms() { return std::min(next_query_ms(), next_group_deadline_ms()); }
 
 } // namespace
 
@@ -29,5 +30,6 @@ void handle_deadlines() {
   if (take_due_retry()) {
     look_at_everything();
   }
+  handle_group_deadlines();
   send_due_queries();
 }

@@ -1,6 +1,7 @@
 #include "assist/interface_watch.h"
 
 #include "assist/group_question.h"
+#include "assist/group_watch.h"
 #include "assist/membership.h"
 #include "assist/notification_socket.h"
 #include "assist/report.h"
@@ -57,12 +58,23 @@ void forget_daemon() {
   forget_ends();
 }
 
-void look_for_mif(const watched_interface &upstream) {
-  const std::int32_t mc_forwarding = ask_mc_forwarding(upstream.index);
+void handle_mc_forwarding(std::int32_t mc_forwarding) {
   if (mc_forwarding > 0) {
     handle_mif_registered();
+    InterfaceWatch.is_table_due = true;
   } else if (mc_forwarding == 0) {
+    InterfaceWatch.is_table_due = false;
+    handle_groups_released();
     forget_daemon();
+  }
+}
+
+void look_for_mif(const watched_interface &upstream) { handle_mc_forwarding(ask_mc_forwarding(upstream.index)); }
+
+void read_table_if_due() {
+  if (InterfaceWatch.is_table_due) {
+    InterfaceWatch.is_table_due = false;
+    handle_groups_upstream(StaticEntry.index);
   }
 }
 
@@ -89,8 +101,10 @@ void wait_for(watched_interface &missing) {
 
 void handle_lost(watched_interface &lost) {
   if (lost.is_upstream) {
+    handle_groups_released();
     handle_upstream_gone();
   } else {
+    forget_listeners_on(place_of(lost));
     leave(lost);
   }
   lost.index = 0;
@@ -117,10 +131,8 @@ void handle_ipv6(watched_interface &watched, const notification &told) {
     if (!watched.is_joined) {
       join(watched);
     }
-  } else if (told.mc_forwarding > 0) {
-    handle_mif_registered();
-  } else if (told.mc_forwarding == 0) {
-    forget_daemon();
+  } else {
+    handle_mc_forwarding(told.mc_forwarding);
   }
 }
 
@@ -162,6 +174,15 @@ watched_interface *find_downstream(std::uint32_t index) {
   return nullptr;
 }
 
+const watched_interface *downstream_at(std::size_t place) {
+  const std::size_t at = place + 1; // behind the upstream
+  return at < InterfaceWatch.count ? &InterfaceWatch.interfaces[at] : nullptr;
+}
+
+std::size_t place_of(const watched_interface &downstream) {
+  return static_cast<std::size_t>(&downstream - &InterfaceWatch.interfaces[1]);
+}
+
 void start_watch(const assist_options &options, int routing_socket, int mld_socket) {
   choose_remedies(options.without);
   InterfaceWatch = {};
@@ -172,6 +193,7 @@ void start_watch(const assist_options &options, int routing_socket, int mld_sock
   for (const interface_name &name : std::span{options.downstreams}.first(options.downstream_count)) {
     watch(name, false);
   }
+  start_group_watch(routing_socket);
   StaticEntry = {};
   StaticEntry.socket = routing_socket;
   StaticEntry.upstream = options.upstream;
@@ -194,6 +216,7 @@ void look_at_everything() {
       join(watched);
     }
   }
+  read_table_if_due();
 }
 
 void handle_notification(const notification &told) {
@@ -204,8 +227,8 @@ void handle_notification(const notification &told) {
   case notification_kind::entry_gone:
     if (is_static_entry(told)) {
       handle_entry_notification(told);
-    } else {
-      handle_group_entry(told);
+    } else if (notification change = told; watch_group_entry(change)) {
+      handle_group_entry(change);
     }
     return;
   default:
@@ -214,10 +237,12 @@ void handle_notification(const notification &told) {
         handle_for(watched, told);
       }
     }
+    read_table_if_due();
   }
 }
 
 void stop_watch() {
+  stop_group_watch();
   remove_static_entry();
   for (watched_interface &watched : watched_interfaces()) {
     if (!watched.is_upstream && watched.index != 0) {

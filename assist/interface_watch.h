@@ -23,6 +23,7 @@ struct watched_interface {
 struct interface_watch {
   int routing_socket;
   int mld_socket;
+  bool is_table_due; // the upstream is a MIF, and the kernel's table is to be read once every interface was looked at
   std::array<watched_interface, MOST_DOWNSTREAMS + 1> interfaces; // the upstream first
   std::size_t count;
 };
@@ -33,6 +34,12 @@ std::span<watched_interface> watched_interfaces();
 
 // The downstream interface that has this index now, or null.
 watched_interface *find_downstream(std::uint32_t index);
+
+// The downstream interface at a place on the command line, from 0, or null.
+const watched_interface *downstream_at(std::size_t place);
+
+// Its place.
+std::size_t place_of(const watched_interface &downstream);
 
 // Fills the table and does what can be done already. Notifications must be coming in before this looks.
 void start_watch(const assist_options &options, int routing_socket, int mld_socket);

@@ -1,6 +1,7 @@
 #include "assist/mld_hearing.h"
 
 #include "assist/group_question.h"
+#include "assist/group_watch.h"
 #include "assist/interface_watch.h"
 #include "assist/querier.h"
 
@@ -11,4 +12,5 @@ void handle_mld_message(mld_message &message) {
   }
   hear_for_querier(*downstream, message);
   hear_for_questions(message);
+  handle_listener_message(message, place_of(*downstream));
 }

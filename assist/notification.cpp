@@ -60,6 +60,7 @@ void read_entry(netlink_bytes bytes, notification_kind kind, notification &told)
   if (!take_record(bytes, header) || header.rtm_family != RTNL_FAMILY_IP6MR) {
     return;
   }
+  told.is_static = header.rtm_protocol == RTPROT_STATIC;
   bool has_origin = false;
   bool has_group = false;
   for (netlink_attribute attribute; next_attribute(bytes, attribute);) {

@@ -25,6 +25,7 @@ struct notification {
   std::uint32_t input;        // interface index of the parent MIF, 0 = not registered
   std::uint32_t output_count;
   std::uint32_t outputs; // bit i = interface index i, for indexes below 32; tarnwick has MIFs on no others
+  bool is_static;        // somebody besides tarnwick has written the entry; the kernel keeps it when tarnwick ends
   ipv6_address origin;   // :: = all sources
   ipv6_address group;
 };

@@ -40,6 +40,11 @@ constexpr char help_text[] =
     "  ask-after-leave   ask who still listens 0.5 s after a host's leave\n"
     "  ask-after-end     ask again when tarnwick has ended a group\n"
     "  general-queries   ask each LAN every 125 s, unless another querier does\n"
+    "  bridge-refresh    keep any-source streams flowing while tarnwick makes their group anew\n"
+    "  add-outputs       let a stream into a second LAN that asks for it\n"
+    "  remove-outputs    keep a stream out of a LAN that lost its group while another LAN watches\n"
+    "  clear-left-groups keep a stream out of every LAN when all have left its group\n"
+    "  shield-static     keep changes from the static entry, which any-source streams need\n"
     "\n"
     "Interfaces that are not there yet are waited for. Needs CAP_NET_ADMIN and CAP_NET_RAW.\n";
 

@@ -35,6 +35,10 @@ std::string option_name(int level, int option) {
       return "MRT6_ADD_MFC";
     case MRT6_DEL_MFC:
       return "MRT6_DEL_MFC";
+    case MRT6_ADD_MFC_PROXY:
+      return "MRT6_ADD_MFC_PROXY";
+    case MRT6_DEL_MFC_PROXY:
+      return "MRT6_DEL_MFC_PROXY";
     case IPV6_RECVPKTINFO:
       return "IPV6_RECVPKTINFO";
     case IPV6_RECVHOPLIMIT:
@@ -130,6 +134,20 @@ bool is_refused(const std::string &call) {
   return errno != 0;
 }
 
+std::uint16_t type_of_question(const std::vector<std::byte> &question) {
+  nlmsghdr header;
+  std::memcpy(&header, question.data(), sizeof(header));
+  return header.nlmsg_type;
+}
+
+// A table comes in parts, then nothing waits any more.
+void answer_table_question() {
+  Kernel.datagrams.push_front({{}, EAGAIN});
+  if (!Kernel.routes.empty()) {
+    Kernel.datagrams.push_front({Kernel.routes});
+  }
+}
+
 void answer_netconf_question(const std::vector<std::byte> &question) {
   std::uint32_t index;
   std::memcpy(&index, question.data() + question.size() - sizeof(index), sizeof(index));
@@ -212,7 +230,11 @@ ssize_t __wrap_send(int, const void *bytes, size_t length, int) {
   }
   const std::byte *first = static_cast<const std::byte *>(bytes);
   Kernel.sent.emplace_back(first, first + length);
-  answer_netconf_question(Kernel.sent.back());
+  if (type_of_question(Kernel.sent.back()) == RTM_GETROUTE) {
+    answer_table_question();
+  } else {
+    answer_netconf_question(Kernel.sent.back());
+  }
   return static_cast<ssize_t>(length);
 }
 
@@ -334,7 +356,11 @@ unsigned __wrap_if_nametoindex(const char *name) {
   return found == Kernel.indexes.end() ? 0 : found->second;
 }
 
-int __wrap_clock_gettime(clockid_t, timespec *now) {
+int __wrap_clock_gettime(clockid_t clock, timespec *now) {
+  if (clock == CLOCK_PROCESS_CPUTIME_ID) {
+    *now = {static_cast<time_t>(Kernel.used_us / 1'000'000), static_cast<long>(Kernel.used_us % 1'000'000 * 1000)};
+    return 0;
+  }
   *now = {static_cast<time_t>(Kernel.now_ms / 1000), static_cast<long>(Kernel.now_ms % 1000 * 1'000'000)};
   return 0;
 }

@@ -46,6 +46,7 @@ struct scripted_kernel {
   planned_failure failures;
   int calls = 0;                                  // requests that could have failed
   std::map<unsigned, std::int32_t> mc_forwarding; // what is answered to RTM_GETNETCONF, by index
+  std::vector<std::byte> routes;                  // what is answered to RTM_GETROUTE
   std::deque<scripted_datagram> datagrams;        // then EAGAIN
   std::map<unsigned, std::string> own_addresses;  // what is sent from, by interface index
   std::vector<std::string> entries;               // "ORIGIN GROUP" of the forwarding cache
@@ -54,6 +55,7 @@ struct scripted_kernel {
   std::vector<std::string> requests;
   std::vector<std::vector<std::byte>> sent;
   std::int64_t now_ms = 1'000'000;
+  std::int64_t used_us = 0; // processor time
 };
 
 extern scripted_kernel Kernel;
