@@ -28,7 +28,8 @@ struct cache_row {
   std::uint32_t outputs; // bit n: MIF n
 };
 
-// Each parses a whole table and adds its rows; the heading and lines that make no sense are passed over.
+// Each parses a whole table and adds its rows; the heading and lines that make no sense are passed over, and so are the
+// shields that tarnwick-assist puts before entries.
 void parse_mif_table(rows_of<mif_row> &mifs, const char *table);
 void parse_cache_table(rows_of<cache_row> &entries, const char *table);
 

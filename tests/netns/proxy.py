@@ -10,6 +10,7 @@ import laboratory
 
 DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"
+FAST_CLOCK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_clock.so"
 FAST_TICK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_tick.so"
 SIGNAL_AT_CALL = f"{laboratory.PROGRAMS_IN_ROUTER}/libsignal_at_call.so"
 SMOOTH = f"{laboratory.PROGRAMS_IN_ROUTER}/libtarnwick-smooth.so"
@@ -104,9 +105,14 @@ def is_listening(program):
     return bool(catches_tick) and status["State"].startswith("S")
 
 
-def start_companion(lab, downstream="br0", wait=True):
-    """The companion that a mainline kernel needs; with `wait` it returns once both of its works are done."""
-    companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream)
+def start_companion(lab, downstream="br0", wait=True, without=(), times_as_fast=1):
+    """The companion that a mainline kernel needs, some of its remedies left out.
+
+    With `wait` it returns once the memberships and the static entry stand. `times_as_fast` hurries its clock.
+    """
+    left_out = ["--without=" + ",".join(without)] if without else []
+    companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream, *left_out,
+                                 environment=hurried(times_as_fast))
     if not wait:
         return companion
 
@@ -116,6 +122,13 @@ def start_companion(lab, downstream="br0", wait=True):
 
     laboratory.wait_for(is_effective, what="effect of the companion")
     return companion
+
+
+def hurried(times_as_fast):
+    """For builds with sanitizers: the library is preloaded before theirs."""
+    if times_as_fast == 1:
+        return {}
+    return ENVIRONMENT | {"LD_PRELOAD": FAST_CLOCK, "FAST_CLOCK": str(times_as_fast)}
 
 
 def start_proxy(lab, downstream="br0", **options):

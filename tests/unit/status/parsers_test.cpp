@@ -97,6 +97,14 @@ TEST(status_kernel_tables, entry_is_read_with_short_addresses_and_outputs) {
   free_rows(entries);
 }
 
+TEST(status_kernel_tables, shield_is_passed_over) {
+  rows_of<cache_row> entries =
+      entries_of("ff0e:0000:0000:0000:0000:0000:0000:0101 0000:0000:0000:0000:0000:0000:0000:0000 0"
+                 "          0        0        0\n");
+  EXPECT_EQ(entries.count, 0U);
+  free_rows(entries);
+}
+
 TEST(status_kernel_tables, unresolved_entry_has_no_parent_and_no_outputs) {
   rows_of<cache_row> entries =
       entries_of("ff0e:0000:0000:0000:0000:0000:0000:0101 2001:0db8:0002:0000:0000:0000:0000:0010 -1"
