@@ -218,11 +218,20 @@ group_question *next_question(std::uint32_t index) {
 
 } // namespace
 
-void forget_questions() { questions = {}; }
+// Places that were never taken are not written to: that would cost their pages.
+void forget_questions() {
+  for (group_question &question : questions) {
+    if (question.index != 0) {
+      question = {};
+    }
+  }
+}
 
 void forget_ends() {
   for (group_question &question : questions) {
-    question.end_due_ms = NO_DEADLINE;
+    if (question.index != 0) {
+      question.end_due_ms = NO_DEADLINE;
+    }
   }
 }
 

@@ -206,7 +206,7 @@ tenths earliest_deadline() {
 void start_group_watch(int socket) {
   GroupOutputs = {};
   GroupOutputs.socket = socket;
-  GroupTable = {};
+  GroupTable.used = 0; // writing all of it would cost its pages
 }
 
 void handle_groups_upstream(std::uint32_t upstream_index) {
