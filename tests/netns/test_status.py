@@ -85,7 +85,7 @@ def test_two_lookers_at_once_both_see_whole_files(lab):
         assert [row["name"] for row in json.loads(output)["interfaces"]] == ["wan0", "br0"]
 
 
-def test_missing_companion_is_told(lab):
+def test_missing_companion_is_reported(lab):
     proxy.start_daemon(lab)
     laboratory.run(lab, "router", "ip", "-6", "address", "add", "ff02::16/128", "dev", "br0", "autojoin")
     traffic.listen(lab, "host1", "ff0e::101")
@@ -128,7 +128,7 @@ def test_without_permission_it_says_whom_to_be(lab):
     assert "run tarnwick-status as root" in done.stderr
 
 
-def test_daemon_that_cannot_write_is_told_from_a_missing_one(lab):
+def test_daemon_that_cannot_write_is_distinguished_from_a_missing_one(lab):
     daemon = proxy.start_daemon(lab)
     (lab.router_tmp / "tarnwick_type_messages").mkdir()
     done = status(lab)
