@@ -38,12 +38,11 @@ explain_private() {
   in_router "$programs/tarnwick-run" --explain -u "$private_upstream" -d "$private_lan" || [ $? -eq 1 ]
 }
 
-streams_can_flow() { grep -q 'can flow to' "$lab_folder/tarnwick-run.log"; }
 
 start_private() {
   lab_start_in_router tarnwick-run.log tarnwick-run "${private_options[@]}" --runtime-folder=/tmp/run
   private_pid=$lab_pid
-  lab_wait 30 streams_can_flow
+  lab_wait 30 streams_can_flow tarnwick-run.log
 }
 
 # A command in the private network. The namespace has no name, so the daemon's process serves to enter it.
