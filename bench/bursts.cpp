@@ -1,4 +1,4 @@
-// How many reports of a burst survive while the proxy's one thread is busy, beside the floor:
+// How many reports of a burst survive while the proxy's one thread is busy, compared with the floor:
 //
 //     host0 === down0 [ proxy, a thread of its own ] up0 === source0
 //

@@ -1,4 +1,4 @@
-// What a report costs the daemon, beside the floor, on the real kernel. Two networks, one process:
+// What a report costs the daemon, compared with the floor, on the real kernel. Two networks, one process:
 //
 //     host0 === down0 [ daemon's functions ] up0 === source0
 //     host1 === down1 [ floor              ] up1 === source1
