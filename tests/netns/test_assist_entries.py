@@ -1,4 +1,4 @@
-"""What the companion does with entries of the forwarding cache, each beside what happens without it.
+"""What the companion does with entries of the forwarding cache, each with a test of what happens without it.
 
 Everything that waits for the daemon's own timers takes two labs that wait side by side.
 """
@@ -96,7 +96,7 @@ def processor_seconds(program):
 
 
 def refresh_once(lab, refresh):
-    """Until the daemon has made the group anew and the companion, if it shields, has put its shield again."""
+    """Until the daemon has made the group anew and the companion, if it uses shields, has added its shield again."""
     is_shielded = GROUP in kernel_view.shields(lab)
     made = "add the gernel mcast"
     before = log_of(lab.daemon).count(made)

@@ -1,4 +1,4 @@
-"""tarnwick-status beside the real daemon."""
+"""tarnwick-status with the real daemon."""
 
 import json
 import os

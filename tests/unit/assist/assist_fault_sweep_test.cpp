@@ -88,7 +88,7 @@ int play(const sweep_scenario &scenario, int failing, int reason, bool fails_res
   scenario.play(companion);
   const int made = Kernel.calls - before;
   Kernel.failures = {};
-  // A look at everything, and every retry is over.
+  // Looks at everything again, and lets every retry finish.
   companion.given_interfaces(1);
   look_at_everything();
   companion.wait(2 * longest_retry_ms);

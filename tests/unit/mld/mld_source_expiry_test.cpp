@@ -136,7 +136,7 @@ TEST_F(mld_source_expiry, all_slots_may_run_out_in_one_pass) {
     }
     when_ticked_quietly();
     then_anything();
-    // Removed one by one, every second slot is passed over; asked for, all stay.
+    // When slots are removed one by one, every second one is skipped; when they are asked for, all stay.
     EXPECT_EQ(group->source_count, forward == 0 ? 5 : 10);
     EXPECT_EQ(length(group->queries), forward == 0 ? 5 : 10);
     mld_unlink_group(br0, group);
