@@ -17,7 +17,7 @@ is_installed() {
   [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# install_missing PACKAGE...: installs those Debian packages that are not there yet and says which.
+# install_missing PACKAGE...: installs those Debian packages that are missing and says which.
 install_missing() {
   local missing=() package
   command -v dpkg-query >/dev/null || die "not a Debian system; needed are the programs of: $*"

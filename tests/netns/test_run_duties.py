@@ -55,7 +55,7 @@ def test_other_multicast_router_is_named(lab):
     assert stop(supervised) == 0
 
 
-def test_missing_rights_are_told(lab):
+def test_missing_rights_are_reported(lab):
     supervised = supervisor.start(lab, wait=False, before=(
         "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--bounding-set=-all", "--no-new-privs"))
     supervisor.wait_for_line(supervised, "tarnwick ended: no permission: run it as root, or with CAP_NET_ADMIN")
