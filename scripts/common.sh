@@ -27,8 +27,13 @@ install_missing() {
   [ ${#missing[@]} -eq 0 ] && return
   echo "Installing missing Debian packages with apt-get: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
+  # One at a time: apt-get does not wait for another one that reads the lists.
+  mkdir -p /run/lock
+  exec 9>/run/lock/tarnwick-install
+  flock 9
   run_quietly apt-get -o DPkg::Lock::Timeout=300 update -qq
   run_quietly apt-get -o DPkg::Lock::Timeout=300 install -qq -y --no-install-recommends "${missing[@]}"
+  exec 9>&-
 }
 
 # run_quietly COMMAND...: shows its output only when it fails.

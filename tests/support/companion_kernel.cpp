@@ -157,7 +157,8 @@ void answer_netconf_question(const std::vector<std::byte> &question) {
 }
 
 template <typename type> void append_control(msghdr &header, int kind, const type *value, std::size_t length) {
-  cmsghdr *control = reinterpret_cast<cmsghdr *>(static_cast<std::byte *>(header.msg_control) + header.msg_controllen);
+  void *place = static_cast<std::byte *>(header.msg_control) + header.msg_controllen;
+  auto *control = static_cast<cmsghdr *>(place);
   control->cmsg_len = CMSG_LEN(length);
   control->cmsg_level = IPPROTO_IPV6;
   control->cmsg_type = kind;
