@@ -98,6 +98,7 @@ proxy_fixture::proxy_fixture() {
 proxy_fixture::~proxy_fixture() { reset_daemon(); }
 
 void proxy_fixture::TearDown() {
+  Kernel.on_request = nullptr; // it may see what lived in the test that has ended
   const lines forgotten = selected(take_transcript(), is_request);
   EXPECT_TRUE(forgotten.empty()) << "requests that nobody expected:\n" << joined(forgotten);
 }
