@@ -91,6 +91,9 @@ void check_group(watched_group &group) {
   if (group.entry_count == 0 && group.own_deletes == 0) {
     mute::fail("a group without entries");
   }
+  if (group.is_widened && find_entry(group, In6AddrAny) == nullptr) {
+    mute::fail("a membership upstream of a group without any-source listeners");
+  }
   for (const cache_entry &entry : entries_of(group)) {
     if (find_entry(group, entry.origin) != &entry) {
       mute::fail("an entry twice in a group");
@@ -110,6 +113,8 @@ void check_entries() {
   for (watched_group &group : watched_groups()) {
     if (group.is_used) {
       check_group(group);
+    } else if (group.is_widened) {
+      mute::fail("a membership upstream that outlives its group");
     }
   }
 }
