@@ -18,7 +18,9 @@ constexpr std::size_t LANS = 8;
 constexpr std::uint32_t FIRST_LAN = 4;
 constexpr tenths longest_deadline = 3520;
 
-std::int64_t now_ms = 1'000'000;
+constexpr std::int64_t beginning_ms = 1'000'000;
+
+std::int64_t now_ms = beginning_ms;
 
 } // namespace
 
@@ -157,6 +159,7 @@ void play(script_reader &script) {
 } // namespace
 
 void start_entries() {
+  now_ms = beginning_ms; // tenths of a second wrap around after 13 years, which many lives make up
   InterfaceWatch = {};
   InterfaceWatch.count = LANS + 1;
   for (std::uint32_t i = 0; i <= LANS; ++i) {

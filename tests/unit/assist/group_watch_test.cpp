@@ -1,3 +1,4 @@
+#include "entry_words.h"
 #include "fixture.h"
 
 #include "assist/group_table.h"
@@ -6,31 +7,6 @@
 #include <cerrno>
 
 namespace {
-
-constexpr unsigned WAN = 3;
-constexpr unsigned BR0 = 4;
-constexpr unsigned LAN1 = 5;
-const std::string GROUP = "ff0e::1";
-const std::string SOURCE = "2001:db8:2::10";
-const std::string PUT_SHIELD = "MRT6_ADD_MFC_PROXY :: ff0e::1 parent 0 to";
-const std::string DELETE_SHIELD = "MRT6_DEL_MFC_PROXY :: ff0e::1 parent 0 to";
-const std::string JOIN_UPSTREAM = "IPV6_ADD_MEMBERSHIP ff0e::1 3";
-const std::string LEAVE_UPSTREAM = "IPV6_DROP_MEMBERSHIP ff0e::1 3";
-const std::string DELETE_BEHIND = "MRT6_DEL_MFC_PROXY :: ff0e::1 parent 3 to";
-
-std::string put_behind(const std::string &outputs) { return "MRT6_ADD_MFC_PROXY :: ff0e::1 parent 3 to" + outputs; }
-std::string put_source(const std::string &outputs) {
-  return "MRT6_ADD_MFC " + SOURCE + " ff0e::1 parent 3 to" + outputs;
-}
-
-byte_vector entry_of(int type, unsigned input, const std::vector<std::uint32_t> &outputs, const std::string &origin,
-                     const std::string &group = GROUP) {
-  return entry_message(type, input, outputs, to_in6_addr(address(origin)), to_in6_addr(address(group)));
-}
-
-byte_vector any_source(const std::vector<std::uint32_t> &outputs) { return entry_of(RTM_NEWROUTE, WAN, outputs, "::"); }
-byte_vector source(const std::vector<std::uint32_t> &outputs) { return entry_of(RTM_NEWROUTE, WAN, outputs, SOURCE); }
-byte_vector deleted_shield() { return entry_of(RTM_DELROUTE, 0, {}, "::"); }
 
 class group_watch_of : public watch_fixture {
 protected:
