@@ -218,7 +218,13 @@ group_question *next_question(std::uint32_t index) {
 
 } // namespace
 
-void forget_questions() { questions = {}; }
+void forget_questions() {
+  for (group_question &question : questions) {
+    if (question.index != 0) { // memory that was never written takes none
+      question = {};
+    }
+  }
+}
 
 void forget_ends() {
   for (group_question &question : questions) {
