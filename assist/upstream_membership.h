@@ -6,8 +6,8 @@
 #include "assist/group_table.h"
 
 // Joins when a group with any-source listeners gets an entry for a listed source; leaves when no interface has the
-// any-source entry any more. In between listed sources may come and go: tarnwick's membership stays narrow after the
-// last one. Says why the kernel refused a join, once; the next change of the group tries again.
+// any-source entry any more. In between listed sources may come and go. Says why the kernel refused a join, once; the
+// next change of the group tries again.
 void fit_upstream_membership(watched_group &group);
 
 void end_upstream_membership(watched_group &group);
