@@ -218,9 +218,10 @@ group_question *next_question(std::uint32_t index) {
 
 } // namespace
 
+// Places that were never taken are not written to: that would cost their pages.
 void forget_questions() {
   for (group_question &question : questions) {
-    if (question.index != 0) { // memory that was never written takes none
+    if (question.index != 0) {
       question = {};
     }
   }
@@ -228,7 +229,9 @@ void forget_questions() {
 
 void forget_ends() {
   for (group_question &question : questions) {
-    question.end_due_ms = NO_DEADLINE;
+    if (question.index != 0) {
+      question.end_due_ms = NO_DEADLINE;
+    }
   }
 }
 

@@ -208,7 +208,7 @@ tenths earliest_deadline() {
 void start_group_watch(int socket) {
   GroupOutputs = {};
   GroupOutputs.socket = socket;
-  GroupTable.used = 0; // a record is cleared when it is taken; memory that was never written takes none
+  GroupTable.used = 0; // writing all of it would cost its pages
 }
 
 void handle_groups_upstream(std::uint32_t upstream_index) {

@@ -10,7 +10,7 @@
 inline constexpr char DAEMON_NAME[] = "tarnwick";
 inline constexpr char SUPERVISOR_NAME[] = "tarnwick-run";
 
-// What /proc tells of one process.
+// What /proc says about one process.
 struct process_facts {
   pid_t pid;
   pid_t parent;
@@ -23,7 +23,7 @@ struct process_facts {
 
 enum class daemon_search { found, none, several, not_ready };
 
-// Reads what /proc tells of a process. Returns false if there is none.
+// Reads what /proc says about a process. Returns false if there is none.
 bool read_process(process_facts &facts, pid_t pid);
 
 // Parses /proc/PID/stat into name, parent and start. Returns false if it makes no sense.
@@ -32,7 +32,7 @@ bool parse_process_stat(process_facts &facts, const char *stat);
 // Whether /proc/PID/status says that the process handles SIGUSR1.
 bool parse_catches_dump_signal(const char *status);
 
-// All processes of the daemon's name.
+// All processes with the daemon's name.
 void list_daemons(rows_of<process_facts> &daemons);
 
 // Picks the daemon among processes of its name: children of another one are shell commands about to start, and of

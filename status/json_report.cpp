@@ -4,7 +4,7 @@
 
 namespace {
 
-// Interface names may hold anything but a slash and blanks.
+// Interface names may contain anything but a slash and blanks.
 void add_quoted(text &json, const char *bytes) {
   constexpr unsigned char first_printable = 0x20;
   add_bytes(json, "\"", 1);

@@ -13,7 +13,7 @@ constexpr std::int32_t shield_parent = 0;
 
 constexpr int mif_numbers = 32; // MAXMIFS of linux/mroute6.h
 
-// The kernel writes all eight groups of digits. Returns false for what is not an address.
+// The kernel writes all eight groups of digits. Returns false for anything but an address.
 bool shorten_address(group_text &shortened, const char *full) {
   in6_addr address;
   return inet_pton(AF_INET6, full, &address) == 1 &&

@@ -19,7 +19,7 @@ int main(int argc, char **argv) {
   world::start_entries();
   for (long second = 0; second < days * seconds_per_day; ++second) {
     if (random() % 100 < events_in_hundred_seconds) {
-      std::vector<std::uint8_t> script(1 + random() % longest_event);
+      std::vector<std::uint8_t> script(static_cast<std::size_t>(1 + random() % longest_event));
       for (std::uint8_t &byte : script) {
         byte = static_cast<std::uint8_t>(random());
       }

@@ -121,7 +121,7 @@ void check_entries() {
   }
 }
 
-// Whatever is due is done: the loop must not turn in vain.
+// Nothing that is due may be left: the loop must not spin.
 void meet_deadlines() {
   handle_group_deadlines();
   if (next_group_deadline_ms() <= now_ms) {

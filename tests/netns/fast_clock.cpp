@@ -28,7 +28,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
   return static_cast<int>(result);
 }
 
-// The first millisecond of a wait counts in full, or a wait of less than one would become none.
+// The first millisecond of a wait is not shortened, or a short wait would become none.
 extern "C" int poll(pollfd *watched, nfds_t count, int timeout_ms) {
   const std::int64_t wait_ms = timeout_ms < 0 ? timeout_ms : (timeout_ms + factor() - 1) / factor();
   const timespec wait{static_cast<time_t>(wait_ms / 1000), static_cast<long>(wait_ms % 1000 * 1'000'000)};

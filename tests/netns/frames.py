@@ -1,4 +1,4 @@
-"""MLD messages that no host's stack sends on request: other queriers, records out of the ordinary."""
+"""MLD messages that a host's stack does not send on request: other queriers' queries, unusual records."""
 
 import ipaddress
 

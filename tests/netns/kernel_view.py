@@ -1,4 +1,4 @@
-"""What the kernel says: multicast interfaces, forwarding cache, memberships, interface flags."""
+"""The kernel's view: multicast interfaces, forwarding cache, memberships, interface flags."""
 
 import dataclasses
 import ipaddress
@@ -36,12 +36,12 @@ def cache_rows(lab):
 
 
 def shields(lab):
-    """The groups before whose entry the companion has put a shield."""
+    """The groups with a shield of the companion's before their entry."""
     return {str(ipaddress.IPv6Address(row[0])) for row in cache_rows(lab) if row[2] == SHIELD_PARENT}
 
 
 def forwarding_entries(lab):
-    """Every entry but the shields, which forward nothing."""
+    """Every entry except the shields, which forward nothing."""
     names = multicast_interfaces(lab)
     entries = set()
     for group, origin, parent, _packets, _bytes, _wrong, *outputs in cache_rows(lab):

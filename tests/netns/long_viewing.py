@@ -1,4 +1,4 @@
-"""The long form, by hand: twenty leaves beside a viewer that stays, and a silenced querier in real time past 400 s.
+"""The long form, run by hand: twenty leaves next to a viewer that stays, and over 400 s of a silenced querier.
 
    TARNWICK_PROGRAMS=build/dev /usr/bin/python3 -m pytest -p no:cacheprovider tests/netns/long_viewing.py
 

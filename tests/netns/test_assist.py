@@ -1,4 +1,4 @@
-"""The companion on a real kernel: what it adds, keeps right, and takes away."""
+"""The companion on a real kernel: what it adds, repairs and takes away."""
 
 import os
 import pathlib
@@ -103,7 +103,7 @@ def last_line(lab, *command, status=None):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_signal_ends_it_and_takes_everything_away(lab, number):
+def test_signal_ends_it_and_removes_everything(lab, number):
     start_daemon(lab)
     companion = start_companion(lab)
     assert static_entry(lab) == RIGHT_ENTRY
@@ -221,7 +221,7 @@ def test_membership_comes_back_with_the_ipv6_side_of_the_interface(lab):
 
 
 def test_port_that_leaves_the_bridge_changes_nothing(make_lab):
-    """The kernel tells of it by a message that looks like that of a deleted link."""
+    """The kernel announces it with a message that looks like that of a deleted link."""
     lab = make_lab(second_lan=True)
     companion = start_alone(lab, downstream="br0,lan1")
     run(lab, "router", "ip", "link", "set", "lan1", "master", "br0")
@@ -340,7 +340,7 @@ def test_it_sleeps_while_nothing_changes(lab):
         send_stream(lab, GROUP, count=400)
         return wakes(companion) == before
 
-    # It has asked both sides of the bridge at its start, and the answers come one by one.
+    # It has queried both sides of the bridge at its start, and the answers come one by one.
     wait_for(has_slept, deadline_s=40, what="two seconds of sleep")
 
 

@@ -1,4 +1,4 @@
-"""What the companion does with entries of the forwarding cache, each beside what happens without it.
+"""What the companion does with entries of the forwarding cache, each with a test of what happens without it.
 
 Everything that waits for the daemon's own timers takes two labs that wait side by side.
 """
@@ -49,7 +49,7 @@ def has_said(heard, host, *wanted):
 
 
 def udp_seen(lab, host, member):
-    """Datagrams that have reached the member, also those that found no room there. The kernel counts what is read."""
+    """Datagrams that have arrived at the member, including those that its full queue dropped, by the kernel's count."""
     while True:
         try:
             member.recv(2048, socket.MSG_DONTWAIT)
@@ -61,7 +61,7 @@ def udp_seen(lab, host, member):
 
 
 def join_in_silence(lab, host, group):
-    """A membership whose datagrams nobody reads; they are counted by the host's kernel."""
+    """A membership whose datagrams nobody reads; the host's kernel counts them."""
     with namespaces.entered(lab.nodes[host]):
         member = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
         index = socket.if_nametoindex("eth0")
@@ -74,7 +74,7 @@ def join_in_silence(lab, host, group):
 
 
 def send_often(lab, host, packet, count, per_second):
-    """One frame again and again, at a steady rate as far as this machine lets it."""
+    """One frame again and again, at as steady a rate as this machine allows."""
     frame = raw(packet)
     with namespaces.entered(lab.nodes[host]):
         sender = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
@@ -96,7 +96,7 @@ def processor_seconds(program):
 
 
 def refresh_once(lab, refresh):
-    """Until the daemon has made the group anew and the companion, if it shields, has put its shield again."""
+    """Until the daemon has made the group anew and the companion, if it uses shields, has added its shield again."""
     is_shielded = GROUP in kernel_view.shields(lab)
     made = "add the gernel mcast"
     before = log_of(lab.daemon).count(made)
@@ -299,7 +299,7 @@ def received_during_attack(lab, record_property):
     return seen, share
 
 
-def test_static_entry_stands_a_host_that_makes_the_daemon_overwrite_it(make_lab, record_property):
+def test_static_entry_withstands_a_host_that_makes_the_daemon_overwrite_it(make_lab, record_property):
     lab = start_lan(make_lab)
     seen, share = received_during_attack(lab, record_property)
     assert seen >= 299

@@ -73,15 +73,15 @@ def lost_with_and_without(make_lab, without, frame, every_s):
     return lost(with_viewer), lost(without_viewer)
 
 
-def test_silenced_querier_darkens_nobody(make_lab, record_property):
+def test_silenced_querier_interrupts_no_stream(make_lab, record_property):
     healed, dark = lost_with_and_without(make_lab, ["general-queries", "ask-after-end"], SILENCER, every_s=20)
     record_property("lost", f"{healed}, without the remedy {dark} of {PER_SECOND * VIEWING_S}")
     assert healed <= LOST_IN_REFRESHES
     assert dark >= 10 * PER_SECOND
 
 
-def test_querier_of_version_1_darkens_nobody_for_more_than_two_seconds(make_lab, record_property):
-    """What version 2 hosts have said runs out after 360 s, although they go on answering in version 1."""
+def test_querier_of_version_1_interrupts_no_stream_for_more_than_two_seconds(make_lab, record_property):
+    """The reports of version 2 hosts run out after 360 s, although they go on answering in version 1."""
     asks = version_1_general_query(LOWER)
     healed, dark = lost_with_and_without(make_lab, ["general-queries", "ask-after-end"], asks, every_s=11)
     record_property("lost", f"{healed}, without the remedy {dark} of {PER_SECOND * VIEWING_S}")

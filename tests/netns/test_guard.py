@@ -46,7 +46,7 @@ def query_from(sender, destination=ALL_NODES, hop_limit=1, header=ROUTER_ALERT):
     return Ether(dst=mac) / IPv6(src=sender, dst=destination, hlim=hop_limit) / header / ICMPv6MLQuery2(mrd=1000)
 
 
-def test_loading_it_twice_changes_nothing_and_it_can_be_taken_away(lab):
+def test_loading_it_twice_changes_nothing_and_it_can_be_removed(lab):
     load_filter(lab)
     once = run(lab, "router", "nft", "list", "ruleset")
     load_filter(lab)
@@ -93,7 +93,7 @@ FORGED = {
 
 
 def start_beside_a_lan_without_a_bridge(make_lab, is_guarded):
-    """A bridge that looks at multicast drops some forged queries itself."""
+    """A bridge with multicast snooping drops some forged queries itself."""
     lab = make_lab(second_lan=True)
     if is_guarded:
         load_filter(lab, "lan1")
@@ -103,7 +103,7 @@ def start_beside_a_lan_without_a_bridge(make_lab, is_guarded):
 
 
 def test_every_forged_query_is_heard_without_it(make_lab):
-    """The judge of the next test is itself put to the test."""
+    """Shows that the check of the next test can fail."""
     lab = start_beside_a_lan_without_a_bridge(make_lab, is_guarded=False)
     for frame in FORGED.values():
         send_frame(lab, "host3", "eth0", frame)

@@ -40,7 +40,7 @@ def two_viewers(lab, group, sources=()):
     return stays, leaves
 
 
-# What happens: each prepares its lab, and returns the viewer that stays and what takes the other one away.
+# The events: each prepares its lab, and returns the group, the viewer that stays, and a call that ends the other one.
 
 
 def one_of_two_leaves_a_source(lab):

@@ -20,7 +20,7 @@ ETH_P_ALL = 0x0003
 SO_RCVBUFFORCE = 33
 SO_TIMESTAMPNS = 35
 CAPTURE_BYTES = 1 << 22
-STATE_CHANGE_REPORTS = 2  # a host says every change twice (robustness variable, RFC 3810 section 9.1)
+STATE_CHANGE_REPORTS = 2  # a host reports every change twice (robustness variable, RFC 3810 section 9.1)
 ICMPV6 = 58
 IPV6_ETHERTYPE = b"\x86\xdd"
 NEXT_HEADER_OFFSET = 14 + 6
@@ -162,7 +162,7 @@ def to_mld(time, frame):
 
 
 def every_record(report):
-    """scapy hangs each record under the one before it."""
+    """scapy nests each record in the one before it."""
     for record in report.records:
         while isinstance(record, ICMPv6MLDMultAddrRec):
             yield record

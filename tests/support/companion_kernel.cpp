@@ -8,7 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
-// After netinet/in.h, which knows how to share its records with the kernel's headers.
+// After netinet/in.h, which keeps the kernel's headers from defining the same records again.
 #include <linux/mroute6.h>
 #include <netinet/icmp6.h>
 #include <sstream>
@@ -77,7 +77,7 @@ std::string to_text(const in6_addr &address) {
   return inet_ntop(AF_INET6, &address, text, sizeof(text));
 }
 
-// The types that an ICMPv6 filter lets in, of those that the programs could want.
+// The types that an ICMPv6 filter passes, of those that matter to the programs.
 std::string filter_text(const icmp6_filter &filter) {
   std::string text = " lets in";
   for (int type = 0; type < 256; ++type) {
@@ -140,7 +140,7 @@ std::uint16_t type_of_question(const std::vector<std::byte> &question) {
   return header.nlmsg_type;
 }
 
-// A table comes in parts, then nothing waits any more.
+// A table comes in parts, and then nothing is left to read.
 void answer_table_question() {
   Kernel.datagrams.push_front({{}, EAGAIN});
   if (!Kernel.routes.empty()) {
@@ -157,7 +157,8 @@ void answer_netconf_question(const std::vector<std::byte> &question) {
 }
 
 template <typename type> void append_control(msghdr &header, int kind, const type *value, std::size_t length) {
-  cmsghdr *control = reinterpret_cast<cmsghdr *>(static_cast<std::byte *>(header.msg_control) + header.msg_controllen);
+  void *place = static_cast<std::byte *>(header.msg_control) + header.msg_controllen;
+  auto *control = static_cast<cmsghdr *>(place);
   control->cmsg_len = CMSG_LEN(length);
   control->cmsg_level = IPPROTO_IPV6;
   control->cmsg_type = kind;

@@ -1,4 +1,4 @@
-// A kernel that does what the test says and notes every request. Requests that a test does not look at fail it.
+// A kernel that does what the test says and notes every request. A request that the test does not assert fails it.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// Start, messages, entries, time and loss of interfaces, each with each of the companion's requests failing: alone, and
-// with all that come after it. Afterwards it must work as if nothing had been.
+// Start, messages, entries, time and loss of interfaces: each of the companion's requests fails once alone, and once
+// together with all that follow. Afterwards the companion must work as if nothing had happened.
 #include "fixture.h"
 
 #include <cerrno>
@@ -7,7 +7,7 @@
 
 namespace {
 
-// Stands outside the test that sweeps, so that every play has a companion of its own.
+// Not part of the test that sweeps, so that every run has a companion of its own.
 struct fresh_companion : watch_fixture {
   void TestBody() override {}
   using watch_fixture::given_interfaces;
@@ -88,7 +88,7 @@ int play(const sweep_scenario &scenario, int failing, int reason, bool fails_res
   scenario.play(companion);
   const int made = Kernel.calls - before;
   Kernel.failures = {};
-  // A look at everything, and every retry is over.
+  // Looks at everything again, and lets every retry finish.
   companion.given_interfaces(1);
   look_at_everything();
   companion.wait(2 * longest_retry_ms);

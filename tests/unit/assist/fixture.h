@@ -1,4 +1,4 @@
-// A companion for wan0 (index 3) and br0, lan1 (indexes 4, 5), told by notifications what happens.
+// A companion for wan0 (index 3) and br0, lan1 (indexes 4, 5), which gets its events as notifications.
 #pragma once
 
 #include "assist/interface_watch.h"
@@ -27,7 +27,7 @@ inline std::string query_for(const std::string &group, unsigned index = 4) {
 inline std::string join_of(unsigned index) { return "IPV6_ADD_MEMBERSHIP ff02::16 " + std::to_string(index); }
 inline std::string leave_of(unsigned index) { return "IPV6_DROP_MEMBERSHIP ff02::16 " + std::to_string(index); }
 
-// What the companion does with entries of groups has tests of its own.
+// The companion's work on entries of groups has tests of its own.
 inline remedies_off without_entries() {
   remedies_off without{};
   for (const char *name :

@@ -317,7 +317,7 @@ TEST_F(group_watch_of, output_that_tarnwick_added_before_our_request_is_added_ag
   tell(source({BR0, LAN1}));
 }
 
-TEST_F(group_watch_of, refused_request_is_told_once) {
+TEST_F(group_watch_of, refused_request_is_reported_once) {
   given_companion();
   tell(source({BR0}));
   Kernel.refusals["MRT6_ADD_MFC"] = {ENOMEM, ENOMEM};

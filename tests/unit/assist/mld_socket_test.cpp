@@ -36,7 +36,7 @@ TEST_F(mld_socket, every_refused_option_ends_the_start) {
   }
 }
 
-TEST_F(mld_socket, failed_socket_is_told_with_its_reason) {
+TEST_F(mld_socket, failed_socket_is_reported_with_its_reason) {
   Kernel.refusals["socket AF_INET6"] = {EMFILE};
   EXPECT_EQ(open_mld_socket(), -1);
   EXPECT_EQ(said(), lines{"cannot have MLD messages: Too many open files"});

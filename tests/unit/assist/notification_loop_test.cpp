@@ -77,7 +77,7 @@ TEST_F(notification_loop, useless_notification_socket_ends_with_failure) {
   EXPECT_EQ(said(), lines{"cannot read kernel notifications: Bad file descriptor"});
 }
 
-// The kernel goes on dropping until its queue is empty, so a look before that would miss something.
+// The kernel drops notifications until its queue is empty, so a look before that could miss something.
 TEST_F(notification_loop, lost_notifications_lead_to_one_look_after_the_queue_is_empty) {
   given_quiet_companion();
   Kernel.datagrams = {

@@ -33,7 +33,7 @@ TEST(notification, deleted_link_brings_index) {
   EXPECT_EQ(told.index, 4U);
 }
 
-TEST(notification, port_that_leaves_its_bridge_is_no_deleted_link) {
+TEST(notification, port_that_leaves_its_bridge_is_not_a_deleted_link) {
   EXPECT_EQ(kind_of(link_message(RTM_DELLINK, 4, "lan1", AF_BRIDGE)), notification_kind::other);
   EXPECT_EQ(kind_of(link_message(RTM_NEWLINK, 4, "lan1", AF_BRIDGE)), notification_kind::other);
 }
@@ -63,7 +63,7 @@ TEST(notification, settings_without_multicast_forwarding_leave_it_open) {
   EXPECT_EQ(only_notification(netconf_message(3, MC_FORWARDING_NOT_TOLD)).mc_forwarding, MC_FORWARDING_NOT_TOLD);
 }
 
-TEST(notification, lost_ipv6_side_is_told) {
+TEST(notification, lost_ipv6_side_is_an_event) {
   EXPECT_EQ(kind_of(netconf_message(3, MC_FORWARDING_NOT_TOLD, RTM_DELNETCONF)), notification_kind::ipv6_gone);
 }
 
@@ -126,7 +126,7 @@ TEST(notification, unknown_message_is_skipped_and_the_next_one_read) {
   EXPECT_FALSE(next_notification(rest, told));
 }
 
-// Every message cut at every length, with its own length put right: the inner lengths then point beyond the end.
+// Every message cut at every length, with its own length adjusted: the inner lengths then point beyond the end.
 TEST(notification, message_cut_anywhere_is_read_within_its_bytes) {
   for (const byte_vector &whole :
        {link_message(RTM_NEWLINK, 4, "br0"), netconf_message(3, 1), entry_message(RTM_NEWROUTE, 3, {3, 4})}) {

@@ -103,7 +103,7 @@ TEST_F(querier_of, query_on_the_upstream_is_of_no_concern) {
   EXPECT_EQ(requests(), (lines{general_query(4), general_query(5)}));
 }
 
-TEST_F(querier_of, refused_query_is_told_once_and_tried_less_and_less_often) {
+TEST_F(querier_of, refused_query_is_reported_once_and_tried_less_and_less_often) {
   given_interfaces(1);
   Kernel.own_addresses = {{5, "fe80::5"}};
   start();

@@ -22,7 +22,7 @@ TEST_F(routing_socket, kernel_with_multicast_routing_gives_a_silent_socket) {
   EXPECT_EQ(requests(), (lines{probe, nothing_in}));
 }
 
-TEST_F(routing_socket, process_without_net_raw_is_told_so) {
+TEST_F(routing_socket, process_without_net_raw_is_refused_with_the_reason) {
   Kernel.refusals["socket AF_INET6"] = {EPERM};
   EXPECT_EQ(open_routing_socket(), -1);
   EXPECT_EQ(said(), lines{"cannot open a raw ICMPv6 socket, CAP_NET_RAW is needed: Operation not permitted"});
@@ -35,13 +35,13 @@ TEST_F(routing_socket, kernel_without_ipv6_is_named) {
                           "protocol"});
 }
 
-TEST_F(routing_socket, failed_socket_is_told_with_its_reason) {
+TEST_F(routing_socket, failed_socket_is_reported_with_its_reason) {
   Kernel.refusals["socket AF_INET6"] = {EMFILE};
   EXPECT_EQ(open_routing_socket(), -1);
   EXPECT_EQ(said(), lines{"cannot open a raw ICMPv6 socket: Too many open files"});
 }
 
-TEST_F(routing_socket, process_without_net_admin_is_told_so) {
+TEST_F(routing_socket, process_without_net_admin_is_refused_with_the_reason) {
   Kernel.refusals["MRT6_DEL_MFC"] = {EACCES};
   EXPECT_EQ(open_routing_socket(), -1);
   EXPECT_EQ(requests(), lines{probe});
@@ -55,7 +55,7 @@ TEST_F(routing_socket, kernel_without_multicast_routing_is_named) {
   EXPECT_EQ(said(), lines{"this kernel has no IPv6 multicast routing (CONFIG_IPV6_MROUTE): Protocol not available"});
 }
 
-TEST_F(routing_socket, unexpected_answer_to_the_probe_is_told) {
+TEST_F(routing_socket, unexpected_answer_to_the_probe_is_reported) {
   Kernel.refusals["MRT6_DEL_MFC"] = {ENOENT};
   EXPECT_EQ(open_routing_socket(), -1);
   EXPECT_EQ(requests(), lines{probe});

@@ -61,7 +61,7 @@ TEST_F(static_entry_of, own_message_about_an_entry_without_effect_starts_no_loop
   said();
 }
 
-TEST_F(static_entry_of, entry_is_left_alone_while_the_upstream_is_no_mif) {
+TEST_F(static_entry_of, entry_is_left_alone_while_the_upstream_is_not_a_mif) {
   given_working_companion();
   tell(netconf_message(3, 0));
   EXPECT_EQ(said(), lines{"wan0 is no longer registered for multicast routing; waiting for tarnwick"});
@@ -82,7 +82,7 @@ TEST_F(static_entry_of, registration_of_a_downstream_is_of_no_concern) {
   tell(netconf_message(4, 1) + netconf_message(4, 0));
 }
 
-TEST_F(static_entry_of, refused_request_is_told_with_its_reason) {
+TEST_F(static_entry_of, refused_request_is_reported_with_its_reason) {
   given_working_companion();
   Kernel.refusals["MRT6_ADD_MFC"] = {EACCES, EACCES};
   tell(entry_message(RTM_DELROUTE, 3, {3}));
@@ -101,7 +101,7 @@ TEST_F(static_entry_of, request_refused_for_want_of_memory_is_tried_again) {
   EXPECT_EQ(ms_until_retry(), 1000);
 }
 
-TEST_F(static_entry_of, refused_removal_is_told_with_its_reason) {
+TEST_F(static_entry_of, refused_removal_is_reported_with_its_reason) {
   given_working_companion();
   Kernel.refusals["MRT6_DEL_MFC"] = {ENOENT};
   remove_static_entry();
