@@ -11,8 +11,6 @@ group_outputs GroupOutputs{};
 
 namespace {
 
-constexpr std::int64_t ms_per_tenth = 100;
-
 void note_refusal(const char *what) {
   const int reason = errno;
   if (GroupOutputs.refusal != reason) {
@@ -23,7 +21,7 @@ void note_refusal(const char *what) {
 
 } // namespace
 
-tenths tenths_now() { return static_cast<tenths>(monotonic_ms() / ms_per_tenth); }
+tenths tenths_now() { return monotonic_tenths(); }
 
 mif_set mif_at(std::size_t place) {
   const watched_interface *downstream = downstream_at(place);

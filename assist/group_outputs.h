@@ -4,9 +4,10 @@
 #include "assist/group_table.h"
 
 struct group_outputs {
-  int socket;             // routing socket
-  std::uint32_t upstream; // index of the upstream interface while it is a MIF, else 0
-  std::int32_t refusal;   // errno of the last request that the kernel refused, 0 = none since
+  int socket;                // routing socket
+  std::uint32_t upstream;    // index of the upstream interface while it is a MIF, else 0
+  std::int32_t refusal;      // errno of the last request that the kernel refused, 0 = none since
+  std::int32_t join_refusal; // the same of joins upstream
 };
 
 extern group_outputs GroupOutputs;

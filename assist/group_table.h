@@ -33,6 +33,7 @@ struct watched_group {
   bool is_used;
   bool is_changed; // one of its entries was written by us, and stays when tarnwick ends
   bool has_shield;
+  bool is_widened; // we are a member upstream, for all sources
   std::uint8_t entry_count;
   std::array<cache_entry, MOST_ENTRIES> entries;
 };

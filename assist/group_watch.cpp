@@ -6,6 +6,7 @@
 #include "assist/notification_socket.h"
 #include "assist/remedy.h"
 #include "assist/retry.h"
+#include "assist/upstream_membership.h"
 
 #include <algorithm>
 
@@ -36,9 +37,14 @@ void delete_shield(watched_group &group) {
   group.has_shield = false;
 }
 
+void free_record(watched_group &group) {
+  end_upstream_membership(group);
+  group.is_used = false;
+}
+
 void free_if_empty(watched_group &group) {
   if (group.entry_count == 0 && group.own_deletes == 0) {
-    group.is_used = false;
+    free_record(group);
   }
 }
 
@@ -50,7 +56,7 @@ void drop_record(watched_group &group) {
       delete_newest_entry(GroupOutputs.socket, entry.origin, group.group, GroupOutputs.upstream);
     }
   }
-  group.is_used = false;
+  free_record(group);
 }
 
 watched_group &find_or_take(const ipv6_address &address) {
@@ -144,20 +150,16 @@ bool handle_any_source_deleted(watched_group &group, const cache_entry *entry, b
   return true;
 }
 
-bool handle_entry_deleted(notification &told) {
+bool handle_entry_deleted(watched_group &group, notification &told) {
   const bool is_shield = told.input == 0;
-  watched_group *group = find_watched_group(told.group);
-  if (group == nullptr) {
-    return !is_shield;
-  }
-  const cache_entry *entry = find_entry(*group, told.origin);
+  const cache_entry *entry = find_entry(group, told.origin);
   if (told.origin == In6AddrAny) {
     told.outputs = is_shield && entry != nullptr ? entry->outputs : told.outputs;
-    return handle_any_source_deleted(*group, entry, is_shield);
+    return handle_any_source_deleted(group, entry, is_shield);
   }
   if (entry != nullptr) {
-    remove_entry(*group, entry);
-    free_if_empty(*group);
+    remove_entry(group, entry);
+    free_if_empty(group);
   }
   return true;
 }
@@ -217,6 +219,7 @@ void handle_groups_upstream(std::uint32_t upstream_index) {
     group.own_deletes = 0;
     group.has_shield = false;
     group.gone_at = NOT_TIMED;
+    end_upstream_membership(group); // it may be one on an earlier bearer of the index
   }
   read_group_entries();
   for (watched_group &group : watched_groups()) {
@@ -226,6 +229,7 @@ void handle_groups_upstream(std::uint32_t upstream_index) {
 
 void handle_groups_released() {
   for (watched_group &group : watched_groups()) {
+    end_upstream_membership(group);
     if (!group.is_used || !group.is_changed) {
       continue;
     }
@@ -243,6 +247,7 @@ void handle_groups_released() {
 
 void stop_group_watch() {
   for (watched_group &group : watched_groups()) {
+    end_upstream_membership(group);
     if (group.is_used) {
       delete_shield(group);
     }
@@ -254,6 +259,7 @@ void forget_listeners_on(std::size_t place) {
   for (watched_group &group : watched_groups()) {
     if (place < group.ends_at.size()) {
       group.ends_at[place] = NOT_TIMED;
+      fit_upstream_membership(group);
     }
   }
 }
@@ -264,15 +270,24 @@ bool watch_group_entry(notification &told) {
     return !is_shield;
   }
   if (told.kind == notification_kind::entry_gone) {
-    return handle_entry_deleted(told);
+    watched_group *group = find_watched_group(told.group);
+    if (group == nullptr) {
+      return !is_shield;
+    }
+    const bool is_tarnwicks = handle_entry_deleted(*group, told);
+    fit_upstream_membership(*group);
+    return is_tarnwicks;
   }
   if (told.input != GroupOutputs.upstream) {
     return !is_shield;
   }
   watched_group &group = find_or_take(told.group);
   group.is_changed |= told.is_static;
-  cache_entry *entry = find_entry(group, told.origin);
-  return handle_entry_written(group, entry != nullptr ? *entry : *add_entry(group, told.origin), told.outputs);
+  cache_entry *known = find_entry(group, told.origin);
+  cache_entry &entry = known != nullptr ? *known : *add_entry(group, told.origin);
+  const bool is_tarnwicks = handle_entry_written(group, entry, told.outputs);
+  fit_upstream_membership(group);
+  return is_tarnwicks;
 }
 
 std::int64_t next_group_deadline_ms() {
@@ -297,8 +312,12 @@ void handle_group_deadlines() {
     if (ended != 0) {
       end_on(group, ended);
     }
-    if (is_due(group.gone_at)) {
+    const bool is_gone = is_due(group.gone_at);
+    if (is_gone) {
       end_any_source(group);
+    }
+    if (ended != 0 || is_gone) {
+      fit_upstream_membership(group);
     }
   }
 }

@@ -3,6 +3,7 @@
 #include "assist/group_watch.h"
 #include "assist/listener_timer.h"
 #include "assist/remedy.h"
+#include "assist/upstream_membership.h"
 
 #include <algorithm>
 
@@ -44,6 +45,7 @@ void handle_join(const ipv6_address &address, std::size_t place, const mld_recor
   if (is_on(remedy::add_outputs)) {
     add_output(*group, mif_at(place), listed);
   }
+  fit_upstream_membership(*group);
 }
 
 void handle_leave(const ipv6_address &address, std::size_t place) {

@@ -45,6 +45,7 @@ constexpr char help_text[] =
     "  remove-outputs    keep a stream out of a LAN that lost its group while another LAN watches\n"
     "  clear-left-groups keep a stream out of every LAN when all have left its group\n"
     "  shield-static     keep changes from the static entry, which any-source streams need\n"
+    "  widen-upstream    keep an any-source group whole upstream when a host asks for one source of it\n"
     "\n"
     "Interfaces that are not there yet are waited for. Needs CAP_NET_ADMIN and CAP_NET_RAW.\n";
 

@@ -7,19 +7,20 @@
 #include <string_view>
 
 enum class remedy : std::uint8_t {
-  ask_after_leave,    // who still listens is asked after each message that may remove a listener
-  ask_after_end,      // hosts are asked again as soon as the daemon has ended a group
-  general_queries,    // each LAN is asked in general, unless another querier does so
-  bridge_refresh,     // a shield takes tarnwick's delete when it refreshes an any-source group
-  add_outputs,        // an interface that asks for a source that is joined already becomes an output
-  remove_outputs,     // an interface that lost a group is taken out of the group's entries
-  clear_left_groups,  // a group that no interface has any more keeps no output
-  shield_static_entry // a shield takes changes of the static entry
+  ask_after_leave,     // who still listens is asked after each message that may remove a listener
+  ask_after_end,       // hosts are asked again as soon as the daemon has ended a group
+  general_queries,     // each LAN is asked in general, unless another querier does so
+  bridge_refresh,      // a shield takes tarnwick's delete when it refreshes an any-source group
+  add_outputs,         // an interface that asks for a source that is joined already becomes an output
+  remove_outputs,      // an interface that lost a group is taken out of the group's entries
+  clear_left_groups,   // a group that no interface has any more keeps no output
+  shield_static_entry, // a shield takes changes of the static entry
+  widen_upstream       // a listed source does not narrow the membership that any-source listeners need
 };
 
-inline constexpr std::array<std::string_view, 8> REMEDY_NAMES{"ask-after-leave",   "ask-after-end", "general-queries",
+inline constexpr std::array<std::string_view, 9> REMEDY_NAMES{"ask-after-leave",   "ask-after-end", "general-queries",
                                                               "bridge-refresh",    "add-outputs",   "remove-outputs",
-                                                              "clear-left-groups", "shield-static"};
+                                                              "clear-left-groups", "shield-static", "widen-upstream"};
 
 // By remedy: true = switched off on the command line.
 using remedies_off = std::array<bool, REMEDY_NAMES.size()>;

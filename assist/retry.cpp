@@ -9,9 +9,12 @@ namespace {
 constexpr std::int64_t retry_ms = 1000;
 constexpr std::int64_t no_retry = -1;
 constexpr std::int64_t ms_per_second = 1000;
-constexpr std::int64_t ns_per_ms = 1000000;
 constexpr std::int64_t us_per_second = 1000000;
-constexpr std::int64_t ns_per_us = 1000;
+constexpr std::uint32_t tenths_per_second = 10;
+// As wide as the nanoseconds of a second: dividing more would take the routers' processor a library function.
+constexpr long ns_per_us = 1000;
+constexpr long ns_per_ms = 1000 * ns_per_us;
+constexpr long ns_per_tenth = 100 * ns_per_ms;
 
 std::int64_t retry_at_ms = no_retry;
 
@@ -21,6 +24,13 @@ std::int64_t monotonic_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return now.tv_sec * ms_per_second + now.tv_nsec / ns_per_ms;
+}
+
+std::uint32_t monotonic_tenths() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint32_t>(now.tv_sec) * tenths_per_second +
+         static_cast<std::uint32_t>(now.tv_nsec / ns_per_tenth);
 }
 
 std::int64_t processor_us() {

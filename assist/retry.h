@@ -8,6 +8,9 @@
 // Milliseconds of the monotonic clock.
 std::int64_t monotonic_ms();
 
+// The same clock in tenths of a second, from which milliseconds come by multiplying; wraps around after 13 years.
+std::uint32_t monotonic_tenths();
+
 // Processor time that this process has used, in microseconds.
 std::int64_t processor_us();
 

@@ -1,5 +1,6 @@
-// The daemon as a process: its memory at three points of its life, its idle load, and the time to its first query.
-// Usage: bench_process DAEMON EMPTY_PROGRAM WAKING_PROGRAM
+// The daemon as a process: its memory at three points of its life, its idle load, and the time to its first query. And
+// the companion beside it: memory and idle load.
+// Usage: bench_process DAEMON COMPANION EMPTY_PROGRAM WAKING_PROGRAM
 
 #include "bench/figure.h"
 #include "bench/network.h"
@@ -23,8 +24,14 @@ namespace {
 constexpr unsigned million = 1'000'000;
 constexpr unsigned reports_at_once = 64;
 constexpr unsigned idle_seconds = 20;
+constexpr unsigned settling_seconds = 5; // for hosts' answers to the first queries
 constexpr unsigned starts = 3;
 constexpr int query_deadline_ms = 5000;
+
+// The companion's private dirty memory above an empty program when it joined ff02::16 and kept the static entry alone;
+// measured with this program, with full pools.
+constexpr double companion_before_kib = 4;
+constexpr double companion_more_kib = 60;
 
 struct process_lab {
   network router;
@@ -175,6 +182,32 @@ void measure_memory(const process_lab &lab, const std::string &program, const st
   wait_for_mifs(0);
 }
 
+// Entries of every group and source of full pools, which take the companion a record each.
+void measure_companion(const process_lab &lab, const std::string &daemon_program, const std::string &program,
+                       const std::string &empty_program) {
+  const std::map<std::string, long> empty = memory_of_empty(empty_program);
+  const pid_t companion = start_program({program, "-u", "up0", "-d", "down0"});
+  const pid_t daemon = start_daemon(daemon_program);
+  wait_for_query(lab);
+  sleep(settling_seconds);
+  const auto above_empty = [&] {
+    return static_cast<double>(memory_of(companion).at("Private_Dirty") - empty.at("Private_Dirty"));
+  };
+  print_figure("memory", figure_subject{"companion, private dirty above an empty program", "after start"}, "KiB",
+               above_empty(), 0, no_goal);
+  const long before = wakeups_of(companion);
+  sleep(idle_seconds);
+  print_figure("tick", figure_subject{"companion, wake-ups in " + std::to_string(idle_seconds) + " idle seconds"}, "",
+               static_cast<double>(wakeups_of(companion) - before), 0, goal{judged::value, 0});
+  fill_pools(lab, daemon);
+  wait_until_asleep(companion);
+  print_figure("memory", figure_subject{"companion, private dirty above an empty program", "with full pools"}, "KiB",
+               above_empty(), 0, goal{judged::value, companion_before_kib + companion_more_kib});
+  stop_program(daemon);
+  wait_for_mifs(0);
+  stop_program(companion);
+}
+
 void measure_first_query(const process_lab &lab, const std::string &program) {
   std::vector<double> seconds;
   for (unsigned i = 0; i < starts; ++i) {
@@ -212,14 +245,15 @@ void measure_idle_load(const process_lab &lab, const std::string &program, const
 } // namespace
 
 int main(int argc, char **argv) {
-  if (argc != 4) {
-    std::fputs("Usage: bench_process DAEMON EMPTY_PROGRAM WAKING_PROGRAM\n", stderr);
+  if (argc != 5) {
+    std::fputs("Usage: bench_process DAEMON COMPANION EMPTY_PROGRAM WAKING_PROGRAM\n", stderr);
     return 2;
   }
   sync(); // pages of a program just built count as dirty until they are on the disk
   const process_lab lab = make_lab();
   measure_first_query(lab, argv[1]);
-  measure_idle_load(lab, argv[1], argv[3]);
-  measure_memory(lab, argv[1], argv[2]);
+  measure_idle_load(lab, argv[1], argv[4]);
+  measure_memory(lab, argv[1], argv[3]);
+  measure_companion(lab, argv[1], argv[2], argv[3]);
   return 0;
 }

@@ -75,6 +75,18 @@ std::map<std::string, long> memory_of(pid_t program) {
   return kib;
 }
 
+long wakeups_of(pid_t program) {
+  std::ifstream status("/proc/" + std::to_string(program) + "/status");
+  long switches = 0;
+  for (std::string word; status >> word;) {
+    long count = 0;
+    if (word.ends_with("voluntary_ctxt_switches:") && status >> count) {
+      switches += count;
+    }
+  }
+  return switches;
+}
+
 double processor_seconds_of(pid_t program) {
   std::ifstream statistics("/proc/" + std::to_string(program) + "/schedstat");
   double nanoseconds = 0;

@@ -16,4 +16,7 @@ void wait_for_mifs(unsigned count);
 // KiB by name ("Private_Dirty", "Pss", ...), from smaps_rollup.
 std::map<std::string, long> memory_of(pid_t program);
 
+// How often it has been given a processor since its start.
+long wakeups_of(pid_t program);
+
 double processor_seconds_of(pid_t program); // since its start

@@ -79,9 +79,11 @@ def tick_figures(folder):
 def size_figures(folder):
     if not (folder / "by-file.mipsel").exists():
         return []
-    limits = {"mipsel": ("value", 60), "x86-64": ("nothing", 0)}
-    return [Figure("size", "file", machine, 0, "KiB", (folder / f"tarnwick.{machine}").stat().st_size / 1024, 0,
-                   judged, limit) for machine, (judged, limit) in limits.items()]
+    limits = {("tarnwick", "mipsel"): ("value", 60), ("tarnwick", "x86-64"): ("nothing", 0),
+              ("tarnwick-assist", "mipsel"): ("value", 40), ("tarnwick-assist", "x86-64"): ("nothing", 0)}
+    return [Figure("size", "file" if program == "tarnwick" else f"file of {program}", machine, 0, "KiB",
+                   (folder / f"{program}.{machine}").stat().st_size / 1024, 0, judged, limit)
+            for (program, machine), (judged, limit) in limits.items()]
 
 
 def sizes_by_file(folder):

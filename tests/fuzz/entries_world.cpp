@@ -18,7 +18,9 @@ constexpr std::size_t LANS = 8;
 constexpr std::uint32_t FIRST_LAN = 4;
 constexpr tenths longest_deadline = 3520;
 
-std::int64_t now_ms = 1'000'000;
+constexpr std::int64_t beginning_ms = 1'000'000;
+
+std::int64_t now_ms = beginning_ms;
 
 } // namespace
 
@@ -91,6 +93,9 @@ void check_group(watched_group &group) {
   if (group.entry_count == 0 && group.own_deletes == 0) {
     mute::fail("a group without entries");
   }
+  if (group.is_widened && find_entry(group, In6AddrAny) == nullptr) {
+    mute::fail("a membership upstream of a group without any-source listeners");
+  }
   for (const cache_entry &entry : entries_of(group)) {
     if (find_entry(group, entry.origin) != &entry) {
       mute::fail("an entry twice in a group");
@@ -110,6 +115,8 @@ void check_entries() {
   for (watched_group &group : watched_groups()) {
     if (group.is_used) {
       check_group(group);
+    } else if (group.is_widened) {
+      mute::fail("a membership upstream that outlives its group");
     }
   }
 }
@@ -152,6 +159,7 @@ void play(script_reader &script) {
 } // namespace
 
 void start_entries() {
+  now_ms = beginning_ms; // tenths of a second wrap around after 13 years, which many lives make up
   InterfaceWatch = {};
   InterfaceWatch.count = LANS + 1;
   for (std::uint32_t i = 0; i <= LANS; ++i) {

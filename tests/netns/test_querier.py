@@ -6,7 +6,7 @@ from scapy.layers.l2 import Ether
 import kernel_view
 from frames import general_query, report
 from laboratory import BR0_LINK_LOCAL, BR0_MAC, S1, S2, log_of, stop, wait_for
-from proxy import start_daemon, start_proxy
+from proxy import COMPANIONS_QUESTIONS, start_daemon, start_proxy
 from traffic import (capture, checksum_is_good, listen, queries, received, records, send_frame, send_stream,
                      wait_until_all_is_said)
 
@@ -89,7 +89,7 @@ def test_second_query_follows_sooner_than_the_third(lab):
 
 
 def test_leave_is_followed_by_a_query_for_the_group(lab):
-    start_proxy(lab)
+    start_proxy(lab, without=COMPANIONS_QUESTIONS)
     listener = listen(lab, "host1", GROUP)
     wait_for(lambda: GROUP in kernel_view.memberships(lab, "wan0"))
     at_host = capture(lab, "host2", "eth0")
@@ -100,7 +100,7 @@ def test_leave_is_followed_by_a_query_for_the_group(lab):
 
 def test_leave_of_a_source_specific_group_asks_for_its_sources(lab):
     """Host 2 says that it wants no source of the group any more; host 1 still wants one and says so."""
-    start_proxy(lab)
+    start_proxy(lab, without=COMPANIONS_QUESTIONS)
     listener = listen(lab, "host1", GROUP, sources=[S1, S2])
     wait_until_all_is_said(listener)
     at_host = capture(lab, "host1", "eth0")
@@ -115,7 +115,7 @@ def test_leave_of_a_source_specific_group_asks_for_its_sources(lab):
 
 def test_block_of_a_source_asks_nobody_while_its_timer_runs(lab):
     """Blocking is left to the source's own timer."""
-    start_proxy(lab)
+    start_proxy(lab, without=COMPANIONS_QUESTIONS)
     listener = listen(lab, "host1", GROUP, sources=[S1])
     wait_for(lambda: kernel_view.wanted_sources(lab, GROUP) == {S1})
     at_host = capture(lab, "host2", "eth0")

@@ -15,7 +15,8 @@ import supervisor
 from frames import report
 from kernel_view import ANY
 from laboratory import BR0_LINK_LOCAL, PROGRAMS, S1, S2, log_of, run, start, stop, wait_for
-from proxy import DAEMON, SMOOTH, USUAL_OPTIONS, environment_of, preloading, start_companion, wait_until_listening
+from proxy import (COMPANIONS_QUESTIONS, DAEMON, SMOOTH, USUAL_OPTIONS, environment_of, preloading, start_companion,
+                   wait_until_listening)
 from traffic import ETH_P_ALL, MLD_QUERY, listen, send_frame, to_mld, wait_until_all_is_said
 
 GROUP, SOURCE_GROUP = "ff0e::1:2:3", "ff3e::4:5:6"
@@ -25,12 +26,12 @@ FRAMES_OF_A_FLOOD = 3000
 RECORDS_OF_A_REPORT = 60
 
 
-def start_smooth(lab, *, library=SMOOTH, output=None, ticks_per_second=1):
+def start_smooth(lab, *, library=SMOOTH, output=None, ticks_per_second=1, without=()):
     wanted = environment_of(ticks_per_second)
     before = preloading(library, wanted) if library else ()
     lab.daemon = start(lab, "router", *before, DAEMON, *USUAL_OPTIONS, environment=wanted, standard_output=output)
     wait_until_listening(lab.daemon)
-    start_companion(lab)
+    start_companion(lab, without=without)
     return lab.daemon
 
 
@@ -62,7 +63,7 @@ class OutgoingQueries:
 def queries_of_a_usual_evening(lab, library):
     """One query of each kind, in the order in which they were sent."""
     outgoing = OutgoingQueries(lab)
-    start_smooth(lab, library=library)
+    start_smooth(lab, library=library, without=COMPANIONS_QUESTIONS)
     leaving, staying = listen(lab, "host1", GROUP), listen(lab, "host1", SOURCE_GROUP, sources=[S1, S2])
     wait_until_all_is_said(leaving, staying)
     outgoing.wait_for(ANY)

@@ -50,7 +50,7 @@ def test_last_leave_stops_the_stream_and_leaves_upstream(lab):
     wait_for(lambda: is_joined_upstream(lab, GROUP))
     assert stop(listener) == 0
     wait_for(lambda: not is_joined_upstream(lab, GROUP), what="leave upstream")
-    assert kernel_view.forwarding_of(lab, GROUP) == {}
+    wait_for(lambda: kernel_view.forwarding_of(lab, GROUP) == {}, what="end of the entry")
     at_host = capture(lab, "host1", "eth0")
     send_stream(lab, GROUP)
     assert datagrams(at_host, GROUP) == 0

@@ -63,12 +63,19 @@ def test_any_source_host_replaces_the_source_specific_membership(lab):
 
 def test_host_that_excludes_a_source_leaves_no_upstream_membership(lab):
     """Join and leave of the excluded source follow each other, so a fresh group ends without membership upstream."""
-    start_proxy(lab)
+    start_proxy(lab, without=["widen-upstream"])
     wire = capture(lab, "source", "src0")
     send_frame(lab, "host1", "eth0", report("host1", [("TO_EX", GROUP, [S1])]))
     wait_for(lambda: kernel_view.forwarding_of(lab, GROUP) == {S1: {"br0"}, ANY: {"br0"}})
     wait_for(lambda: ("BLOCK", frozenset([S1])) in said_upstream(wire), what="block on the WAN")
     assert GROUP not in kernel_view.memberships(lab, "wan0")
+
+
+def test_companion_joins_upstream_for_a_host_that_excludes_a_source(lab):
+    start_proxy(lab)
+    send_frame(lab, "host1", "eth0", report("host1", [("TO_EX", GROUP, [S1])]))
+    wait_for(lambda: kernel_view.forwarding_of(lab, GROUP) == {S1: {"br0"}, ANY: {"br0"}})
+    wait_for(lambda: GROUP in kernel_view.memberships(lab, "wan0"), what="membership upstream")
 
 
 def test_two_interfaces_share_one_membership(make_lab):

@@ -30,7 +30,8 @@ inline std::string leave_of(unsigned index) { return "IPV6_DROP_MEMBERSHIP ff02:
 // The companion's work on entries of groups has tests of its own.
 inline remedies_off without_entries() {
   remedies_off without{};
-  for (const char *name : {"bridge-refresh", "add-outputs", "remove-outputs", "clear-left-groups", "shield-static"}) {
+  for (const char *name :
+       {"bridge-refresh", "add-outputs", "remove-outputs", "clear-left-groups", "shield-static", "widen-upstream"}) {
     switch_off(name, without);
   }
   return without;

@@ -1,3 +1,4 @@
+#include "entry_words.h"
 #include "fixture.h"
 
 #include "assist/group_table.h"
@@ -6,29 +7,6 @@
 #include <cerrno>
 
 namespace {
-
-constexpr unsigned WAN = 3;
-constexpr unsigned BR0 = 4;
-constexpr unsigned LAN1 = 5;
-const std::string GROUP = "ff0e::1";
-const std::string SOURCE = "2001:db8:2::10";
-const std::string PUT_SHIELD = "MRT6_ADD_MFC_PROXY :: ff0e::1 parent 0 to";
-const std::string DELETE_SHIELD = "MRT6_DEL_MFC_PROXY :: ff0e::1 parent 0 to";
-const std::string DELETE_BEHIND = "MRT6_DEL_MFC_PROXY :: ff0e::1 parent 3 to";
-
-std::string put_behind(const std::string &outputs) { return "MRT6_ADD_MFC_PROXY :: ff0e::1 parent 3 to" + outputs; }
-std::string put_source(const std::string &outputs) {
-  return "MRT6_ADD_MFC " + SOURCE + " ff0e::1 parent 3 to" + outputs;
-}
-
-byte_vector entry_of(int type, unsigned input, const std::vector<std::uint32_t> &outputs, const std::string &origin,
-                     const std::string &group = GROUP) {
-  return entry_message(type, input, outputs, to_in6_addr(address(origin)), to_in6_addr(address(group)));
-}
-
-byte_vector any_source(const std::vector<std::uint32_t> &outputs) { return entry_of(RTM_NEWROUTE, WAN, outputs, "::"); }
-byte_vector source(const std::vector<std::uint32_t> &outputs) { return entry_of(RTM_NEWROUTE, WAN, outputs, SOURCE); }
-byte_vector deleted_shield() { return entry_of(RTM_DELROUTE, 0, {}, "::"); }
 
 class group_watch_of : public watch_fixture {
 protected:
@@ -146,6 +124,108 @@ TEST_F(group_watch_of, left_out_output_is_not_added) {
   report(MLD2_MODE_IS_INCLUDE, {SOURCE}, LAN1);
 }
 
+TEST_F(group_watch_of, listed_source_of_an_any_source_group_widens_the_membership_upstream) {
+  given_companion();
+  given_any_source({BR0});
+  tell(source({LAN1}));
+  EXPECT_EQ(requests(), lines{JOIN_UPSTREAM});
+  tell(source({BR0, LAN1})); // again, and another one
+  tell(entry_of(RTM_NEWROUTE, WAN, {LAN1}, "2001:db8:2::11"));
+  EXPECT_EQ(requests(), lines{});
+}
+
+TEST_F(group_watch_of, any_source_listener_after_a_listed_source_widens_the_membership) {
+  given_companion();
+  tell(source({LAN1}));
+  EXPECT_EQ(requests(), lines{});
+  tell(any_source({BR0}));
+  EXPECT_EQ(requests(), (lines{PUT_SHIELD, JOIN_UPSTREAM}));
+}
+
+TEST_F(group_watch_of, widened_membership_stays_when_the_listed_source_goes) {
+  given_companion();
+  given_any_source({BR0});
+  tell(source({LAN1}));
+  tell(entry_of(RTM_DELROUTE, WAN, {LAN1}, SOURCE));
+  tell(deleted_shield() + any_source({BR0})); // a refresh
+  EXPECT_EQ(requests(), (lines{JOIN_UPSTREAM, PUT_SHIELD}));
+}
+
+TEST_F(group_watch_of, widened_membership_ends_with_the_any_source_entry) {
+  given_companion();
+  given_any_source({BR0});
+  tell(source({LAN1}));
+  requests();
+  tell(deleted_shield());
+  Kernel.refusals["MRT6_DEL_MFC_PROXY"] = {0, ENOENT};
+  pass(300);
+  EXPECT_EQ(requests(), (lines{DELETE_BEHIND, DELETE_BEHIND, LEAVE_UPSTREAM}));
+}
+
+TEST_F(group_watch_of, widened_membership_ends_with_tarnwicks_last_any_source_interface) {
+  remedies_off left_out = without("clear-left-groups");
+  switch_off("remove-outputs", left_out);
+  given_companion(left_out);
+  given_any_source({BR0});
+  tell(source({BR0}));
+  EXPECT_EQ(requests(), lines{JOIN_UPSTREAM});
+  report(MLD2_CHANGE_TO_INCLUDE, {}, BR0);
+  pass(12'500);
+  EXPECT_EQ(requests(), lines{LEAVE_UPSTREAM});
+}
+
+TEST_F(group_watch_of, widened_membership_ends_with_the_only_interface_that_needs_it) {
+  given_companion();
+  given_any_source({BR0});
+  tell(source({LAN1}));
+  requests();
+  tell(link_message(RTM_DELLINK, BR0, "br0"));
+  EXPECT_EQ(requests(), (lines{LEAVE_UPSTREAM, leave_of(BR0)}));
+  said();
+}
+
+TEST_F(group_watch_of, widened_membership_ends_with_the_daemon) {
+  given_companion();
+  given_any_source({BR0});
+  tell(source({LAN1}));
+  requests();
+  Kernel.refusals["MRT6_DEL_MFC"] = {ENOENT, ENOENT};
+  tell(netconf_message(WAN, 0));
+  EXPECT_EQ(requests().front(), LEAVE_UPSTREAM);
+  said();
+}
+
+TEST_F(group_watch_of, widened_membership_gives_way_with_its_record) {
+  given_companion();
+  given_any_source({BR0});
+  tell(source({BR0}));
+  Kernel.now_ms += 100;
+  for (int i = 0; i < 127; ++i) {
+    tell(entry_of(RTM_NEWROUTE, WAN, {BR0}, SOURCE, "ff0e::1:" + std::to_string(i)));
+  }
+  requests();
+  tell(entry_of(RTM_NEWROUTE, WAN, {BR0}, SOURCE, "ff0e::2"));
+  EXPECT_EQ(requests(), (lines{DELETE_SHIELD, LEAVE_UPSTREAM}));
+}
+
+TEST_F(group_watch_of, refused_membership_is_told_once_and_asked_for_at_the_next_change) {
+  given_companion();
+  given_any_source({BR0});
+  Kernel.refusals["IPV6_ADD_MEMBERSHIP"] = {ENOMEM, ENOMEM};
+  tell(source({LAN1}));
+  tell(source({BR0, LAN1}));
+  EXPECT_EQ(said(), lines{"cannot join a group on the upstream interface: Cannot allocate memory"});
+  tell(source({BR0, LAN1}));
+  EXPECT_EQ(requests(), lines(3, JOIN_UPSTREAM));
+}
+
+TEST_F(group_watch_of, left_out_membership_is_not_made) {
+  given_companion(without("widen-upstream"));
+  given_any_source({BR0});
+  tell(source({LAN1}));
+  EXPECT_EQ(requests(), lines{});
+}
+
 TEST_F(group_watch_of, group_without_an_entry_is_of_no_concern) {
   given_companion();
   report(MLD2_MODE_IS_INCLUDE, {SOURCE}, LAN1);
@@ -260,12 +340,12 @@ TEST_F(group_watch_of, daemons_end_takes_what_was_changed) {
   said();
 }
 
-TEST_F(group_watch_of, stop_takes_the_shields_alone) {
+TEST_F(group_watch_of, stop_takes_shields_and_memberships_alone) {
   given_companion();
   given_any_source({BR0});
   tell(source({BR0}));
   stop_group_watch();
-  EXPECT_EQ(requests(), lines{DELETE_SHIELD});
+  EXPECT_EQ(requests(), (lines{JOIN_UPSTREAM, LEAVE_UPSTREAM, DELETE_SHIELD}));
 }
 
 TEST_F(group_watch_of, kernels_table_is_read_when_the_upstream_is_a_mif) {
@@ -274,10 +354,10 @@ TEST_F(group_watch_of, kernels_table_is_read_when_the_upstream_is_a_mif) {
   start(remedies_off{});
   said();
   const lines made = requests();
-  EXPECT_EQ(made.back(), PUT_SHIELD);
+  EXPECT_EQ(lines(made.end() - 2, made.end()), (lines{PUT_SHIELD, JOIN_UPSTREAM}));
   tell(entry_message(RTM_NEWROUTE, WAN, {WAN}) + entry_message(RTM_NEWROUTE, 0, {}));
   pass(351'500);
-  EXPECT_EQ(requests(), (lines{put_behind(""), put_source("")}));
+  EXPECT_EQ(requests(), (lines{put_behind(""), put_source(""), LEAVE_UPSTREAM}));
 }
 
 TEST_F(group_watch_of, group_beyond_the_last_record_takes_that_of_the_one_that_ends_first) {
