@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 inline constexpr char DAEMON_NAME[] = "tarnwick";
+inline constexpr char SUPERVISOR_NAME[] = "tarnwick-run";
 inline constexpr char COMPANION_NAME[] = "tarnwick-assist"; // 15 characters, as many as the kernel keeps
 
 // What /proc tells of one process.

@@ -119,8 +119,8 @@ bool take_sample(status_round &round, text &problem) {
 }
 
 bool take_snapshot(status_round &round, text &problem) {
-  const state_answer answer = ask_for_state(round.state, round.daemon.pid);
-  if (!say_answer(problem, answer, errno, round.daemon.pid)) {
+  round.answer = ask_for_state(round.state, round.daemon.pid);
+  if (!say_answer(problem, round.answer, errno, round.daemon.pid)) {
     return false;
   }
   const std::size_t older = round.newest;
