@@ -19,7 +19,7 @@ const link_local_row *find_usable_address(const path_facts &facts, std::uint32_t
 
 // The daemon reads its address at the start alone.
 bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
-  constexpr double tolerance_seconds = 1.0; // the daemon's start is known in whole seconds
+  constexpr double tolerance_seconds = 0.5; // two clocks are compared
   for (const link_local_row &row : all_rows(facts.network.addresses)) {
     if (row.index == index && row.created_at_seconds <= facts.daemon_started_at_seconds + tolerance_seconds) {
       return true;

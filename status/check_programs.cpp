@@ -84,6 +84,7 @@ void check_programs(check_list &list, const check_subject &subject, const progra
     add_running(list, facts.supervisor);
   }
   add_running(list, subject.daemon);
+  check_descriptors(list, room);
   check_answer(list, subject, room);
   if (facts.companion.pid == 0) {
     add_check(list, check_result::no, place, "%s does not run beside the daemon", COMPANION_NAME);
@@ -91,7 +92,6 @@ void check_programs(check_list &list, const check_subject &subject, const progra
   } else {
     add_running(list, facts.companion);
   }
-  check_descriptors(list, room);
   if (subject.has_state) {
     check_pool(list, subject);
   }

@@ -1,6 +1,7 @@
 #include "status/path_facts.h"
 
 #include <ctime>
+#include <unistd.h>
 
 namespace {
 
@@ -45,11 +46,18 @@ void read_rules(path_facts &facts) {
   facts.has_rules = read_ruleset(facts.ruleset) && parse_json(facts.rules, text_of(facts.ruleset));
 }
 
-double monotonic_seconds() {
+double seconds_of(clockid_t clock) {
   constexpr double nanoseconds_per_second = 1e9;
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(clock, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / nanoseconds_per_second;
+}
+
+// Processes are dated by the clock that runs on while the machine sleeps, addresses by the one that does not.
+double start_of(const process_facts &process) {
+  const auto ticks_per_second = static_cast<double>(sysconf(_SC_CLK_TCK));
+  const double slept = seconds_of(CLOCK_BOOTTIME) - seconds_of(CLOCK_MONOTONIC);
+  return static_cast<double>(process.start_ticks) / ticks_per_second - slept;
 }
 
 } // namespace
@@ -69,6 +77,6 @@ void end_path_facts(path_facts &facts, const check_subject &subject) {
   if (subject.has_daemon) {
     read_process_room(facts.room, subject.daemon.pid);
     read_setting(facts.lan_mac, subject.daemon.pid, "et0macaddr");
-    facts.daemon_started_at_seconds = monotonic_seconds() - static_cast<double>(seconds_running(subject.daemon));
+    facts.daemon_started_at_seconds = start_of(subject.daemon);
   }
 }

@@ -1,6 +1,6 @@
 """Breaking single things in the lab's router: forwarding entries, and sockets that another process holds."""
 
-import ctypes
+import json
 import os
 import socket
 import struct
@@ -35,7 +35,7 @@ def change_entry(lab, request, group, parent=0, outputs=()):
 
 
 def index_of(lab, interface):
-    return int(laboratory.run(lab, "router", "cat", f"/sys/class/net/{interface}/ifindex"))
+    return json.loads(laboratory.run(lab, "router", "ip", "-j", "link", "show", "dev", interface))[0]["ifindex"]
 
 
 def sockets_of(program):
