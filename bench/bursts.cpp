@@ -1,9 +1,9 @@
-// How many reports of a burst survive while the proxy's one thread is busy, beside the floor:
+// How many reports of a burst survive while the proxy's one thread is busy, compared with the floor:
 //
 //     host0 === down0 [ proxy, a thread of its own ] up0 === source0
 //
-// The burst starts together with a tick that sends queries. The receive queue has its default size, and closing the
-// packet socket of a query waits for the kernel; both hold for daemon and floor alike.
+// The burst starts together with a tick that sends queries. For daemon and floor alike, the receive queue has its
+// default size, and closing the packet socket of a query waits for the kernel.
 
 #include "bench/figure.h"
 #include "bench/floor/floor_proxy.h"
@@ -46,8 +46,7 @@ struct burst_result {
   double tick_cpu_us;
 };
 
-// So many groups ask now whether anybody still listens. A full pool's worth of queries is a general one and those of
-// all groups but the one that the burst is about.
+// Makes the next tick send that many queries: the general one, and one for each group except the burst's own.
 void make_queries_due(unsigned count) {
   mld_interface *intr = linked_downstream();
   const unsigned group_count = std::min(count, full_tick - 1);
@@ -57,7 +56,7 @@ void make_queries_due(unsigned count) {
     static std::array<mld_query, full_tick> queries; // more than the pool holds
     queries[number] = mld_query{{nullptr}, ICMPV6_MGM_QUERY, 0, group_number(number)};
     list_append(&group->queries, &queries[number].link);
-    mld_append_source(group, source, 1)->source_timer = -1; // asked for by name, so that one socket is opened
+    mld_append_source(group, source, 1)->source_timer = -1; // queried by name, so that one socket is opened
     group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
     group->retransmit_timer = 0;
     mld_link_group(intr, group);
@@ -110,7 +109,7 @@ bool handle_report(const burst_side &side) {
   return true;
 }
 
-// Runs the tick, then serves reports until none has come for a while. Returns how many it has served.
+// Runs the tick, then serves reports until none arrives for a while. Returns how many it served.
 burst_result serve(const burst_side &side, unsigned queries, std::atomic<int> &progress) {
   burst_result result{};
   progress = 1; // the burst may begin

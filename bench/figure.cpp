@@ -26,10 +26,16 @@ std::int64_t read_clock(clockid_t clock) {
 
 } // namespace
 
-void print_figure(const std::string &topic, const std::string &name, const std::string &unit, double value,
+void print_figure(const std::string &topic, const figure_subject &subject, const std::string &unit, double value,
                   double floor, goal to_reach) {
-  std::fprintf(stderr, "figure|%s|%s|%s|%.6g|%.6g|%s|%.6g\n", topic.c_str(), name.c_str(), unit.c_str(), value, floor,
-               judged_name(to_reach.what), to_reach.limit);
+  std::fprintf(stderr, "figure|%s|%s|%s|%u|%s|%.6g|%.6g|%s|%.6g\n", topic.c_str(), subject.kind.c_str(),
+               subject.variant.c_str(), subject.groups, unit.c_str(), value, floor, judged_name(to_reach.what),
+               to_reach.limit);
+}
+
+void print_figure(const std::string &topic, const std::string &kind, const std::string &unit, double value,
+                  double floor, goal to_reach) {
+  print_figure(topic, figure_subject{kind}, unit, value, floor, to_reach);
 }
 
 void print_note(const std::string &topic, const std::string &text) {

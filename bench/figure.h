@@ -1,4 +1,4 @@
-// What a benchmark prints: one figure a line, for bench/write_report.py to judge and lay out.
+// What a benchmark prints: one figure per line, which bench/write_report.py judges and lays out.
 #pragma once
 
 #include <cstdint>
@@ -14,9 +14,20 @@ struct goal {
 
 inline constexpr goal no_goal{judged::nothing, 0};
 
-// Prints "figure|topic|name|unit|value|floor|judged|limit" on standard error (standard output is the log under
-// measurement). Floor 0: there is none.
-void print_figure(const std::string &topic, const std::string &name, const std::string &unit, double value,
+// What a figure is about. Its name in the tables is made of the parts that are given.
+struct figure_subject {
+  std::string kind;
+  std::string variant = ""; // empty: there is only one
+  unsigned groups = 0;      // that the proxy has beside the one measured; 0: they do not matter
+};
+
+// Prints "figure|topic|kind|variant|groups|unit|value|floor|judged|limit" on standard error (standard output is the
+// log under measurement). Floor 0: there is none.
+void print_figure(const std::string &topic, const figure_subject &subject, const std::string &unit, double value,
+                  double floor, goal to_reach);
+
+// The same for a figure that needs no more than its kind as a name.
+void print_figure(const std::string &topic, const std::string &kind, const std::string &unit, double value,
                   double floor, goal to_reach);
 
 // Prints a line of explanation that the report puts under the topic's table.

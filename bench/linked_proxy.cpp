@@ -1,15 +1,16 @@
 #include "bench/linked_proxy.h"
 
 #include "core/settings.h"
+#include "mld/mld_filter.h"
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
 #include "mld/mld_interface.h"
+#include "mld/mld_join.h"
 #include "mld/mld_membership.h"
 #include "mld/mld_receive.h"
 #include "mld/mld_record.h"
 #include "mld/mld_socket.h"
-#include "mld/mld_source_group.h"
-#include "mld/mld_v2_records.h"
+#include "mld/mld_start_up.h"
 
 #include <algorithm>
 #include <sys/select.h>
@@ -44,7 +45,7 @@ void linked_apply(mld_record_type type, const ipv6_address &group, const std::ve
     mld_router_v2_allow_new_sources(linked_downstream(), record, reporting_host);
     return;
   }
-  const joined_sources wanted = sources.empty() ? joined_sources::all : joined_sources::listed;
+  const mld_joined_sources wanted = sources.empty() ? mld_joined_sources::all : mld_joined_sources::listed;
   mld_router_v2_add_src_group(linked_downstream(), record, wanted, reporting_host);
 }
 
@@ -53,8 +54,7 @@ void linked_forget_group(const ipv6_address &address) {
   mld_group *group = mld_find_group(intr, address);
   if (group != nullptr) {
     mld_unlink_group(intr, group);
-    mld_proxy_drop_membership(group);
-    mld_release_group(group);
+    mld_retire_group(group);
   }
 }
 
@@ -72,7 +72,7 @@ void linked_move_to_end(const ipv6_address &address) {
   mld_group *group = mld_find_group(intr, address);
   if (group != nullptr) {
     mld_unlink_group(intr, group);
-    list_index_append(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+    list_index_append(MldGroupIndex, &intr->groups, &group->link, mld_group_key(group));
   }
 }
 
@@ -95,7 +95,7 @@ void linked_restore_hosts(const ipv6_address &group, const host_records &before)
   }
   for (mld_host *host : all) {
     // Fails for those that were deleted.
-    list_index_remove(MldHostIndex, &linked_downstream()->hosts, &host->link, mld_host_key);
+    list_index_remove(MldHostIndex, &linked_downstream()->hosts, &host->link, mld_host_key(host));
     list_add(&MldRouter.free_hosts, &host->link);
   }
 }

@@ -24,11 +24,11 @@ void linked_forget_group(const ipv6_address &group);
 // Members present, no query pending, and its host on record.
 void linked_keep_members(const ipv6_address &group);
 
-// Puts the group where it stands when all others have been refreshed after it: at the end of the list.
+// Moves the group to the end of the list, where it is after all others have been refreshed.
 void linked_move_to_end(const ipv6_address &group);
 
 // The host records of the group. The daemon deletes records without giving them back, so a benchmark that runs for
-// long must remember which there were: linked_restore_hosts puts all of them back into the pool.
+// long has to remember them: linked_restore_hosts puts all of them back into the pool.
 struct host_records {
   std::vector<mld_host *> known;
 };

@@ -1,5 +1,5 @@
-// Read before everything else where the daemon is compiled without its log, for one benchmark only: what the lines
-// cost is then gone with all that is done for them, the texts of addresses and the walk that lists the groups.
+// Included before everything else to compile the daemon without its log, for one benchmark only. All that is done for
+// the lines goes with them: the texts of addresses, and the walk that lists the groups.
 #pragma once
 
 #include "core/log.h"

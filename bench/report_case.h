@@ -17,18 +17,18 @@ inline constexpr unsigned target_number = 500; // the group that the reports are
 const char *report_case_name(report_case which);
 frame report_case_frame(report_case which);
 
-// The group as a report of that kind finds it: at the end of the list, where it stands when all others have been
-// refreshed after it.
+// Prepares the group as a report of that kind finds it: at the end of the list, as after all others have been
+// refreshed.
 void set_daemon_scene(report_case which);
 void set_floor_scene(const floor_proxy &proxy, report_case which);
 
 // The same requests as the daemon makes for such a report.
 void floor_requests(const floor_proxy &proxy, report_case which);
 
-// After each report: as before it. `hosts` are the group's host records from before.
+// Undoes one report. `hosts` are the group's host records from before it.
 void restore_daemon_scene(report_case which, const host_records &hosts);
 void restore_floor_scene(const floor_proxy &proxy, report_case which);
 
-// After the last report of a kind: the group is gone.
+// Removes the group after the last report of a kind.
 void clear_daemon_scene();
 void clear_floor_scene(const floor_proxy &proxy, report_case which);

@@ -1,9 +1,10 @@
-// Cost of one tick while nothing expires, beside a bare walk over the same records. No kernel is involved.
+// Cost of one tick while nothing expires, compared with a bare walk over the same records. No kernel is involved.
 
 #include "bench/floor/bare_walk.h"
 #include "bench/report_frame.h"
 #include "mld/mld_group.h"
 #include "mld/mld_router.h"
+#include "mld/mld_start_up.h"
 #include "mld/mld_timers.h"
 
 #include <benchmark/benchmark.h>
@@ -13,7 +14,7 @@ namespace {
 constexpr unsigned interface_count = 4;
 constexpr std::int32_t never = 2'000'000'000; // seconds
 
-// Walked in the order in which reports have made them, not in the order of their memory.
+// The walk follows the order in which reports made the records, not the order of their memory.
 void build_records(unsigned group_count) {
   static std::array<mld_interface, interface_count + 1> interfaces;
   init_mld_config();
@@ -33,7 +34,7 @@ void build_records(unsigned group_count) {
     for (unsigned source = 0; source < MLD_MAX_SOURCES; ++source) {
       mld_append_source(group, source_number(source), 1)->source_timer = never;
     }
-    list_add(&interfaces[1 + number % interface_count].groups, &group->link);
+    mld_link_group(&interfaces[1 + number % interface_count], group);
   }
 }
 

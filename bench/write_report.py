@@ -15,7 +15,7 @@ from why_missed import reasons_for
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 TABLE_GROUPS = {1, 64, 127}
 
-Figure = collections.namedtuple("Figure", "topic name unit value floor judged limit")
+Figure = collections.namedtuple("Figure", "topic kind variant groups unit value floor judged limit")
 
 TOPICS = {
     "report": "Cost of a report, with so many other groups (select, receive and all that follows)",
@@ -24,6 +24,7 @@ TOPICS = {
     "log": "The log line",
     "tick": "The tick",
     "zap": "Zap",
+    "rush": "Channel changes: 14 a second, 20 viewers, so that every tick sends queries for those who left",
     "bursts": "Bursts: reports that survive while queries go out",
     "size": "Size of the router's build, stripped",
     "memory": "Memory of the router's build (floor: an empty C program)",
@@ -39,8 +40,9 @@ def read_figures(folder):
             topic, _, text = rest.partition("|")
             notes[topic].append(text)
         elif kind == "figure":
-            topic, name, unit, value, floor, judged, limit = rest.split("|")
-            figures.append(Figure(topic, name, unit, float(value), float(floor), judged, float(limit)))
+            topic, kind, variant, groups, unit, value, floor, judged, limit = rest.split("|")
+            figures.append(Figure(topic, kind, variant, int(groups), unit, float(value), float(floor), judged,
+                                  float(limit)))
     return figures, notes
 
 
@@ -58,11 +60,11 @@ def log_figures(folder):
     nanoseconds = {name: run["cpu_time"] for name, run in medians.items()}
     by_printf = nanoseconds["line_by_printf"]
     return [
-        Figure("log", "line with one address (floor: one printf)", "ns", nanoseconds["line_with_address"], by_printf,
-               "value", 150),
-        Figure("log", "line without argument", "ns", nanoseconds["plain_line"], 0, "nothing", 0),
-        Figure("log", "allocations by lines with an address", "", medians["line_with_address"]["allocations"], 0,
-               "value", 0)]
+        Figure("log", "line with one address (floor: one printf)", "", 0, "ns", nanoseconds["line_with_address"],
+               by_printf, "value", 150),
+        Figure("log", "line without argument", "", 0, "ns", nanoseconds["plain_line"], 0, "nothing", 0),
+        Figure("log", "allocations by lines with an address", "", 0, "", medians["line_with_address"]["allocations"],
+               0, "value", 0)]
 
 
 def tick_figures(folder):
@@ -70,7 +72,7 @@ def tick_figures(folder):
     if not medians:
         return []
     names = {"0": "empty pools, 4 interfaces", "128": "128 groups of 10 sources, 4 interfaces"}
-    return [Figure("tick", f"{text} (floor: a bare walk)", "ns", medians[f"tick/{size}"]["cpu_time"],
+    return [Figure("tick", f"{text} (floor: a bare walk)", "", 0, "ns", medians[f"tick/{size}"]["cpu_time"],
                    medians[f"walk/{size}"]["cpu_time"], "ratio", 3) for size, text in names.items()]
 
 
@@ -78,7 +80,7 @@ def size_figures(folder):
     if not (folder / "by-file.mipsel").exists():
         return []
     limits = {"mipsel": ("value", 60), "x86-64": ("nothing", 0)}
-    return [Figure("size", f"file, {machine}", "KiB", (folder / f"tarnwick.{machine}").stat().st_size / 1024, 0,
+    return [Figure("size", "file", machine, 0, "KiB", (folder / f"tarnwick.{machine}").stat().st_size / 1024, 0,
                    judged, limit) for machine, (judged, limit) in limits.items()]
 
 
@@ -95,7 +97,11 @@ def sizes_by_file(folder):
 
 
 def is_shown(figure):
-    return figure.topic != "report" or int(figure.name.rsplit(", ", 1)[1]) in TABLE_GROUPS
+    return figure.topic != "report" or figure.groups in TABLE_GROUPS
+
+
+def name_of(figure):
+    return ", ".join(str(part) for part in (figure.kind, figure.variant, figure.groups) if part)
 
 
 def number(value):
@@ -121,7 +127,7 @@ def verdict(figure):
 
 def cells(figure):
     ratio = ratio_of(figure)
-    return [figure.name, f"{number(figure.value)} {figure.unit}".rstrip(),
+    return [name_of(figure), f"{number(figure.value)} {figure.unit}".rstrip(),
             number(figure.floor) if figure.floor else "", f"{ratio:.2f}" if ratio else "", goal_of(figure),
             verdict(figure)]
 
@@ -155,12 +161,16 @@ def machine_text():
 
 def in_short(figures):
     """What a reader in a hurry wants to know."""
-    by_name = {(figure.topic, figure.name): figure for figure in figures}
-    report = by_name["report", "refresh of source, no log, 127"]
-    logged = by_name["report", "refresh of source, file, 127"]
+    def find(topic, kind, variant, groups=0):
+        return next(figure for figure in figures
+                    if (figure.topic, figure.kind, figure.variant, figure.groups) == (topic, kind, variant, groups))
+
+    report = find("report", "refresh of source", "no log", 127)
+    logged = find("report", "refresh of source", "file", 127)
     log_us = logged.value / logged.floor * report.floor - report.value  # of another program: see costs_of
-    zap = by_name["zap", "join to first datagram, 200 zaps, median"]
-    idle = next(figure for figure in figures if figure.name.startswith("idle load"))
+    zap = next(figure for figure in figures
+               if (figure.topic, figure.variant, figure.judged) == ("zap", "median", "ratio"))
+    idle = next(figure for figure in figures if figure.kind == "idle load")
     judged = [verdict(figure) for figure in figures if is_shown(figure) and verdict(figure)]
     return [f"In short: a refresh of a source asks the kernel for {number(report.floor)} us; the proxy adds "
             f"{number(report.value - report.floor)} us,",
@@ -172,9 +182,9 @@ def in_short(figures):
 def markdown(figures, notes, folder):
     lines = ["# Performance", "",
              "Written by `bench/run`; do not edit. Every ratio compares the daemon with a floor that makes only the",
-             "kernel requests which the job needs, measured side by side in the same run. The daemon is built as "
+             "kernel requests that the job needs, measured side by side in the same run. The daemon is built like "
              "the preset",
-             "`release` does, its size and memory are the preset `router`'s.", ""] + in_short(figures) + [
+             "`release`; size and memory are those of the preset `router`.", ""] + in_short(figures) + [
              f"- Machine: {machine_text()}", f"- Date: {datetime.date.today().isoformat()}", ""]
     for topic, title in TOPICS.items():
         shown = [figure for figure in figures if figure.topic == topic and is_shown(figure)]

@@ -4,7 +4,7 @@ set(CMAKE_SYSTEM_PROCESSOR mips)
 set(CMAKE_CXX_COMPILER mips-linux-gnu-g++)
 set(CMAKE_C_COMPILER mips-linux-gnu-gcc)
 
-# Programs that the build runs come from this machine; libraries and headers from the target only.
+# The build runs this machine's programs, and takes libraries, headers and packages for the target only.
 set(CMAKE_FIND_ROOT_PATH /usr/mips-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

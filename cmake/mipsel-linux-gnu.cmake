@@ -1,10 +1,11 @@
-# Cross build for the router's own kind: 32-bit MIPS, little-endian. Debian: g++-mipsel-linux-gnu, and qemu-user-static to run its programs.
+# Cross build for the routers' processor, 32-bit MIPS, little-endian. Debian: g++-mipsel-linux-gnu, and
+# qemu-user-static to run its programs.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(CMAKE_CXX_COMPILER mipsel-linux-gnu-g++)
 set(CMAKE_C_COMPILER mipsel-linux-gnu-gcc)
 
-# Programs that the build runs come from this machine; libraries and headers from the target only.
+# The build runs this machine's programs, and takes libraries, headers and packages for the target only.
 set(CMAKE_FIND_ROOT_PATH /usr/mipsel-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -12,6 +12,12 @@ using ipv6_address = std::array<std::uint8_t, 16>;
 inline constexpr ipv6_address In6AddrAny{};                // ::, stands for all sources or any host
 inline constexpr ipv6_address IPv6McastPrefix{0xff, 0x02}; // ff02::
 
+// IPv4 words, native and never swapped: igmp_router.h tells what follows from that.
+inline constexpr std::uint32_t IgmpAllHosts = 0xE0000001;   // 224.0.0.1
+inline constexpr std::uint32_t IgmpAllRouters = 0xE0000002; // 224.0.0.2
+inline constexpr std::uint32_t IgmpV3AllMcr = 0xE0000016;   // 224.0.0.22
+inline constexpr std::uint32_t InAddrAny = 0;
+
 // First byte of every IPv6 multicast address (RFC 4291, section 2.7).
 inline constexpr std::uint8_t IPV6_MULTICAST_FIRST_BYTE = 0xff;
 

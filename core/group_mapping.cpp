@@ -2,7 +2,6 @@
 
 #include "core/address.h"
 #include "core/settings.h"
-#include "igmp/igmp_router.h"
 
 #include <algorithm>
 #include <cstring>

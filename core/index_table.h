@@ -26,7 +26,7 @@ std::int32_t add_dev_index(std::int32_t ifindex);
 // The first slot that holds the index, -1 if none does. Logs an index below 1.
 std::int32_t find_used_index(std::int32_t ifindex);
 
-// Frees a slot and returns its number; a number that is no slot is returned as it is.
+// Frees a slot and returns its number; a number outside the table is returned as it is.
 std::int32_t free_used_index(std::int32_t slot);
 
 // Frees the first slot that holds the index and returns it; prints a line and returns -1 if none does.

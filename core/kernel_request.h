@@ -11,8 +11,8 @@ struct kernel_option {
   const char *name; // as in the kernel's headers; log lines name the option by it
 };
 
-// What a request leaves in the log. Several paths write the plain line behind the failure line as well; watchers of
-// the log count those lines, so each caller keeps its own style.
+// What a request leaves in the log. Several paths write the plain line behind the failure line as well; each caller
+// keeps its own style, for compatibility.
 enum class request_log {
   either, // "setsockopt: NAME" (D) on success, "setsockopt: NAME fail!!!" (E) on failure
   both    // "setsockopt: NAME fail!!!" (E) on failure, then "setsockopt: NAME" (D) in any case

@@ -62,7 +62,7 @@ void write_wanted_dump() {
   }
 }
 
-// A signal came while the loop waited. This is the usual road of a tick: the handler has just filled the pipe, and
+// A signal came while the loop waited. This is the usual path of a tick: the handler has just filled the pipe, and
 // `ready` is still what the loop waits for. After SIGUSR1 the pipe is empty and the read waits for the next tick.
 // Returns whether the loop goes on.
 bool handle_interrupt(const fd_set &ready) {

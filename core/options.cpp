@@ -121,7 +121,7 @@ int set_ignore_names(char *comma_separated) {
   return 0;
 }
 
-// The first line's "-d <ignore interface name>" disagrees with the "-d" line below it; firmware tools match both.
+// The first line's "-d <ignore interface name>" disagrees with the "-d" line below it; kept for compatibility.
 void print_usage() {
   std::puts("Usage: tarnwick [-v] [-b] -u <interface name> -d <ignore interface name> -q <non-querier> "
             "-m <4to4/4to6/6to6 mode>.");

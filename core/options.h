@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// Slot for the next interface name. One counter for -d and -i and all their repetitions, never reset: scripts in the
-// field count on "-d br0 -i eth1" leaving slot 0 of the ignore table empty.
+// Slot for the next interface name. One counter for -d and -i and all their repetitions, never reset, so that
+// "-d br0 -i eth1" leaves slot 0 of the ignore table empty. Kept for compatibility.
 extern std::int32_t InterfaceNameCounter;
 
 // Reads all options into the settings; names are kept as pointers into `argv`, lists are split in place. Returns 0,

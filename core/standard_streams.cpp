@@ -26,7 +26,7 @@ bool has_reader_that_may_hang(int descriptor) {
 }
 
 // A pipe is opened anew: the flag would otherwise hold for everyone who shares the descriptor. A socket, such as a
-// service manager's log, and a pipe of another user cannot be opened; there the shared flag is the lesser harm.
+// service manager's log, and a pipe of another user cannot be opened; there the flag is set on the shared description.
 void write_without_waiting(int descriptor, const char *path) {
   fcntl(descriptor, F_SETPIPE_SZ, log_pipe_bytes);
   const int own = open(path, O_WRONLY | O_NONBLOCK);

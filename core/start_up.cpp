@@ -1,26 +1,41 @@
 #include "core/start_up.h"
 
-#include "core/daemon.h"
 #include "core/log.h"
 #include "core/options.h"
 #include "core/settings.h"
-#include "core/shell.h"
 #include "core/signals.h"
 #include "mld/mld_interface.h"
-#include "mld/mld_router.h"
 #include "mld/mld_socket.h"
+#include "mld/mld_start_up.h"
 #include "platform/nvram.h"
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <tuple>
+#include <unistd.h>
 
 namespace {
 
 void enable_multicast_forwarding() {
   log_debug(MAIN_STEP_OF("main"), "Enable mc_forwarding to forward IPv6 streaming.");
-  // Refused by kernels where the file is read-only and MRT6_INIT does the same; the shell complains, nobody minds.
-  run_shell_command("echo 1 > /proc/sys/net/ipv6/conf/all/mc_forwarding");
+  // Refused where the file is read-only. There MRT6_INIT sets it, so the shell's complaint does no harm.
+  std::ignore = std::system("echo 1 > /proc/sys/net/ipv6/conf/all/mc_forwarding");
+}
+
+// Forks; the parent exits with 0, the child starts a session and goes on. Returns 0 in the child, -1 after logging.
+int run_as_daemon() {
+  const pid_t child = fork();
+  if (child < 0) {
+    log_error(MAIN_HERE, "Daemonizing failed.");
+    return -1;
+  }
+  if (child > 0) {
+    std::exit(EXIT_SUCCESS);
+  }
+  setsid();
+  return 0;
 }
 
 int init_mld_proxy() {
@@ -71,13 +86,13 @@ int init_nvram_proc() {
     log_error(MAIN_HERE, "MLD Prefix is not an IPv6 multicast address.");
     return -1;
   }
-  run_shell_command("ifconfig natpt0 up");
-  run_shell_command("brctl addif br0 natpt0");
+  std::ignore = std::system("ifconfig natpt0 up");
+  std::ignore = std::system("brctl addif br0 natpt0");
   return 0;
 }
 
 void install_signal_handlers() {
-  std::signal(SIGKILL, router_stop); // always refused; kept because the firmware's start-up trace shows the attempt
+  std::signal(SIGKILL, router_stop); // always refused; kept for compatibility
   std::signal(SIGTERM, router_stop);
   std::signal(SIGHUP, router_stop);
   std::signal(SIGUSR1, router_dump);

@@ -12,7 +12,7 @@
 namespace {
 
 struct dump_files {
-  FILE *host_in_group; // created empty, for programs that only look whether it is there
+  FILE *host_in_group; // created and left empty; kept for compatibility
   FILE *type_messages; // a line per interface
   FILE *join_state;    // a line per group and interface
 };
@@ -31,22 +31,24 @@ void write_group_line(FILE *join_state, const char *interface, const char *group
   }
 }
 
-// Hosts' own groups of the local network, and what ends an interface's list: groups behind one of them (the older
-// ones) are not shown.
+// The groups of the local network itself. The first of them ends its interface's list: the groups behind it, which are
+// older, are not shown.
 bool ends_igmp_groups(std::uint32_t group) {
   return group == IgmpAllHosts || group == IgmpAllRouters || group == IgmpV3AllMcr;
 }
 
 void dump_igmp_groups(FILE *join_state, const igmp_interface *intr) {
-  for (const igmp_group *group = list_first<igmp_group>(&intr->groups);
-       group != nullptr && !ends_igmp_groups(group->group); group = list_after(group)) {
+  for (const igmp_group *group : list_records<igmp_group>(&intr->groups)) {
+    if (ends_igmp_groups(group->group)) {
+      return;
+    }
     write_group_line(join_state, intr->name.data(), my_inet_ntoa(&group->group), group->active_seconds,
                      group->report_count);
   }
 }
 
 void dump_mld_groups(FILE *join_state, const mld_interface *intr) {
-  for (const mld_group *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {
+  for (const mld_group *group : list_records<mld_group>(&intr->groups)) {
     std::array<char, INET6_ADDRSTRLEN> text{};
     inet_ntop(AF_INET6, group->group.data(), text.data(), text.size());
     write_group_line(join_state, intr->name.data(), text.data(), group->active_seconds, group->report_count);
@@ -57,8 +59,7 @@ void dump_mld_groups(FILE *join_state, const mld_interface *intr) {
 template <typename interface_record>
 void dump_interfaces(const dump_files &files, const char *protocol, const list &interfaces,
                      void (*dump_groups)(FILE *, const interface_record *)) {
-  for (const interface_record *intr = list_first<interface_record>(&interfaces); intr != nullptr;
-       intr = list_after(intr)) {
+  for (const interface_record *intr : list_records<interface_record>(&interfaces)) {
     std::fprintf(files.type_messages, "[%s]ifname: %s query: %d join: %d leave: %d timeout: %d\n", protocol,
                  intr->name.data(), static_cast<int>(intr->query_count), static_cast<int>(intr->join_count),
                  static_cast<int>(intr->leave_count), static_cast<int>(intr->timeout_count));
@@ -74,7 +75,7 @@ void write_state_dump() {
   files.type_messages = open_state_file("/tmp/tarnwick_type_messages");
   files.join_state = open_state_file("/tmp/tarnwick_join_state");
   if (files.type_messages == nullptr) {
-    // The other two streams stay open on this road: one pair is lost for each dump that fails.
+    // The other two streams stay open on this path: one pair is lost for each dump that fails.
     log_error(MAIN_STEP_OF("router_dump"), "Create /tmp/tarnwick_type_messages failed!");
     return;
   }

@@ -52,8 +52,7 @@ bool request_mf6c(int option, const mf6cctl &request) {
 igmp_outputs igmp_collect_outputs(log_site site, std::uint32_t group, igmp_outputs_purpose purpose) {
   igmp_outputs collected{};
   collected.oifs_ttl.fill(ttl_no_forwarding);
-  for (const igmp_interface *intr = list_first<igmp_interface>(&IgmpRouter.interfaces); intr != nullptr;
-       intr = list_after(intr)) {
+  for (const igmp_interface *intr : list_records<igmp_interface>(&IgmpRouter.interfaces)) {
     if (intr->role == IGMP_ROLE_UPSTREAM || igmp_find_group(intr, group) == nullptr) {
       continue;
     }

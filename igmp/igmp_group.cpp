@@ -28,11 +28,12 @@ igmp_query *take_query(std::uint32_t group) {
 } // namespace
 
 igmp_group *igmp_find_group(const igmp_interface *intr, std::uint32_t address) {
-  igmp_group *group = list_first<igmp_group>(&intr->groups);
-  while (group != nullptr && group->group != address) {
-    group = list_after(group);
+  for (igmp_group *group : list_records<igmp_group>(&intr->groups)) {
+    if (group->group == address) {
+      return group;
+    }
   }
-  return group;
+  return nullptr;
 }
 
 bool igmp_is_special_group(std::uint32_t address) { return address == special_group; }

@@ -12,12 +12,12 @@ igmp_group *igmp_find_group(const igmp_interface *intr, std::uint32_t address);
 bool igmp_is_special_group(std::uint32_t address);
 
 // Display text of the group's state. Checking membership shows as "Version 2 Members present state": the texts have
-// one entry more than there are states, and log watchers know them so. Logs a state that does not exist, and still
+// one entry more than there are states; kept for compatibility. Logs a state that does not exist, and still
 // returns its text; null where there is none.
 const char *getGroupState(const igmp_group *group);
 
 // Takes a record from the pool for a group with members: zeroed, full group timer, on no list yet. When the pool is
-// dry, logs for `site` and returns null; the report is lost then.
+// empty, logs for `site` and returns null; the report is lost then.
 igmp_group *igmp_take_group(log_site site, std::uint32_t address);
 
 // Gives the group's pending queries back to their pool.
@@ -29,8 +29,8 @@ void igmp_cancel_queries(igmp_group *group);
 // Ends a group that was unlinked from its interface: queries and record go back to their pools.
 void igmp_release_group(igmp_group *group);
 
-// Queues `last_member_query_count` queries for the group. Returns false at the first one for which the pool is dry
-// (the caller says so); those queued before stay.
+// Queues `last_member_query_count` queries for the group. Returns false when the pool is empty (the caller logs
+// that); those queued before stay.
 bool igmp_queue_queries(igmp_group *group);
 
 struct igmp_word_text {

@@ -314,9 +314,10 @@ int igmp_check_upstream_interface() {
 }
 
 igmp_interface *igmp_find_interface(std::int32_t ifindex) {
-  igmp_interface *intr = list_first<igmp_interface>(&IgmpRouter.interfaces);
-  while (intr != nullptr && intr->ifindex != ifindex) {
-    intr = list_after(intr);
+  for (igmp_interface *intr : list_records<igmp_interface>(&IgmpRouter.interfaces)) {
+    if (intr->ifindex == ifindex) {
+      return intr;
+    }
   }
-  return intr;
+  return nullptr;
 }

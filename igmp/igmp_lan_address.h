@@ -4,5 +4,5 @@
 #include <cstdint>
 
 // "a.b.c.d" under the key `lan_ipaddr` as a + (b << 8) + (c << 16) + (d << 24); fields that are missing count as 0.
-// Kept for the firmware; nothing in the proxy calls it.
+// Kept for compatibility; nothing in the proxy calls it.
 std::uint32_t igmp_lan_address();

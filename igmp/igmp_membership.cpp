@@ -50,7 +50,7 @@ template <typename record> void leave_and_join_again(const upstream_membership<r
   join(membership);
 }
 
-// Stands in where there is no upstream interface: its sockets are refused by the kernel.
+// Stands in for a missing upstream interface: the kernel refuses requests on its sockets.
 constexpr igmp_interface no_interface = [] {
   igmp_interface absent{};
   absent.socket = -1;

@@ -8,6 +8,6 @@
 void igmp_network_socket_read_data();
 
 // Querier election (RFC 2236, section 3) by any query heard downstream: the address that is lower as a native word
-// wins, so on a little-endian router the last octet weighs most. A proxy started with -q 1 keeps the querier role, the
-// reverse of what the option's name says: operators who set it get a router that always queries.
+// wins, so on a little-endian router the last octet weighs most. With -q 1 the proxy keeps the querier role whatever it
+// hears, the reverse of what the option's name says; kept for compatibility.
 void igmp_router_received_general_query(igmp_interface *intr, std::uint32_t sender);

@@ -33,7 +33,7 @@ bool igmp_router_retransmit_timer_expired(igmp_interface *intr, igmp_group *grou
   log_debug(IGMP_HERE, "enter");
   igmp_query *query = list_pop<igmp_query>(&group->queries);
   if (query == nullptr) {
-    return igmp_end_group(IGMP_HERE, intr, group); // the snooping program is told only when a group timer runs out
+    return igmp_end_group(IGMP_HERE, intr, group); // only a group timer that runs out writes a leave record
   }
   send_pending_query(intr, group, query);
   return true;

@@ -1,10 +1,11 @@
 // Records, pools and settings of the IGMP proxy. Everything the IGMP side knows hangs off `IgmpRouter`. Start-up and
 // main loop enter none of it: the daemon runs in mode 6to6 only.
 //
-// Byte order: every IPv4 word of this side (groups, addresses, the constants below) is the address field loaded as a
-// native 32-bit word and is never swapped, neither for comparing nor for masking nor on its way into a socket address.
-// On a big-endian router 0xE0000001 is therefore 224.0.0.1 everywhere; on a little-endian one it goes out as 1.0.0.224
-// and no group from a packet equals it, while groups and addresses that came from outside go back as they came.
+// Byte order: every IPv4 word of this side (groups, addresses, the constants in core/address.h) is the address field
+// loaded as a native 32-bit word and is never swapped, neither for comparing nor for masking nor on its way into a
+// socket address. On a big-endian router 0xE0000001 is therefore 224.0.0.1 everywhere; on a little-endian one it goes
+// out as 1.0.0.224 and no group from a packet equals it, while groups and addresses that came from outside go back as
+// they came.
 #pragma once
 
 #include "core/address.h"
@@ -13,11 +14,6 @@
 
 #include <array>
 #include <cstdint>
-
-inline constexpr std::uint32_t IgmpAllHosts = 0xE0000001;   // 224.0.0.1
-inline constexpr std::uint32_t IgmpAllRouters = 0xE0000002; // 224.0.0.2
-inline constexpr std::uint32_t IgmpV3AllMcr = 0xE0000016;   // 224.0.0.22
-inline constexpr std::uint32_t InAddrAny = 0;
 
 inline constexpr int IGMP_GROUP_POOL_SIZE = 128;
 inline constexpr int IGMP_QUERY_POOL_SIZE = 100;
@@ -30,7 +26,7 @@ enum igmp_group_state : std::int32_t {
   IGMP_GROUP_MEMBERS_PRESENT = 1,
   IGMP_GROUP_V1_MEMBERS_PRESENT = 2,  // a version 1 host is there: leaves are ignored
   IGMP_GROUP_CHECKING_MEMBERSHIP = 3, // last-member queries are pending or being answered
-  IGMP_GROUP_STATE_COUNT              // first number that is no state
+  IGMP_GROUP_STATE_COUNT              // first number that is not a state
 };
 
 // Durations are seconds, counted down once per tick.

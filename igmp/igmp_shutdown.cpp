@@ -2,12 +2,12 @@
 
 #include "core/memory.h"
 #include "core/pool.h"
-#include "core/shell.h"
 #include "igmp/igmp_group.h"
 #include "igmp/igmp_membership.h"
 #include "igmp/igmp_vif.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <linux/mroute.h>
 #include <linux/mroute6.h>
@@ -15,6 +15,7 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -103,8 +104,8 @@ void igmp_proxy_stop() {
   if (ProxyMode == PROXY_MODE_4TO6) {
     log_debug(IGMP_HERE, "Close multicast socket: IgmpRouter.socket");
     release_multicast_routing(IGMP_HERE, IPPROTO_IPV6, MRT6_DONE);
-    run_shell_command("brctl delif br0 natpt0");
-    run_shell_command("ifconfig natpt0 down");
+    std::ignore = std::system("brctl delif br0 natpt0");
+    std::ignore = std::system("ifconfig natpt0 down");
   }
   log_memory_report(IGMP_HERE, "IGMP");
 }

@@ -1,8 +1,9 @@
 #include "igmp/igmp_snooping.h"
 
-#include "core/shell.h"
 #include "core/state_file.h"
 #include "igmp/igmp_group.h"
+
+#include <cstdlib>
 
 int igmp_snooping_leave(std::uint32_t source, std::uint32_t group) {
   FILE *record = open_state_file("/tmp/igmprt_leave_record");
@@ -14,5 +15,5 @@ int igmp_snooping_leave(std::uint32_t source, std::uint32_t group) {
   }
   std::fprintf(record, "grp=%s\n", IGMP_WORD_TEXT(group));
   std::fclose(record);
-  return run_shell_command("killall -USR1 igmp_snooping");
+  return std::system("killall -USR1 igmp_snooping");
 }

@@ -76,14 +76,11 @@ walk_step run_group(igmp_interface *intr, igmp_group *group) {
 }
 
 walk_step run_groups(igmp_interface *intr) {
-  igmp_group *group = list_first<igmp_group>(&intr->groups);
-  while (group != nullptr) {
-    igmp_group *following = list_after(group); // the group may be gone after its turn
-    const walk_step step = run_group(intr, group);
+  for (igmp_group *group : list_records<igmp_group>(&intr->groups)) {
+    const walk_step step = run_group(intr, group); // the group may be gone after its turn
     if (step != walk_step::next_group) {
       return step;
     }
-    group = following;
   }
   return walk_step::next_interface;
 }
@@ -91,8 +88,7 @@ walk_step run_groups(igmp_interface *intr) {
 } // namespace
 
 void igmp_router_timer_expired() {
-  for (igmp_interface *intr = list_first<igmp_interface>(&IgmpRouter.interfaces); intr != nullptr;
-       intr = list_after(intr)) {
+  for (igmp_interface *intr : list_records<igmp_interface>(&IgmpRouter.interfaces)) {
     if (intr->role == IGMP_ROLE_UPSTREAM) {
       continue;
     }

@@ -1,4 +1,5 @@
-// Requests for the kernel's IPv6 multicast forwarding cache (linux/mroute6.h).
+// The entries of the kernel's IPv6 multicast forwarding cache (linux/mroute6.h): adding and deleting them. Their parent
+// is the upstream MIF.
 #pragma once
 
 #include "core/log.h"
@@ -7,26 +8,22 @@
 #include <array>
 #include <linux/mroute6.h>
 
-// One entry per MIF, 1 where the stream is to go. MIFs from 32 on cannot be outputs: the kernel numbers 32 of them.
+// One for each MIF, 1 where the stream is to go. MIFs from 32 on cannot be outputs: the kernel numbers 32 of them.
 using mld_outputs = std::array<std::uint8_t, MAXMIFS>;
 
-// Why the outputs are collected; decides what each interface that has the group leaves in the log.
-enum class outputs_purpose { add_entry, drop_membership };
+// Passes over a MIF that cannot be an output.
+void mld_set_output(mld_outputs &outputs, std::uint32_t vif_index);
 
-struct collected_outputs {
-  mld_outputs oifs;
-  bool is_wanted; // some downstream interface has the group, be its MIF an output or not
-};
+// Adds the entry (origin, group) or replaces it. Logs either the success or the failure, and returns whether the kernel
+// accepted it.
+bool mld_add_entry(log_site site, const ipv6_address &origin, const ipv6_address &group, const mld_outputs &outputs);
 
-// Walks the downstream interfaces that have the group.
-collected_outputs mld_collect_outputs(log_site site, const mld_group *group, outputs_purpose purpose);
-
-// A request with the upstream MIF as parent and no outputs. The address families stay 0, as this router's kernel
-// expects; mainline kernels do not look at them.
-mf6cctl mld_mfc_request(const ipv6_address &origin, const ipv6_address &group);
-
-void mld_set_outputs(mf6cctl &request, const mld_outputs &oifs);
-void mld_set_output(mf6cctl &request, std::uint32_t vif_index);
+// The same without a line in the log: the caller has its own.
+bool mld_add_entry_unlogged(const ipv6_address &origin, const ipv6_address &group, const mld_outputs &outputs);
 
 // Deletes the entry (origin, group), with both log lines of a failure.
-void mld_delete_mfc(log_site site, const ipv6_address &origin, const ipv6_address &group);
+void mld_delete_entry(log_site site, const ipv6_address &origin, const ipv6_address &group);
+
+// Deletes and adds the entry (::, group), in a form that a mainline kernel nearly always refuses: then the entry stays
+// as it is, and an interface that lost the group goes on receiving until the entry is replaced.
+void mld_rewrite_entry(log_site site, const ipv6_address &group, const mld_outputs &outputs);

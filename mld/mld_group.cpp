@@ -8,14 +8,12 @@ static_assert(MLD_GROUP_POOL_SIZE <= LIST_INDEX_PLACES);
 
 namespace {
 
-constexpr std::uint32_t tenths_per_second = 10;
-
 mld_query *take_query(const ipv6_address &group) {
   mld_query *query = list_pop<mld_query>(&MldRouter.free_queries);
   if (query != nullptr) {
     *query = mld_query{};
     query->type = ICMPV6_MGM_QUERY;
-    query->max_resp = MldRouter.last_member_query_interval * tenths_per_second;
+    query->max_resp = MldRouter.last_member_query_interval * MLD_TENTHS_PER_SECOND;
     query->group = group;
   }
   return query;
@@ -23,9 +21,7 @@ mld_query *take_query(const ipv6_address &group) {
 
 } // namespace
 
-std::uint32_t mld_group_key(const list_node *group) {
-  return address_key(reinterpret_cast<const mld_group *>(group)->group);
-}
+std::uint32_t mld_group_key(const mld_group *group) { return address_key(group->group); }
 
 mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address) {
   for (const list_place *place = list_index_first(MldGroupIndex, address_key(address)); place != nullptr;
@@ -39,15 +35,27 @@ mld_group *mld_find_group(const mld_interface *intr, const ipv6_address &address
 }
 
 void mld_link_group(mld_interface *intr, mld_group *group) {
-  list_index_add(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+  list_index_add(MldGroupIndex, &intr->groups, &group->link, mld_group_key(group));
 }
 
 int mld_unlink_group(mld_interface *intr, mld_group *group) {
-  return list_index_remove(MldGroupIndex, &intr->groups, &group->link, mld_group_key);
+  return list_index_remove(MldGroupIndex, &intr->groups, &group->link, mld_group_key(group));
+}
+
+bool mld_take_off(log_site site, mld_interface *intr, mld_group *group) {
+  if (mld_unlink_group(intr, group) == -1) {
+    log_error(site, "Group Removal of %s unsuccesful.", ADDRESS_TEXT(group->group));
+    return false;
+  }
+  return true;
 }
 
 mld_group *mld_pop_group(mld_interface *intr) {
-  return reinterpret_cast<mld_group *>(list_index_pop(MldGroupIndex, &intr->groups, mld_group_key));
+  auto *group = list_first<mld_group>(&intr->groups);
+  if (group != nullptr) {
+    list_index_pop(MldGroupIndex, &intr->groups, mld_group_key(group));
+  }
+  return group;
 }
 
 mld_group *mld_take_group(log_site site, const ipv6_address &address) {
@@ -59,7 +67,7 @@ mld_group *mld_take_group(log_site site, const ipv6_address &address) {
   *group = mld_group{};
   group->owner = &MldRouter.upstream_name;
   group->group = address;
-  group->group_timer = static_cast<std::int32_t>(MldRouter.group_membership_interval);
+  group->group_timer = mld_membership_seconds();
   group->state = MLD_GROUP_MEMBERS_PRESENT;
   group->report_count = 1;
   return group;
@@ -95,6 +103,18 @@ bool mld_queue_queries(mld_group *group) {
   return true;
 }
 
+void mld_start_checking(mld_group *group, std::int32_t first_query_s) {
+  group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
+  group->group_timer = to_int32(MldRouter.last_member_query_count * MldRouter.last_member_query_interval);
+  group->retransmit_word = 0;
+  group->retransmit_timer = first_query_s;
+}
+
+bool mld_has_lasting_any_source(mld_group *group) {
+  const mld_source *slot = mld_find_source(group, In6AddrAny);
+  return slot != nullptr && slot->source_timer >= MLD_LASTING_ANY_SOURCE_S;
+}
+
 mld_source *mld_find_source(mld_group *group, const ipv6_address &address) {
   for (mld_source &slot : mld_sources(group)) {
     if (is_same_address(slot.address, address)) {
@@ -111,8 +131,8 @@ mld_source *mld_append_source(mld_group *group, const ipv6_address &address, std
   }
   mld_source &slot = group->sources[used];
   slot.address = address;
-  slot.source_timer = static_cast<std::int32_t>(MldRouter.source_interval);
+  slot.source_timer = mld_source_seconds();
   slot.forward = forward;
-  group->source_count = static_cast<std::int32_t>(used + 1);
+  group->source_count = to_int32(used + 1);
   return &slot;
 }

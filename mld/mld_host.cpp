@@ -9,7 +9,7 @@ list_index MldHostIndex{};
 
 namespace {
 
-constexpr std::uint32_t reported_host_state = 2; // no reader; firmware tools see it in memory dumps
+constexpr std::uint32_t reported_host_state = 2; // no reader; kept for compatibility
 
 static_assert(MLD_HOST_POOL_SIZE <= LIST_INDEX_PLACES);
 
@@ -34,20 +34,17 @@ mld_host *find_host(const mld_interface *intr, const ipv6_address &group, const 
 // Whatever host it is: the first on the list, which only a walk tells.
 mld_host *find_any_host(const mld_interface *intr, const ipv6_address &group, const ipv6_address &source) {
   const bool is_any_source = is_same_address(source, In6AddrAny);
-  mld_host *record = list_first<mld_host>(&intr->hosts);
-  while (record != nullptr &&
-         (!is_same_address(record->group, group) || (!is_any_source && !is_same_address(record->source, source)))) {
-    record = list_after(record);
+  for (mld_host *record : list_records<mld_host>(&intr->hosts)) {
+    if (is_same_address(record->group, group) && (is_any_source || is_same_address(record->source, source))) {
+      return record;
+    }
   }
-  return record;
+  return nullptr;
 }
 
 } // namespace
 
-std::uint32_t mld_host_key(const list_node *host) {
-  const auto *record = reinterpret_cast<const mld_host *>(host);
-  return key_of(record->group, record->host, record->source);
-}
+std::uint32_t mld_host_key(const mld_host *host) { return key_of(host->group, host->host, host->source); }
 
 mld_host *mld_router_host_lookup(const mld_interface *intr, const ipv6_address &group, const ipv6_address &host,
                                  const ipv6_address &source) {
@@ -73,7 +70,7 @@ mld_host *mld_router_host_add(mld_interface *intr, const ipv6_address &group, co
   log_debug(MLD_HERE, "list_add host:%s", ADDRESS_TEXT(record->host));
   log_debug(MLD_HERE, "list_add source:%s", ADDRESS_TEXT(record->source));
   record->host_state = reported_host_state;
-  list_index_append(MldHostIndex, &intr->hosts, &record->link, mld_host_key);
+  list_index_append(MldHostIndex, &intr->hosts, &record->link, mld_host_key(record));
   return record;
 }
 
@@ -83,11 +80,18 @@ int mld_router_host_del(mld_interface *intr, const ipv6_address &group, const ip
   if (record == nullptr) {
     return 0;
   }
-  const int unlinked = list_index_remove(MldHostIndex, &intr->hosts, &record->link, mld_host_key);
+  const int unlinked = list_index_remove(MldHostIndex, &intr->hosts, &record->link, mld_host_key(record));
   if (unlinked == -1) {
     std::array<char, INET6_ADDRSTRLEN> text{};
     inet_ntop(AF_INET6, record->host.data(), text.data(), text.size());
     log_debug(MLD_HERE, "list_remove_node fail: host = %s\n ", text.data());
   }
   return unlinked;
+}
+
+void mld_return_hosts(mld_interface *intr) {
+  for (auto *host = list_first<mld_host>(&intr->hosts); host != nullptr; host = list_first<mld_host>(&intr->hosts)) {
+    list_index_pop(MldHostIndex, &intr->hosts, mld_host_key(host));
+    list_append(&MldRouter.free_hosts, &host->link);
+  }
 }

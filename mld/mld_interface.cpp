@@ -10,7 +10,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-// All steps below are one operation for the reader of the log.
 #define DISCOVERY_HERE MLD_STEP_OF("mld_create_network_list")
 
 static_assert(sizeof(mif6ctl) == 12);
@@ -52,7 +51,7 @@ void set_proxy_flags(int ioctl_socket, ifreq &request, std::uint16_t flags) {
   }
 }
 
-// The peer address is only asked for, not kept; on an IPv6 socket Linux always refuses, which the log then shows.
+// The peer address is only asked for, not kept.
 void ask_peer_address(int ioctl_socket, ifreq &request) {
   log_debug(DISCOVERY_HERE, "Detected %s as Point to Point interface.", request.ifr_name);
   if (ioctl(ioctl_socket, SIOCGIFDSTADDR, &request) < 0) {
@@ -107,7 +106,7 @@ int add_upstream(int ioctl_socket) {
     log_debug(DISCOVERY_HERE, "Unable to get index for %s.", facts.name.data());
   }
   facts.ifindex = static_cast<std::uint32_t>(request.ifr_ifindex);
-  log_debug(DISCOVERY_HERE, "index=%d", static_cast<int>(facts.ifindex));
+  log_debug(DISCOVERY_HERE, "index=%d", to_int32(facts.ifindex));
   facts.flags = read_flags(ioctl_socket, request);
   if ((facts.flags & IFF_POINTOPOINT) != 0) {
     ask_peer_address(ioctl_socket, request);
@@ -121,7 +120,7 @@ int add_upstream(int ioctl_socket) {
   MldRouter.upstream_interface = intr;
   intr->role = MLD_ROLE_UPSTREAM;
   log_debug(DISCOVERY_HERE, "Set %s as UPSTREAM interface.", intr->name.data());
-  const int ifindex = static_cast<int>(intr->ifindex);
+  const int ifindex = to_int32(intr->ifindex);
   if (!kernel_request(DISCOVERY_HERE, request_log::either, intr->socket, MLD_OPTION_IPV6_MULTICAST_IF, ifindex) ||
       !register_mif(intr)) {
     return -1;
@@ -130,7 +129,7 @@ int add_upstream(int ioctl_socket) {
   return 0;
 }
 
-// WAN-side names that end up in the list of LAN names by mistake.
+// Names of WAN links: not used as LAN interfaces, though the options list them.
 bool is_wan_name(const interface_name &name) {
   return std::strstr(name.data(), "ppp") != nullptr || std::strstr(name.data(), "nas") != nullptr;
 }
@@ -145,7 +144,7 @@ int add_downstream(int ioctl_socket, const interface_name &name) {
     return 0;
   }
   facts.ifindex = static_cast<std::uint32_t>(request.ifr_ifindex);
-  log_debug(DISCOVERY_HERE, "index=%d", static_cast<int>(facts.ifindex));
+  log_debug(DISCOVERY_HERE, "index=%d", to_int32(facts.ifindex));
   facts.flags = read_flags(ioctl_socket, request);
   if ((facts.flags & IFF_LOOPBACK) != 0) {
     return 0;
@@ -202,9 +201,10 @@ int mld_check_upstream_interface() {
 }
 
 mld_interface *mld_find_interface(std::uint32_t ifindex) {
-  mld_interface *intr = list_first<mld_interface>(&MldRouter.interfaces);
-  while (intr != nullptr && intr->ifindex != ifindex) {
-    intr = list_after(intr);
+  for (mld_interface *intr : list_records<mld_interface>(&MldRouter.interfaces)) {
+    if (intr->ifindex == ifindex) {
+      return intr;
+    }
   }
-  return intr;
+  return nullptr;
 }

@@ -36,7 +36,7 @@ bool is_link_local_unicast(const ipv6_address &address) { return address[0] == 0
 } // namespace
 
 int set_linklocal(mld_interface *intr) {
-  // The stream stays open on every road: it is made once for each of at most nine interfaces.
+  // The stream stays open on every path: it is made once for each of at most nine interfaces.
   FILE *table = std::fopen("/proc/net/if_inet6", "r");
   if (table == nullptr) {
     log_error(MLD_HERE, "Couldn't open /proc/net/if_inet6 for figuring out local interfaces");

@@ -1,5 +1,5 @@
-// What the proxy asks for upstream on the hosts' behalf, and the forwarding entries that go with it. Kernel refusals
-// are logged and change no record of the proxy.
+// What the proxy asks for upstream on the hosts' behalf, and which forwarding entries go with it. Kernel refusals are
+// logged and change no record of the proxy.
 #pragma once
 
 #include "core/kernel_request.h"
@@ -15,6 +15,9 @@ void mldv2_add_src_membership(mld_group *group, const ipv6_address &source);
 // For a group that was just unlinked from an interface: leaves upstream and deletes the entries of its sources, or,
 // while another interface has the group, only rewrites the (::, G) entry.
 void mld_proxy_drop_membership(mld_group *group);
+
+// Ends a group that was just unlinked: drops it upstream, then releases its record.
+void mld_retire_group(mld_group *group);
 
 // Source filters on the upstream socket.
 void mld_block_source(log_site site, const ipv6_address &group, const ipv6_address &source);

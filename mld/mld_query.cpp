@@ -12,17 +12,12 @@
 #include <net/if_arp.h>
 #include <unistd.h>
 
-// Both operations send in the same steps; each log line carries the operation's name.
 #define SEND_QUERY_HERE MLD_STEP_OF("mld_router_v2_send_query")
 #define MORE_SRC_HERE MLD_STEP_OF("mld_router_v2_send_query_more_src")
 
 static_assert(sizeof(sockaddr_ll) == 20);
 
 namespace {
-
-constexpr std::int32_t last_query_answer_seconds = 10;
-// An any-source slot that lives this long was reported after the last query: it keeps the group's sources unblocked.
-constexpr std::int32_t suppress_threshold_seconds = 11;
 
 constexpr char cannot_create_socket[] = "Can't create socket to send query!";
 constexpr char cannot_allocate[] = "Unable to allocate memory for MLD query.";
@@ -37,13 +32,13 @@ struct query_sender {
 // Opens the packet socket and allocates a frame with room for `source_room` sources. Returns false after logging for
 // `site`; when memory ran out the socket stays open.
 bool open_sender(log_site site, const mld_interface *intr, std::size_t source_room, query_sender &sender) {
-  // The protocol number goes in as it is; the kernel then hands no received frames to this socket.
+  // The protocol number goes in as it is, in host order; kept for compatibility.
   sender.packet_socket = socket(AF_PACKET, SOCK_RAW, IPPROTO_ICMPV6);
   if (sender.packet_socket < 0) {
     log_error(site, cannot_create_socket);
     return false;
   }
-  const int ifindex = static_cast<int>(intr->ifindex);
+  const int ifindex = to_int32(intr->ifindex);
   setsockopt(intr->socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifindex, sizeof(ifindex));
   const std::size_t size = MLD_QUERY_FRAME_BYTES + source_room * IPV6_ADDRESS_BYTES;
   auto *bytes = static_cast<std::uint8_t *>(my_malloc(size));
@@ -68,7 +63,7 @@ void send_frame(log_site site, const mld_interface *intr, const query_sender &se
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_protocol = IPPROTO_ICMPV6; // host order
-  address.sll_ifindex = static_cast<int>(intr->ifindex);
+  address.sll_ifindex = to_int32(intr->ifindex);
   address.sll_hatype = ARPHRD_ETHER;
   address.sll_pkttype = PACKET_MULTICAST;
   address.sll_halen = static_cast<unsigned char>(destination.size());
@@ -86,13 +81,6 @@ bool check_querier(log_site site, const mld_interface *intr) {
     return false;
   }
   return true;
-}
-
-bool has_lasting_any_source(mld_group *group) {
-  const std::span<const mld_source> slots = mld_sources(group);
-  return std::any_of(slots.begin(), slots.end(), [](const mld_source &slot) {
-    return slot.address == In6AddrAny && slot.source_timer >= suppress_threshold_seconds;
-  });
 }
 
 // Lists the expired sources in the frame. Returns their number, or 0 as well when an any-source slot is among them:
@@ -163,15 +151,14 @@ void mld_router_v2_send_query(const mld_interface *intr, std::uint8_t, const ipv
 
 mld_group *mld_router_v2_send_query_more_src(mld_interface *intr, mld_group *group) {
   mld_group *following = list_after(group);
-  const bool is_suppressed = has_lasting_any_source(group);
+  const bool is_suppressed = mld_has_lasting_any_source(group);
   mld_query *query = list_pop<mld_query>(&group->queries);
   if (query == nullptr) {
     return mld_router_retransmit_timer_expired(intr, group, is_suppressed);
   }
   send_pending_query(intr, group, query);
   list_add(&MldRouter.free_queries, &query->link);
-  group->retransmit_timer = list_get_head(&group->queries) == nullptr
-                                ? last_query_answer_seconds
-                                : static_cast<std::int32_t>(MldRouter.last_member_query_interval);
+  group->retransmit_timer =
+      list_get_head(&group->queries) == nullptr ? MLD_LAST_ANSWER_S : to_int32(MldRouter.last_member_query_interval);
   return following;
 }

@@ -1,6 +1,7 @@
 #include "mld/mld_query_frame.h"
 
 #include "core/settings.h"
+#include "mld/mld_timing.h"
 #include "mld/mld_wire.h"
 
 #include <algorithm>
@@ -36,11 +37,9 @@ constexpr std::uint8_t next_header_icmpv6 = 58;
 constexpr std::uint8_t option_router_alert = 5;
 constexpr std::uint8_t router_alert_length = 2;
 constexpr std::uint8_t option_padn = 1;
-constexpr std::uint8_t robustness_variable = 2; // S flag clear
-constexpr std::uint8_t query_interval_code = 125;
 
-// Milliseconds, in every query, whatever response time the caller has in mind: set-top boxes answer by it.
-constexpr std::uint16_t max_response_code = 2000;
+// RFC 3810, sections 5.1.3, 5.1.8 and 5.1.9: below these limits a number stands for itself.
+static_assert(MLD_MAX_RESPONSE_MS < 32768 && MLD_ROBUSTNESS < 8 && MLD_QUERY_INTERVAL_S < 128);
 
 constexpr ipv6_address all_nodes{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
 
@@ -73,10 +72,10 @@ void mld_fill_query_frame(std::span<std::uint8_t> frame, const ipv6_address &gro
   frame[pad_at] = option_padn;
 
   frame[message_at] = ICMPV6_MGM_QUERY;
-  write_u16(&frame[max_response_at], max_response_code);
+  write_u16(&frame[max_response_at], MLD_MAX_RESPONSE_MS);
   write_address(frame, group_at, group);
-  frame[robustness_at] = robustness_variable;
-  frame[query_interval_at] = query_interval_code;
+  frame[robustness_at] = MLD_ROBUSTNESS; // S flag clear
+  frame[query_interval_at] = MLD_QUERY_INTERVAL_S;
 }
 
 void mld_write_query_source(std::span<std::uint8_t> frame, std::size_t index, const ipv6_address &source) {

@@ -111,7 +111,7 @@ void mld_network_socket_read_data() {
   }
   std::puts("\n\n");
   log_debug(READ_HERE, "[PACKET] host      : %s", ADDRESS_TEXT(message.sender));
-  log_debug(READ_HERE, "[PACKET] intr      : %d", static_cast<int>(message.ifindex));
+  log_debug(READ_HERE, "[PACKET] intr      : %d", to_int32(message.ifindex));
   dispatch(intr, message);
 }
 
@@ -126,7 +126,7 @@ void mld_router_received_general_query(mld_interface *intr, const ipv6_address &
     } else {
       intr->is_querier = 0;
       intr->query_timer = 0;
-      intr->other_querier_timer = static_cast<std::int32_t>(MldRouter.other_querier_interval);
+      intr->other_querier_timer = to_int32(MldRouter.other_querier_interval);
     }
     return;
   }

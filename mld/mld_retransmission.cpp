@@ -6,7 +6,6 @@
 
 #include <algorithm>
 
-// The steps below are one operation for the reader of the log.
 #define RETRANSMIT_HERE MLD_STEP_OF("mld_router_retransmit_timer_expired")
 
 namespace {
@@ -21,9 +20,9 @@ void block_expired_sources(mld_group *group, bool is_suppressed) {
     if (!is_suppressed) {
       mld_block_source(RETRANSMIT_HERE, group->group, slot.address);
     }
-    mld_delete_mfc(RETRANSMIT_HERE, slot.address, group->group);
+    mld_delete_entry(RETRANSMIT_HERE, slot.address, group->group);
     if (!is_suppressed && slot.forward == 0) {
-      mld_delete_mfc(RETRANSMIT_HERE, In6AddrAny, group->group);
+      mld_delete_entry(RETRANSMIT_HERE, In6AddrAny, group->group);
     }
   }
 }
@@ -38,14 +37,13 @@ void keep_wanted_sources(mld_group *group) {
     }
   }
   group->sources = kept;
-  group->source_count = static_cast<std::int32_t>(count);
+  group->source_count = to_int32(count);
 }
 
-// The snooping program is not told here, only when a group timer runs out.
+// No signal to the snooping program here, only when a group timer runs out.
 void end_group(const mld_interface *intr, mld_group *group) {
   log_debug(RETRANSMIT_HERE, "remove group mcast %s", ADDRESS_TEXT(group->group));
-  mld_proxy_drop_membership(group);
-  mld_release_group(group);
+  mld_retire_group(group);
   log_debug(RETRANSMIT_HERE, "Network:%s Group:%s State = No members present.", intr->name.data(),
             ADDRESS_TEXT(group->group));
 }
@@ -62,8 +60,7 @@ mld_group *mld_router_retransmit_timer_expired(mld_interface *intr, mld_group *g
     group->state = MLD_GROUP_MEMBERS_PRESENT;
     return following;
   }
-  if (mld_unlink_group(intr, group) == -1) {
-    log_error(RETRANSMIT_HERE, "Group Removal of %s unsuccesful.", ADDRESS_TEXT(group->group));
+  if (!mld_take_off(RETRANSMIT_HERE, intr, group)) {
     return nullptr;
   }
   end_group(intr, group);

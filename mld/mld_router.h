@@ -1,17 +1,14 @@
-// Records, pools and settings of the MLD proxy. Everything the MLD side knows hangs off `MldRouter`.
+// Records, pools and settings of the MLD proxy. `MldRouter` is the root of the records; three small globals stand
+// beside it here, and the indexes of groups and hosts in mld_group.h and mld_host.h.
 #pragma once
 
 #include "core/address.h"
-#include "core/list.h"
+#include "core/list_index.h"
 #include "core/settings.h"
+#include "mld/mld_timing.h"
 
 #include <array>
 #include <cstdint>
-
-inline constexpr int MLD_GROUP_POOL_SIZE = 128;
-inline constexpr int MLD_HOST_POOL_SIZE = 128;
-inline constexpr int MLD_QUERY_POOL_SIZE = 100;
-inline constexpr int MLD_MAX_SOURCES = 10; // per group
 
 enum mld_role : std::uint32_t { MLD_ROLE_UPSTREAM = 1, MLD_ROLE_DOWNSTREAM = 2 };
 
@@ -73,8 +70,8 @@ struct mld_interface {
   std::uint32_t is_querier;
   std::int32_t query_timer;         // seconds to the next general query; 0: on the next tick
   std::int32_t other_querier_timer; // seconds until the querier role is taken back
-  list hosts;                       // mld_host, oldest first
-  list groups;                      // mld_group, newest first
+  indexed_list hosts;               // mld_host, oldest first
+  indexed_list groups;              // mld_group, newest first
   std::uint32_t query_count;        // queries received
   std::uint32_t join_count;         // MLDv2 group updates
   std::uint32_t leave_count;        // leaves of hosts
@@ -97,7 +94,7 @@ struct mld_router {
   std::uint32_t startup_query_count;       // kept, not consulted
   std::uint32_t v1_router_present_timeout; // kept, not consulted
   std::uint32_t source_interval;
-  std::uint32_t non_querier; // 1: stay querier whatever is heard; option -q does not reach it
+  std::uint32_t non_querier; // 1: stay querier whatever is heard; option -q does not set it
   mld_interface *upstream_interface;
   std::int32_t socket; // raw ICMPv6 socket with the MRT6 options; receives all MLD messages. -1 after a failure
   list free_groups;
@@ -110,11 +107,8 @@ extern std::uint32_t MldBlock;              // 1 from an exclude record with sou
 extern std::uint32_t MldStartUpQueryIsSend; // 1 once the first general query is out
 extern ipv6_address mld_tmp_origin;         // source that expired last; replaces sources of records sent from ::
 
-// Zeroes MldRouter and writes the protocol constants and the interface names. Always returns 0.
-int init_mld_config();
+// The upstream interface. Where there is none, a record that stands in for it: the kernel refuses its socket.
+const mld_interface &mld_upstream();
 
-// Fill the pools. Each returns 0, or -1 after logging; the host and query pools stop the proxy when they fail, the
-// group pool leaves that to the caller.
-int init_mld_group();
-int init_mld_host();
-int init_mld_query();
+// A setting, number or count as a timer or a "%d" takes it; the MIF number of a refused MIF becomes -1.
+template <typename number> constexpr std::int32_t to_int32(number value) { return static_cast<std::int32_t>(value); }

@@ -1,15 +1,15 @@
 #include "mld/mld_snooping.h"
 
 #include "core/log.h"
-#include "core/shell.h"
 #include "core/state_file.h"
 
 #include <arpa/inet.h>
+#include <cstdlib>
+#include <tuple>
 
 namespace {
 
-// Room for 15 characters, as in the record that the snooping program reads: a longer address leaves the line without
-// one, and the program then looks at all its groups.
+// Room for 15 characters, kept for compatibility: a longer address leaves the line without one.
 using short_address_text = std::array<char, INET_ADDRSTRLEN>;
 
 short_address_text to_short_text(const ipv6_address &address) {
@@ -33,5 +33,5 @@ void mld_snooping_leave(const ipv6_address &source, const ipv6_address &group) {
   }
   std::fprintf(record, "grp=%s\n", to_short_text(group).data());
   std::fclose(record);
-  run_shell_command("killall -USR2 igmp_snooping");
+  std::ignore = std::system("killall -USR2 igmp_snooping");
 }

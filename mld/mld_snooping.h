@@ -1,4 +1,4 @@
-// Telling the router's snooping program that a group is gone.
+// The message to the router's snooping program that a group is gone.
 #pragma once
 
 #include "core/address.h"

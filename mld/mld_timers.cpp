@@ -2,17 +2,16 @@
 
 #include "core/log.h"
 #include "core/memory.h"
+#include "mld/mld_filter.h"
 #include "mld/mld_group.h"
+#include "mld/mld_leave.h"
 #include "mld/mld_membership.h"
 #include "mld/mld_query.h"
 #include "mld/mld_record.h"
 #include "mld/mld_snooping.h"
-#include "mld/mld_source_group.h"
-#include "mld/mld_v2_records.h"
 
 #include <cstdio>
 
-// The pass is one operation for the reader of the log.
 #define TIMER_HERE MLD_STEP_OF("mld_router_timer_expired")
 
 namespace {
@@ -45,10 +44,10 @@ void run_election(mld_interface *intr) {
 // Only the very first query of the proxy, on whichever interface, is repeated early.
 std::int32_t seconds_after_general_query() {
   if (MldStartUpQueryIsSend == 1) {
-    return static_cast<std::int32_t>(MldRouter.query_interval) - 1;
+    return to_int32(MldRouter.query_interval) - 1;
   }
   MldStartUpQueryIsSend = 1;
-  return static_cast<std::int32_t>(MldRouter.startup_query_interval) - 1;
+  return to_int32(MldRouter.startup_query_interval) - 1;
 }
 
 void run_general_query(mld_interface *intr) {
@@ -59,11 +58,10 @@ void run_general_query(mld_interface *intr) {
     --intr->query_timer;
     return;
   }
-  constexpr std::uint32_t tenths_per_second = 10;
   constexpr std::uint32_t lowest_bit = 1;
   write_two_empty_lines();
   log_debug(TIMER_HERE, "[QUERY TIMER EXPIRED] interface: %s.", intr->name.data());
-  const std::uint32_t max_resp = MldRouter.query_response_interval * tenths_per_second & ~lowest_bit;
+  const std::uint32_t max_resp = MldRouter.query_response_interval * MLD_TENTHS_PER_SECOND & ~lowest_bit;
   mld_router_v2_send_query(intr, static_cast<std::uint8_t>(max_resp), In6AddrAny);
   intr->query_timer = seconds_after_general_query();
 }
@@ -80,31 +78,13 @@ void expire_source(mld_interface *intr, mld_group *group, const mld_source &slot
   }
 }
 
-// The usual second of a group: no source runs out. Returns false, and has done nothing, if one would.
-bool run_lasting_sources(mld_group *group) {
-  const std::span<mld_source> slots = mld_sources(group);
-  bool is_one_due = false;
-  for (const mld_source &slot : slots) {
-    is_one_due |= slot.source_timer <= 1;
-  }
-  if (is_one_due) {
-    return false;
-  }
-  for (mld_source &slot : slots) {
-    --slot.source_timer;
-  }
-  group->active_seconds += static_cast<std::int32_t>(slots.size());
-  return true;
-}
-
 // Slots may move down and all their timers may be cleared while they are walked; what follows then runs out at once.
 void run_source_timers(mld_interface *intr, mld_group *group, record_scratch scratch) {
   std::size_t used = mld_sources(group).size();
   for (std::size_t i = 0; i < used; ++i) {
     mld_source &slot = group->sources[i];
-    --slot.source_timer;
     ++group->active_seconds;
-    if (slot.source_timer > 0) {
+    if (--slot.source_timer > 0) {
       continue;
     }
     expire_source(intr, group, slot, scratch);
@@ -123,9 +103,7 @@ walk_step run_members_present(mld_interface *intr, mld_group *group, record_scra
   if (group->group_timer == 0) {
     ++intr->timeout_count;
   }
-  if (!run_lasting_sources(group)) {
-    run_source_timers(intr, group, scratch);
-  }
+  run_source_timers(intr, group, scratch);
   return walk_step::next_group;
 }
 
@@ -160,7 +138,7 @@ walk_step run_groups(mld_interface *intr, record_scratch scratch) {
       following = run_checking_membership(intr, group, following);
       break;
     default:
-      log_error(TIMER_HERE, "Invalid group state %d for group:%s interface:%s.", static_cast<int>(group->state),
+      log_error(TIMER_HERE, "Invalid group state %d for group:%s interface:%s.", to_int32(group->state),
                 ADDRESS_TEXT(group->group), intr->name.data());
       return walk_step::end_of_pass;
     }
@@ -173,8 +151,7 @@ walk_step run_groups(mld_interface *intr, record_scratch scratch) {
 }
 
 void run_interfaces(record_scratch scratch) {
-  for (mld_interface *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr;
-       intr = list_after(intr)) {
+  for (mld_interface *intr : list_records<mld_interface>(&MldRouter.interfaces)) {
     if (intr->role == MLD_ROLE_UPSTREAM) {
       continue;
     }
@@ -202,12 +179,10 @@ bool mld_router_group_timer_expired(mld_interface *intr, mld_group *group) {
   log_debug(MLD_HERE, "Group timer expired.");
   mld_cancel_queries(group);
   mld_snooping_leave(In6AddrAny, group->group);
-  if (mld_unlink_group(intr, group) == -1) {
-    log_error(MLD_HERE, "Group Removal of %s unsuccesful.", ADDRESS_TEXT(group->group));
+  if (!mld_take_off(MLD_HERE, intr, group)) {
     return false;
   }
-  mld_proxy_drop_membership(group);
-  mld_release_group(group);
+  mld_retire_group(group);
   log_debug(MLD_HERE, "interface:%s group: %s state = No members present.", intr->name.data(),
             ADDRESS_TEXT(group->group));
   return true;

@@ -12,9 +12,9 @@ void mld_router_version1_report_handler(mld_interface *intr, const ipv6_address 
   log_debug(MLD_HERE, "[PACKET] group     : %s", ADDRESS_TEXT(address));
   mld_group *group = mld_find_group(intr, address);
   if (group != nullptr) {
-    group->group_timer = static_cast<std::int32_t>(MldRouter.group_membership_interval);
+    group->group_timer = mld_membership_seconds();
     ++group->report_count;
-    // "V2" for every refreshed group, MLDv1 ones included: log watchers match it.
+    // "V2" for every refreshed group, MLDv1 ones included; kept for compatibility.
     log_debug(MLD_HERE, "V2 group %s timer refresh", ADDRESS_TEXT(address));
   } else {
     group = mld_take_group(MLD_HERE, address);

@@ -1,9 +1,10 @@
 #include "mld/mld_v2_report.h"
 
 #include "core/log.h"
+#include "mld/mld_filter.h"
+#include "mld/mld_join.h"
+#include "mld/mld_leave.h"
 #include "mld/mld_record.h"
-#include "mld/mld_source_group.h"
-#include "mld/mld_v2_records.h"
 
 #include <algorithm>
 
@@ -17,7 +18,7 @@ void apply_record(mld_interface *intr, const mld_record &record, const ipv6_addr
   case MLD2_MODE_IS_INCLUDE:
   case MLD2_CHANGE_TO_INCLUDE:
     if (has_sources) {
-      mld_router_v2_add_src_group(intr, record, joined_sources::listed, sender);
+      mld_router_v2_add_src_group(intr, record, mld_joined_sources::listed, sender);
     } else {
       mld_router_v2_leave_group(intr, record, &sender);
     }
@@ -27,7 +28,7 @@ void apply_record(mld_interface *intr, const mld_record &record, const ipv6_addr
     if (has_sources) {
       mld_router_v2_exclude_group(intr, record, sender);
     } else {
-      mld_router_v2_add_src_group(intr, record, joined_sources::all, sender);
+      mld_router_v2_add_src_group(intr, record, mld_joined_sources::all, sender);
     }
     break;
   case MLD2_ALLOW_NEW_SOURCES:
@@ -48,7 +49,7 @@ void handle_record(mld_interface *intr, const mld_record &record, const ipv6_add
     return;
   }
   log_debug(REPORT_HERE, "[PACKET] group     : %s", ADDRESS_TEXT(group));
-  log_debug(REPORT_HERE, "[PACKET] nsrcs     : %d", static_cast<int>(mld_record_claimed_sources(record)));
+  log_debug(REPORT_HERE, "[PACKET] nsrcs     : %d", to_int32(mld_record_claimed_sources(record)));
   const std::uint8_t kind = mld_record_kind(record);
   if (kind < MLD2_MODE_IS_INCLUDE || kind > MLD2_BLOCK_OLD_SOURCES) {
     log_error(REPORT_HERE, "Unkonwn group record type: 0x%02x", kind);
@@ -67,7 +68,7 @@ void mld_router_version2_report_handler(mld_interface *intr, std::span<std::uint
     log_error(REPORT_HERE, "Wrong group record number: %d", 0);
     return;
   }
-  log_debug(REPORT_HERE, "[PACKET] ngrec     : %d", static_cast<int>(count));
+  log_debug(REPORT_HERE, "[PACKET] ngrec     : %d", to_int32(count));
   std::size_t offset = MLD2_FIRST_RECORD_OFFSET;
   for (std::size_t i = 0; i < count && offset + MLD_RECORD_HEADER_BYTES <= message.size(); ++i) {
     std::span<std::uint8_t> rest = message.subspan(offset);

@@ -42,7 +42,7 @@ bool is_fifo(const char *path) {
   return stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-// A missing file is normal (every key is absent); any other failure gets a message.
+// A missing file is normal (every key is absent); any other failure is reported.
 void read_file(const char *path) {
   if (is_fifo(path)) {
     errno = ESPIPE;
@@ -69,7 +69,7 @@ void read_file(const char *path) {
 
 bool is_passed_over(const char *line) { return line[0] == '\0' || line[0] == '#'; }
 
-// Cuts the text into lines and names those that say nothing.
+// Cuts the text into lines and reports those without a key.
 void split_lines(const char *path) {
   char *const end = Store.text.data() + Store.length;
   *end = '\0';
@@ -95,7 +95,7 @@ void load() {
 
 } // namespace
 
-// The last line of a key wins. Values are taken to the letter, trailing blanks included.
+// The last line of a key wins. Values are taken as they are, trailing blanks included.
 char *nvram_get(const char *key) {
   if (!Store.is_loaded) {
     load();

@@ -24,6 +24,19 @@ std::uint64_t namespace_inode(const char *path) {
   return stat(path, &found) == 0 ? static_cast<std::uint64_t>(found.st_ino) : 0;
 }
 
+bool read_stat(process_facts &facts, pid_t pid) {
+  text content;
+  const bool is_read = read_file(content, path_of(pid, "stat").data()) && parse_process_stat(facts, text_of(content));
+  free_rows(content);
+  return is_read;
+}
+
+std::uint64_t supervisor_network_of(pid_t parent) {
+  process_facts facts{};
+  const bool is_supervisor = read_stat(facts, parent) && std::strcmp(facts.name.data(), SUPERVISOR_NAME) == 0;
+  return is_supervisor ? namespace_inode(path_of(parent, "ns/net").data()) : 0;
+}
+
 bool is_among(const rows_of<process_facts> &processes, pid_t pid) {
   for (const process_facts &process : all_rows(processes)) {
     if (process.pid == pid) {
@@ -85,13 +98,14 @@ bool parse_catches_dump_signal(const char *status) {
 bool read_process(process_facts &facts, pid_t pid) {
   facts = process_facts{};
   facts.pid = pid;
-  text content;
-  bool is_read = read_file(content, path_of(pid, "stat").data()) && parse_process_stat(facts, text_of(content));
-  if (is_read) {
-    is_read = read_file(content, path_of(pid, "status").data());
-    facts.catches_dump_signal = is_read && parse_catches_dump_signal(text_of(content));
-    facts.network = namespace_inode(path_of(pid, "ns/net").data());
+  if (!read_stat(facts, pid)) {
+    return false;
   }
+  text content;
+  const bool is_read = read_file(content, path_of(pid, "status").data());
+  facts.catches_dump_signal = is_read && parse_catches_dump_signal(text_of(content));
+  facts.network = namespace_inode(path_of(pid, "ns/net").data());
+  facts.supervisor_network = supervisor_network_of(facts.parent);
   free_rows(content);
   return is_read;
 }
@@ -121,6 +135,9 @@ daemon_search choose_daemon(process_facts &chosen, rows_of<process_facts> &daemo
   free_rows(all);
   if (daemons.count > 1) {
     keep_rows(daemons, [&](const process_facts &process) { return process.network == own_network; });
+  }
+  if (daemons.count > 1) {
+    keep_rows(daemons, [&](const process_facts &process) { return process.supervisor_network == own_network; });
   }
   if (daemons.count != 1) {
     return daemons.count == 0 ? daemon_search::none : daemon_search::several;

@@ -17,6 +17,10 @@ void add_mif(text &json, const mif_row *mif) {
            ",\"mif\":%d,\"packets_in\":%" PRIu64 ",\"bytes_in\":%" PRIu64 ",\"packets_out\":%" PRIu64
            ",\"bytes_out\":%" PRIu64,
            static_cast<int>(mif->number), mif->packets_in, mif->bytes_in, mif->packets_out, mif->bytes_out);
+  if (mif->host_name[0] != '\0') {
+    add_text(json, ",\"host_name\":");
+    add_json_text(json, mif->host_name.data());
+  }
 }
 
 void add_interface(text &json, const interface_row &row) {

@@ -10,6 +10,7 @@
 struct mif_row {
   std::int32_t number;
   interface_text name;
+  interface_text host_name; // in a private network: the host's interface behind it; empty = none, or not known
   std::uint64_t bytes_in;
   std::uint64_t packets_in;
   std::uint64_t bytes_out;
@@ -27,9 +28,10 @@ struct cache_row {
   std::uint32_t outputs; // bit n: MIF n
 };
 
-// Each parses a whole table and adds its rows; the heading and lines that make no sense are passed over.
+// Each parses a whole table and adds its rows; it skips the heading, malformed lines, and the shields that
+// tarnwick-assist puts before entries.
 void parse_mif_table(rows_of<mif_row> &mifs, const char *table);
 void parse_cache_table(rows_of<cache_row> &entries, const char *table);
 
-// The MIF of a number; null if there is none.
+// The MIF with a number; null if there is none.
 const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number);

@@ -62,7 +62,7 @@ int show_once(const status_options &options) {
   return is_shown ? EXIT_SUCCESS : status_failed;
 }
 
-// A round that fails is page in place of the table; the next one tries again.
+// What is wrong with a failed round is shown in place of the table; the next round tries again.
 void build_watched_page(page &page, status_round &round, const status_options &options, const screen &screen) {
   text problem;
   clear_page(page);

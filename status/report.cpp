@@ -19,6 +19,8 @@ constexpr std::array group_columns{column{"GROUP", alignment::left},    column{"
                                    column{"RATE", alignment::right},    column{"LOAD", alignment::left},
                                    column{"OUTPUTS", alignment::left},  column{"NOTE", alignment::left}};
 
+bool has_host_name(const interface_row &row) { return row.mif != nullptr && row.mif->host_name[0] != '\0'; }
+
 void add_title(page &page, const snapshot &snapshot) {
   std::size_t held = 0;
   std::size_t entries = 0;
@@ -34,15 +36,30 @@ void add_title(page &page, const snapshot &snapshot) {
   if (running >= 0) {
     add_text(title, ", up %s", duration_text(running).data());
   }
+  const std::span<interface_row> interfaces = all_rows(snapshot.interfaces);
+  if (std::any_of(interfaces.begin(), interfaces.end(), has_host_name)) {
+    add_text(title, ", in a private network");
+  }
   add_text(title, ": %zu interface%s, %zu group%s, %zu forwarding entr%s", snapshot.interfaces.count,
            snapshot.interfaces.count == 1 ? "" : "s", held, held == 1 ? "" : "s", entries, entries == 1 ? "y" : "ies");
   add_line(page, line_style::plain, text_of(title));
   free_rows(title);
 }
 
+// In a private network the inner name alone would not show which interface it is.
+void add_interface_name(table &table, const interface_row &row) {
+  text name;
+  add_text(name, "%s", row.counters.name.data());
+  if (has_host_name(row)) {
+    add_text(name, " (%s)", row.mif->host_name.data());
+  }
+  add_cell(table, text_of(name));
+  free_rows(name);
+}
+
 void add_interface(table &table, const interface_row &row) {
   begin_row(table, line_style::plain);
-  add_cell(table, row.counters.name.data());
+  add_interface_name(table, row);
   add_cell(table, row.is_upstream ? "upstream" : "downstream");
   if (row.mif != nullptr) {
     add_number_cell(table, static_cast<unsigned long long>(row.mif->number));

@@ -10,14 +10,30 @@ void say_none(text &problem) {
   add_text(problem, "tarnwick does not run here: start it, for example with 'systemctl start tarnwick'");
   const long age = seconds_since_written(TYPE_MESSAGES_PATH);
   if (age >= 0) {
-    add_text(problem, "\n(%s is %s old and tells nothing about now)", TYPE_MESSAGES_PATH, duration_text(age).data());
+    add_text(problem, "\n(%s is %s old and says nothing about the present)", TYPE_MESSAGES_PATH,
+             duration_text(age).data());
   }
+}
+
+// With the host's names if it runs in a private network.
+void add_interface_names(text &problem, pid_t daemon) {
+  traffic_sample sample{};
+  read_traffic(sample, daemon);
+  const char *before = " (";
+  for (const mif_row &mif : all_rows(sample.mifs)) {
+    add_text(problem, "%s%s", before, mif.host_name[0] != '\0' ? mif.host_name.data() : mif.name.data());
+    before = ", ";
+  }
+  add_text(problem, "%s", sample.mifs.count > 0 ? ")" : "");
+  free_rows(sample.mifs);
+  free_rows(sample.entries);
 }
 
 void say_several(text &problem, const rows_of<process_facts> &daemons) {
   add_text(problem, "several processes are named tarnwick: choose one with --pid, one of");
   for (const process_facts &daemon : all_rows(daemons)) {
     add_text(problem, " %d", static_cast<int>(daemon.pid));
+    add_interface_names(problem, daemon.pid);
   }
 }
 

@@ -1,5 +1,7 @@
 #include "status/snapshot.h"
 
+#include "status/host_names.h"
+
 #include "status/clock.h"
 
 #include <algorithm>
@@ -56,7 +58,7 @@ double seconds_between(const traffic_sample &before, const traffic_sample &now) 
   return static_cast<double>(now.milliseconds - before.milliseconds) / milliseconds_per_second;
 }
 
-// A counter that went back belongs to an entry that was made anew: it counts from zero.
+// A counter that went down belongs to an entry that was made anew: it counts from zero.
 double per_second(std::uint64_t before, std::uint64_t now, double seconds) {
   const std::uint64_t gained = now >= before ? now - before : now;
   return seconds > 0 ? static_cast<double>(gained) / seconds : 0.0;
@@ -82,7 +84,7 @@ const mif_row *mif_of(const traffic_sample &now, const interface_text &name) {
   return nullptr;
 }
 
-// The daemon lists its upstream interface last, since it links it first.
+// The daemon lists its upstream interface last.
 void join_interfaces(snapshot &joined, const daemon_state &state, const traffic_sample &now) {
   for (const interface_counters &counters : all_rows(state.interfaces)) {
     add_row(joined.interfaces, interface_row{counters, false, mif_of(now, counters.name)});
@@ -153,6 +155,7 @@ bool read_traffic(traffic_sample &sample, pid_t daemon) {
   const bool has_mifs = read_table(table, daemon, "ip6_mr_vif");
   if (has_mifs) {
     parse_mif_table(sample.mifs, text_of(table));
+    add_host_names(sample.mifs, daemon);
   }
   const bool has_entries = has_mifs && read_table(table, daemon, "ip6_mr_cache");
   sample.milliseconds = monotonic_milliseconds();

@@ -17,7 +17,7 @@ constexpr char state_folder[] = "/tmp";
 constexpr char first_file[] = "tarnwick_join_state";
 constexpr char last_closed_file[] = "tarnwick_type_messages";
 
-// How far the files are, as the notifications tell.
+// How far the files are, according to the notifications.
 struct file_progress {
   bool is_whole;   // closed after the last change
   bool is_changed; // since this was last cleared
@@ -68,7 +68,7 @@ state_answer read_state(daemon_state &state) {
   return has_groups ? state_answer::fresh : state_answer::unreadable;
 }
 
-// Reads again when another dump began under the reader's hands.
+// Reads again when another dump began during the reading.
 state_answer wait_and_read(daemon_state &state, int notifications) {
   file_progress progress{false, false};
   const std::int64_t deadline = monotonic_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;

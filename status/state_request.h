@@ -4,7 +4,7 @@
 #include "status/daemon_process.h"
 #include "status/state_files.h"
 
-// How long the daemon may take: it answers within one of its ticks, a second apart.
+// How long the daemon may take. It answers at once, or after its next tick, at most a second later.
 inline constexpr int ANSWER_DEADLINE_MILLISECONDS = 3000;
 
 enum class state_answer {
@@ -21,7 +21,7 @@ struct daemon_state {
 };
 
 // Sends SIGUSR1, waits until the daemon has closed the file that it closes last, and reads both files into `state`
-// (emptied first). A dump for somebody else that comes in between is as good as the own one.
+// (emptied first). A dump that another program asked for meanwhile serves as well.
 state_answer ask_for_state(daemon_state &state, pid_t daemon);
 
 // Seconds since a state file was written; -1 if there is none.

@@ -36,7 +36,7 @@ struct surroundings {
 constexpr short is_up = IFF_UP | IFF_MULTICAST;
 constexpr std::array<mute::network_interface, 4> usual_interfaces{
     {{"x2", is_up}, {"x3", is_up}, {"x4", is_up}, {"x5", is_up}}};
-// A dial-up link upstream, and neighbours that are none of the LAN.
+// A dial-up link upstream, and interfaces that do not belong to the LAN.
 constexpr std::array<mute::network_interface, 7> mixed_interfaces{{{"x1", is_up | IFF_LOOPBACK},
                                                                    {"x2", is_up | IFF_POINTOPOINT},
                                                                    {"x3", is_up},
@@ -71,7 +71,7 @@ constexpr std::array<proxy_mode, 2> modes{PROXY_MODE_4TO4, PROXY_MODE_4TO6};
 
 bool IsRunning = false;
 
-// Groups 0 to 9 come from the table; the rest are many, to run the pools dry.
+// Groups 0 to 9 come from the table; the rest are many, to empty the pools.
 ipv4_bytes group_number(std::uint8_t number) {
   return number < groups.size() ? groups[number] : ipv4_bytes{239, 2, 0, number};
 }
@@ -125,7 +125,7 @@ void deliver_from_lan(const std::vector<std::uint8_t> &bytes, script_reader &scr
 
 constexpr std::size_t longest_burst = 160; // the largest pool has fewer records
 
-// The same message for one group after the other: enough to run a pool dry.
+// The same message for one group after the other: enough to empty a pool.
 void deliver_burst(script_reader &script) {
   const std::uint8_t type = types[script.below(types.size())];
   const int ifindex = lan_index(script);
@@ -153,7 +153,7 @@ void check_igmp() {
   }
 }
 
-// Read with nothing refused, or its complaints would fill standard error.
+// Read while nothing is refused, or its complaints would fill standard error.
 void read_nvram(std::span<const char> contents) {
   const mute::refusal_plan planned = std::exchange(mute::Kernel.refusals, {});
   mute::Kernel.file = contents;
@@ -188,39 +188,46 @@ void restart(script_reader &script) {
   start_in(found);
 }
 
+igmp_step next_step(script_reader &script) {
+  const auto step = static_cast<igmp_step>(script.below(static_cast<std::size_t>(igmp_step::count)));
+  if (step < igmp_step::raw_datagram) {
+    return igmp_step::message;
+  }
+  return step > igmp_step::tick && step < igmp_step::many_ticks ? igmp_step::tick : step;
+}
+
 void run_step(script_reader &script) {
-  constexpr std::uint8_t kinds_of_steps = 17;
-  switch (script.below(kinds_of_steps)) {
-  case 7:
+  switch (next_step(script)) {
+  case igmp_step::raw_datagram:
     deliver_from_lan(raw_datagram(script), script);
     break;
-  case 8:
-  case 9:
-  case 10:
+  case igmp_step::tick:
     igmp_router_timer_expired();
     break;
-  case 11:
+  case igmp_step::many_ticks:
     for (int ticks = script.byte(); ticks >= 0; --ticks) {
       igmp_router_timer_expired();
     }
     break;
-  case 12:
+  case igmp_step::refusals:
     plan_refusals(script);
     break;
-  case 13:
+  case igmp_step::state_dump:
     write_state_dump();
     break;
-  case 14:
+  case igmp_step::restart:
     restart(script);
     break;
-  case 15:
+  case igmp_step::message_from_elsewhere:
     deliver_from_elsewhere(script);
     break;
-  case 16:
+  case igmp_step::burst:
     deliver_burst(script);
     break;
-  default:
+  case igmp_step::message:
     deliver_from_lan(made_datagram(script), script);
+    break;
+  case igmp_step::count:
     break;
   }
 }
@@ -229,7 +236,7 @@ void run_step(script_reader &script) {
 
 void start_igmp() { start_in(all_surroundings[0]); }
 
-// A stop that follows a start half-way through discovery leaves the one record that was on no list yet.
+// A stop after a start that failed half-way through discovery leaves the one record that was not on a list yet.
 void stop_igmp() {
   const std::size_t allowed = IsRunning ? 0 : 1;
   igmp_proxy_stop();

@@ -7,6 +7,20 @@
 
 namespace world {
 
+// What the first byte of a step stands for; the bytes behind it are the step's own.
+enum class igmp_step : std::uint8_t {
+  message = 0, // report, leave or query; so is every number below the next
+  raw_datagram = 7,
+  tick = 8,        // so is every number below the next
+  many_ticks = 11, // up to 256
+  refusals,        // of some of the next requests
+  state_dump,
+  restart,                // a stop, then a start in either mode, with other interfaces or with refusals on the way
+  message_from_elsewhere, // from nowhere, from upstream, or without packet information
+  burst,                  // the same message for many groups
+  count
+};
+
 // Brings a proxy up in mode 4to4 or 4to6 with one upstream and three downstream interfaces. With refusals pending it
 // may fail half-way, as on a router; the next step tries again.
 void start_igmp();
@@ -14,12 +28,7 @@ void start_igmp();
 // Stops it and checks that every record was freed.
 void stop_igmp();
 
-// Carries out the script's steps, checking all records after each one. The first byte chooses the mode; then, one step
-// each:
-//   0-6 report, leave or query    7 raw datagram    8-10 tick    11 up to 256 ticks
-//   12 refuse some of the next requests    13 state dump
-//   14 stop, and start in either mode, with other interfaces or with refusals on the way
-//   15 message from nowhere, from upstream or without packet information    16 burst of messages for many groups
+// Carries out the script's steps, checking all records after each one. The script's first byte chooses the mode.
 void run_igmp_script(std::span<const std::uint8_t> script);
 
 // The first step of the script alone, on the running proxy, with the checks.

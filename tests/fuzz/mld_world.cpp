@@ -8,6 +8,7 @@
 #include "mld/mld_router.h"
 #include "mld/mld_shutdown.h"
 #include "mld/mld_socket.h"
+#include "mld/mld_start_up.h"
 #include "mld/mld_timers.h"
 #include "mld/mld_wire.h"
 #include "mute_kernel.h"
@@ -40,7 +41,7 @@ constexpr char usual_addresses[] = "fe800000000000000000000000000002 02 40 20 80
 constexpr std::array<mute::network_interface, 4> usual_interfaces{
     {{"x2", is_up}, {"x3", is_up}, {"x4", is_up}, {"x40", is_up}}};
 
-// A dial-up link upstream; among the LAN's names some that are none of it.
+// A dial-up link upstream; some of the LAN's names do not belong to the LAN.
 constexpr char mixed_addresses[] = "20010db8000000000000000000000003 03 40 00 80 x3\n"
                                    "not a line of this table\n"
                                    "fe800000000000000000000000000002 02 40 20 80 x2\n"
@@ -90,7 +91,7 @@ void append(std::vector<std::uint8_t> &bytes, const ipv6_address &address) {
   bytes.insert(bytes.end(), address.begin(), address.end());
 }
 
-// Groups 0 to 9 come from the table; the rest are many, to run the pools dry.
+// Groups 0 to 9 come from the table; the rest are many, to empty the pools.
 ipv6_address group_number(std::uint8_t number) {
   return number < groups.size() ? groups[number] : ending(0xff, 0x0e, number);
 }
@@ -158,7 +159,7 @@ void deliver_from_elsewhere(script_reader &script) {
 
 constexpr std::size_t longest_burst = 160; // the largest pool has 128 records
 
-// The same report for one group after the other: enough to run a pool dry.
+// The same report for one group after the other: enough to empty a pool.
 void deliver_burst(script_reader &script) {
   const std::uint8_t kind = script.below(kinds_of_records);
   const auto has_source = static_cast<std::uint8_t>(script.below(2));
@@ -197,44 +198,49 @@ void restart(script_reader &script) {
   start_in(found);
 }
 
+mld_step next_step(script_reader &script) {
+  const auto step = static_cast<mld_step>(script.below(static_cast<std::size_t>(mld_step::count)));
+  return step < mld_step::v1_report ? mld_step::report : step;
+}
+
 void run_step(script_reader &script) {
-  constexpr std::uint8_t kinds_of_steps = 17;
-  const std::uint8_t step = script.below(kinds_of_steps);
-  switch (step) {
-  case 7:
+  switch (next_step(script)) {
+  case mld_step::v1_report:
     deliver_from_lan(made_v1_message(ICMPV6_MGM_REPORT, script), script);
     break;
-  case 8:
+  case mld_step::v1_query:
     deliver_from_lan(made_v1_message(ICMPV6_MGM_QUERY, script), script);
     break;
-  case 9:
+  case mld_step::raw_message:
     deliver_from_lan(raw_message(script), script);
     break;
-  case 10:
+  case mld_step::tick:
     mld_router_timer_expired();
     break;
-  case 11:
+  case mld_step::many_ticks:
     for (int ticks = script.byte(); ticks >= 0; --ticks) {
       mld_router_timer_expired();
     }
     break;
-  case 12:
+  case mld_step::refusals:
     plan_refusals(script);
     break;
-  case 13:
+  case mld_step::state_dump:
     write_state_dump();
     break;
-  case 14:
+  case mld_step::restart:
     restart(script);
     break;
-  case 15:
+  case mld_step::message_from_elsewhere:
     deliver_from_elsewhere(script);
     break;
-  case 16:
+  case mld_step::burst:
     deliver_burst(script);
     break;
-  default:
+  case mld_step::report:
     deliver_from_lan(made_report(script), script);
+    break;
+  case mld_step::count:
     break;
   }
 }

@@ -7,6 +7,22 @@
 
 namespace world {
 
+// What the first byte of a step stands for; the bytes behind it are the step's own.
+enum class mld_step : std::uint8_t {
+  report = 0, // MLDv2, with records from small tables; so is every number below the next
+  v1_report = 7,
+  v1_query,
+  raw_message,
+  tick,
+  many_ticks, // up to 256
+  refusals,   // of some of the next requests
+  state_dump,
+  restart,                // a stop, then a start with other interfaces or with refusals on the way
+  message_from_elsewhere, // from nowhere, from upstream, or without packet information
+  burst,                  // the same report for many groups
+  count
+};
+
 // Brings a proxy up with one upstream and three downstream interfaces (indexes 2 to 4, and 40, which cannot be a
 // forwarding output). With refusals pending it may fail half-way, as on a router; the next step tries again.
 void start_mld();
@@ -14,11 +30,7 @@ void start_mld();
 // Stops it and checks that every record but the deleted hosts was freed.
 void stop_mld();
 
-// Carries out the script's steps, checking all records after each one. The script's bytes, one step each:
-//   0-6 MLDv2 report made of records from small tables    7 MLDv1 report    8 query    9 raw message
-//   10 tick    11 up to 256 ticks    12 refuse some of the next requests    13 state dump
-//   14 stop, and start with other interfaces or with refusals on the way
-//   15 message from nowhere, from upstream or without packet information    16 burst of messages for many groups
+// Carries out the script's steps, checking all records after each one.
 void run_mld_script(std::span<const std::uint8_t> script);
 
 // The first step of the script alone, on the running proxy, with the checks.
@@ -30,7 +42,7 @@ void quiet_down_mld();
 // One tick, with the checks.
 void tick_mld();
 
-// Checks all records; ends the program with a word if something is wrong.
+// Checks all records; ends the program with a message if something is wrong.
 void check_mld();
 
 } // namespace world

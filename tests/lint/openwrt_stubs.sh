@@ -24,8 +24,9 @@ config_list_foreach() {
 	done
 }
 
-procd_open_instance() { echo "open $1"; }
+procd_open_instance() { echo "open $*"; }
 procd_set_param() { echo "set $*"; }
+procd_append_param() { echo "append $*"; }
 procd_close_instance() { echo "close"; }
 procd_add_reload_trigger() { echo "reload on $*"; }
 logger() { echo "logger $*"; }

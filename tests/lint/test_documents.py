@@ -39,7 +39,7 @@ def test_links_lead_to_files_that_exist(document):
 
 
 def test_files_named_by_drawings_and_architecture_exist():
-    named = set(re.findall(r"\b((?:core|mld)/\w+)", (PROJECT / "docs" / "road-of-a-report.dot").read_text()))
+    named = set(re.findall(r"\b((?:core|mld)/\w+)", (PROJECT / "docs" / "path-of-a-report.dot").read_text()))
     assert len(named) > 10
     for name in named:
         assert (PROJECT / f"{name}.h").exists(), name

@@ -22,7 +22,7 @@ def sections(page):
 def options_of_page(page):
     options = set()
     for line in re.findall(r"^\.It Fl (.*)", sections(page)["OPTIONS"], re.M):
-        for word in re.match(r"-?\w+(?: , -?\w+)*", line).group(0).split(" , "):
+        for word in re.match(r"-?[\w-]+(?: , -?[\w-]+)*", line).group(0).split(" , "):
             options.add("-" + word)
     return options
 
@@ -46,7 +46,7 @@ def test_page_has_every_section_that_its_reader_looks_for(page):
     assert wanted - set(sections(page)) == set()
 
 
-@pytest.mark.parametrize("program", ["tarnwick", "tarnwick-assist", "tarnwick-status"])
+@pytest.mark.parametrize("program", ["tarnwick", "tarnwick-assist", "tarnwick-run", "tarnwick-status"])
 def test_options_of_page_and_usage_text_are_the_same(program):
     page = PROJECT / "docs" / "man" / f"{program}.8"
     usage = options_of_usage(program)

@@ -30,21 +30,30 @@ def dry_run(request, tmp_path):
     return run
 
 
-def commands(lines):
-    return [line.removeprefix("set command ").removeprefix("/usr/bin/stdbuf -oL ") for line in lines
-            if line.startswith("set command ")]
+def command(lines):
+    """The words of the one instance's command."""
+    words = []
+    for line in lines:
+        for start in ("set command ", "append command "):
+            words += line.removeprefix(start).split() if line.startswith(start) else []
+    return words
 
 
-def test_both_programs_run_in_the_foreground_and_are_started_again(dry_run):
+SUPERVISED = "/usr/sbin/tarnwick-run -u eth0.2 -d br-lan,br-iptv --network=host --log=info"
+
+
+def test_one_instance_runs_the_supervisor_and_is_started_again(dry_run):
     status, lines = dry_run("start_service", enabled="1", upstream="eth0.2", downstream="br-lan br-iptv")
     assert status == 0
-    assert commands(lines) == ["/usr/sbin/tarnwick -u eth0.2 -d br-lan,br-iptv",
-                               "/usr/sbin/tarnwick-assist -u eth0.2 -d br-lan,br-iptv"]
-    assert lines.count("set respawn 3600 5 0") == 2
-    assert lines.count("set stderr 1") == 2 and "set stdout 1" in lines
-    assert [line for line in lines if line.startswith(("open", "close"))] == ["open tarnwick", "close", "open assist",
-                                                                             "close"]
-    assert not any(" -b" in command for command in commands(lines)), "procd must not lose sight of the daemon"
+    assert command(lines) == SUPERVISED.split()
+    assert lines.count("set respawn 3600 5 0") == 1
+    assert [line.strip() for line in lines if line.startswith(("open", "close"))] == ["open", "close"]
+    assert not [line for line in lines if line.startswith(("set stdout", "set stderr"))], "its log has levels of its own"
+
+
+def test_network_and_log_are_passed_on(dry_run):
+    _status, lines = dry_run("start_service", enabled="1", upstream="wan", downstream="lan", network="private", log="all")
+    assert command(lines)[-2:] == ["--network=private", "--log=all"]
 
 
 def test_nothing_starts_until_it_is_enabled(dry_run):
@@ -62,15 +71,15 @@ def test_missing_device_is_told_in_the_system_log(dry_run):
 
 def test_companion_can_be_left_out(dry_run):
     _status, lines = dry_run("start_service", enabled="1", upstream="wan", downstream="br-lan", assist="0")
-    assert commands(lines) == ["/usr/sbin/tarnwick -u wan -d br-lan"]
+    assert command(lines)[-1] == "--no-assist"
 
 
-def test_queries_carry_the_lan_devices_address_or_the_one_that_is_set(dry_run):
+def test_queries_carry_the_address_that_is_set(dry_run):
     _status, lines = dry_run("start_service", enabled="1", upstream="wan", downstream="lo")
-    assert dry_run.nvram.read_text() == "et0macaddr=00:00:00:00:00:00\n"
-    assert f"set env TARNWICK_NVRAM={dry_run.nvram}" in lines
-    dry_run("start_service", enabled="1", upstream="wan", downstream="lo", lan_mac="02:00:00:00:01:fe")
+    assert not dry_run.nvram.exists() and "--nvram" not in " ".join(lines), "the supervisor takes the device's own"
+    _status, lines = dry_run("start_service", enabled="1", upstream="wan", downstream="lo", lan_mac="02:00:00:00:01:fe")
     assert dry_run.nvram.read_text() == "et0macaddr=02:00:00:00:01:fe\n"
+    assert command(lines)[-1] == f"--nvram={dry_run.nvram}"
 
 
 def test_changed_settings_restart_it(dry_run):

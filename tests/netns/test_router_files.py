@@ -9,7 +9,7 @@ import kernel_view
 from kernel_view import ANY
 from frames import report
 from laboratory import S1, S2, has_ended, log_of, run, send_signal, stop, wait_for
-from proxy import open_descriptors, start_proxy, start_snooping
+from proxy import PRELOAD, open_descriptors, start_proxy, start_snooping
 from traffic import listen, send_frame
 
 GROUP = "ff0e::1:2:3"
@@ -56,6 +56,12 @@ def plant(kind, path, victim, owner=NOBODY):
     else:
         path.write_text("of another user\n")
     os.chown(path, owner, owner, follow_symlinks=False)
+
+
+def open_descriptors_after_a_query(daemon):
+    """With the library that tarnwick-run preloads the first query leaves a socket open."""
+    wait_for(lambda: "[QUERY]" in log_of(daemon), DEADLINE_S, "first query")
+    return open_descriptors(daemon)
 
 
 def make_victim(lab):
@@ -131,7 +137,7 @@ def test_the_other_dump_files_are_written(lab, kind, name):
     victim = make_victim(lab)
     plant(kind, lab.router_tmp / name, victim)
     daemon = start_proxy(lab)
-    before = open_descriptors(daemon)
+    before = open_descriptors_after_a_query(daemon)
     dump(daemon)
     counters = lab.router_tmp / "tarnwick_type_messages"
     wait_for(lambda: counters.exists() and "[MLD]ifname: br0" in counters.read_text(), DEADLINE_S, "dump")
@@ -153,7 +159,7 @@ def read_in_router(lab, name):
 def test_full_disk_leaves_empty_files_and_harms_nothing(lab):
     daemon = start_proxy(lab, ticks_per_second=FAST)
     mount_small_tmp(lab)
-    before = open_descriptors(daemon)
+    before = open_descriptors_after_a_query(daemon)
     for _ in range(20):
         dump(daemon)
     wait_for(lambda: "tarnwick_join_state" in run(lab, "router", "ls", "/tmp"), DEADLINE_S, "dump")
@@ -168,7 +174,7 @@ def test_full_disk_leaves_empty_files_and_harms_nothing(lab):
     assert stop(daemon) == 0
 
 
-def test_unwritable_tmp_is_told_of_and_harms_nothing(lab):
+def test_unwritable_tmp_is_reported_and_harms_nothing(lab):
     notes = start_snooping(lab)
     daemon = start_proxy(lab, ticks_per_second=FAST)
     run(lab, "router", "mount", "-t", "tmpfs", "-o", "ro", "none", "/tmp")
@@ -192,12 +198,13 @@ def test_failing_dumps_lose_two_streams_each_and_forwarding_outlives_them(lab):
     """Only root can ask for dumps. Streams flow on when no descriptor is left; queries need one and are not sent."""
     (lab.router_tmp / "tarnwick_type_messages").mkdir()
     daemon = start_proxy(lab, ticks_per_second=FAST)
+    open_descriptors_after_a_query(daemon)
     limit_descriptors(lab, 40)
     for _ in range(40):
         before = log_of(daemon).count(DUMP_FAILED)
         dump(daemon)
         wait_for(lambda seen=before: log_of(daemon).count(DUMP_FAILED) > seen, DEADLINE_S, "failed dump")
-    assert open_descriptors(daemon) == 40
+    assert open_descriptors(daemon) - 40 == (PRELOAD is not None)  # the library keeps one beyond the limit
     wait_for(lambda: "Can't create socket to send query!" in log_of(daemon), DEADLINE_S, "query without a socket")
     assert_it_works(lab)
     limit_descriptors(lab, 1024)  # a leak checker needs some at the end, the daemon as well to restore flags

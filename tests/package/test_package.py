@@ -4,6 +4,7 @@ import os
 import pathlib
 import re
 import subprocess
+import time
 
 import pytest
 
@@ -19,15 +20,18 @@ GROUP = "ff0e::101"
 HELD = {
     "./etc/default/tarnwick",
     "./etc/tarnwick/nvram",
-    "./usr/lib/systemd/system/tarnwick-assist.service",
     "./usr/lib/systemd/system/tarnwick.service",
     "./usr/sbin/tarnwick",
+    "./usr/lib/tarnwick/libtarnwick-smooth.so",
     "./usr/sbin/tarnwick-assist",
+    "./usr/sbin/tarnwick-run",
     "./usr/sbin/tarnwick-status",
     "./usr/share/doc/tarnwick/CHANGELOG.md",
     "./usr/share/doc/tarnwick/copyright",
+    "./usr/share/doc/tarnwick/examples/tarnwick.nft",
     "./usr/share/man/man5/tarnwick-nvram.5",
     "./usr/share/man/man8/tarnwick-assist.8",
+    "./usr/share/man/man8/tarnwick-run.8",
     "./usr/share/man/man8/tarnwick-status.8",
     "./usr/share/man/man8/tarnwick.8"}
 
@@ -112,6 +116,11 @@ def journal(debian, unit):
     return debian_box.run(debian, "journalctl", "--no-pager", "-o", "cat", "-u", unit).stdout
 
 
+def streams_can_flow(lab):
+    return (set(kernel_view.multicast_interfaces(lab).values()) == {"wan0", "br0"} and
+            kernel_view.forwarding_of(lab, kernel_view.ANY) == {kernel_view.ANY: {"wan0"}})
+
+
 def is_gone(debian):
     return "tarnwick" not in debian_box.run(debian, "sh", "-c", "cat /proc/[0-9]*/comm", check=False).stdout
 
@@ -125,9 +134,8 @@ def test_package_installs_runs_under_its_units_and_leaves_nothing_behind(box):
 
     debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/", "/etc/default/tarnwick")
     debian_box.run(debian, "systemctl", "enable", "--now", "tarnwick.service")
-    laboratory.wait_for(lambda: is_active(debian, "tarnwick.service", "tarnwick-assist.service"), 20, "both units")
-    laboratory.wait_for(lambda: kernel_view.forwarding_of(lab, kernel_view.ANY) == {kernel_view.ANY: {"wan0"}}, 20,
-                        "the companion's entry")
+    assert is_active(debian, "tarnwick.service", "tarnwick-assist.service"), "the companion's old name is an alias"
+    assert streams_can_flow(lab), "the start has waited for it"
 
     listener = traffic.listen(lab, "host1", GROUP)
     laboratory.wait_for(lambda: "br0" in kernel_view.forwarding_of(lab, GROUP).get("::", ()), 20, "forwarding entry")
@@ -136,15 +144,19 @@ def test_package_installs_runs_under_its_units_and_leaves_nothing_behind(box):
 
     shown = debian_box.run(debian, "tarnwick-status").stdout
     assert re.search(rf"^{GROUP} +br0 ", shown, re.M), shown
-    assert "setsockopt: MRT6_ADD_MFC" in journal(debian, "tarnwick.service"), "log lines arrive without delay"
+    assert "tarnwick-assist: joined ff02::16 on br0" in journal(debian, "tarnwick.service")
+    shown = debian_box.run(debian, "sh", "-c", "systemctl restart tarnwick && tarnwick-status").stdout
+    assert "br0" in shown, "one pasted line"
+    assert streams_can_flow(lab)
 
     debian_box.run(debian, "systemctl", "stop", "tarnwick.service")
     laboratory.wait_for(lambda: is_gone(debian), 10, "end of both programs")
     assert "Stop MLD Proxy." in journal(debian, "tarnwick.service")
+    assert not [path for path in debian_box.files(debian) if path.startswith("/run/tarnwick")]
     assert kernel_view.interface_flags(lab, "br0") == set()
     assert kernel_view.multicast_interfaces(lab) == {}
     debian_box.run(debian, "systemctl", "start", "tarnwick.service")
-    laboratory.wait_for(lambda: is_active(debian, "tarnwick.service", "tarnwick-assist.service"), 20, "both again")
+    assert streams_can_flow(lab)
 
     debian_box.run(debian, "dpkg", "--remove", "tarnwick")
     laboratory.wait_for(lambda: is_gone(debian), 10, "end of both programs")
@@ -167,3 +179,31 @@ def test_killed_daemon_is_started_again(box):
                         set(kernel_view.multicast_interfaces(lab).values()) == {"wan0", "br0"}, 20, "MIFs once more")
 
 
+def test_start_with_a_wrong_interface_fails_within_30_seconds_and_says_why(box):
+    lab, debian = box
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    began = time.monotonic()
+    done = debian_box.run(debian, "systemctl", "start", "tarnwick.service", check=False)
+    assert done.returncode != 0
+    assert time.monotonic() - began < 30
+    assert "waiting for br1 (not there)" in journal(debian, "tarnwick.service")
+    debian_box.run(debian, "systemctl", "stop", "tarnwick.service")
+    assert is_gone(debian)
+    assert kernel_view.multicast_interfaces(lab) == {}
+
+
+def test_index_above_31_fails_with_its_cure_and_works_in_a_private_network(box):
+    lab, debian = box
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    laboratory.configure(lab, "router", "link add br9 index 140 type bridge\nlink add port9 type veth peer name far9\n"
+                                        "link set port9 up master br9\nlink set far9 up\nlink set br9 up\n")
+    debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/; s/=br0/=br9/", "/etc/default/tarnwick")
+    done = debian_box.run(debian, "systemctl", "start", "tarnwick.service", check=False)
+    assert done.returncode != 0
+    assert "index 140 of br9 is above 31: use --network=private" in journal(debian, "tarnwick.service")
+    debian_box.run(debian, "sed", "-i", "s/RUN_OPTIONS=/RUN_OPTIONS=--network=private/", "/etc/default/tarnwick")
+    debian_box.run(debian, "systemctl", "restart", "tarnwick.service")
+    assert is_active(debian, "tarnwick.service")
+    assert kernel_view.multicast_interfaces(lab) == {}, "the host's own routing is free"
+    debian_box.run(debian, "systemctl", "stop", "tarnwick.service")
+    assert is_gone(debian)

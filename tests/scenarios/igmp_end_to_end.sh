@@ -52,7 +52,7 @@ watch() {
 
 times_on_wire() { grep -c "$2" "$lab_folder/$1.wire.log"; }
 
-# on_wire INTERFACE PATTERN [COUNT]: that many such messages, one unless told otherwise.
+# on_wire INTERFACE PATTERN [COUNT]: that many such messages, one by default.
 on_wire() { [ "$(times_on_wire "$1" "$2")" -ge "${3:-1}" ]; }
 
 hears_version_2() { ip netns exec "$1" grep -q "eth0 .* V2$" /proc/net/igmp; }
@@ -82,7 +82,7 @@ logged() { grep -q "$1" "$lab_folder/$proxy_log"; }
 start_proxy() {
   proxy_log=$1
   shift
-  lab_start_in_router "$proxy_log" igmp_runner -u wan0 "$@"
+  lab_start_in_router "$proxy_log" igmp_router -u wan0 "$@"
   proxy_pid=$lab_pid
   lab_wait 10 vif_is_registered br0
 }

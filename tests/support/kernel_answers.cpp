@@ -211,13 +211,15 @@ int answer_select(fd_set *readable) {
   for (const int signal_number : next.signals) {
     raise_in_script(signal_number);
   }
+  if (next.result != -1 || !next.ready.empty()) {
+    FD_ZERO(readable);
+  }
+  for (const int descriptor : next.ready) {
+    FD_SET(descriptor, readable);
+  }
   if (next.result == -1) {
     errno = next.error;
     return -1;
-  }
-  FD_ZERO(readable);
-  for (const int descriptor : next.ready) {
-    FD_SET(descriptor, readable);
   }
   return next.result != 0 ? next.result : static_cast<int>(next.ready.size());
 }

@@ -74,7 +74,7 @@ std::string ipv4_text(const void *address) {
   return text;
 }
 
-// What a record must look like if all that matters is in its named fields; anything else is shown raw.
+// The expected bytes of a record whose named fields say everything; any other record is shown raw as well.
 template <typename record> std::string raw_unless_equal(const record &sent, const record &expected) {
   return std::memcmp(&sent, &expected, sizeof(record)) == 0 ? "" : " raw=" + hex_text(&sent, sizeof(record));
 }
@@ -280,7 +280,11 @@ std::string ioctl_text(int descriptor, unsigned long request, const void *argume
   }
   if (request == SIOCDEVPRIVATE || request == SIOCDEVPRIVATE + 1) {
     constexpr std::size_t map_record_bytes = 24;
-    return start + " " + name + " record=" + hex_text(value.ifr_data, map_record_bytes);
+    ifreq expected{};
+    name.copy(expected.ifr_name, IFNAMSIZ);
+    expected.ifr_data = value.ifr_data;
+    return start + " " + name + " record=" + hex_text(value.ifr_data, map_record_bytes) +
+           raw_unless_equal(value, expected);
   }
   return start + " " + name;
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -73,6 +74,14 @@ std::string open_flags_text(int flags) {
   return text;
 }
 
+// Of a call that should have none.
+std::string flags_text(int flags) { return flags == 0 ? "" : " flags=" + std::to_string(flags); }
+
+std::string name_of_open_file(int descriptor) {
+  std::error_code unknown;
+  return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), unknown).filename().string();
+}
+
 std::string signal_name(int signal_number) {
   const char *name = sigabbrev_np(signal_number);
   return name != nullptr ? std::string("SIG") + name : std::to_string(signal_number);
@@ -130,7 +139,10 @@ ssize_t __wrap_recvmsg(int descriptor, msghdr *header, int flags) {
   if (!IsActive) {
     return __real_recvmsg(descriptor, header, flags);
   }
-  return request("recvmsg(" + descriptor_text(descriptor) + ")") ? -1 : deliver_message(header);
+  const auto *offered = static_cast<const std::uint8_t *>(header->msg_iov->iov_base);
+  Kernel.receive_buffer.assign(offered, offered + header->msg_iov->iov_len);
+  const std::string text = "recvmsg(" + descriptor_text(descriptor) + ")" + flags_text(flags);
+  return request(text) ? -1 : deliver_message(header);
 }
 
 ssize_t __wrap_sendto(int descriptor, const void *bytes, std::size_t length, int flags, const sockaddr *address,
@@ -138,7 +150,7 @@ ssize_t __wrap_sendto(int descriptor, const void *bytes, std::size_t length, int
   if (!IsActive) {
     return __real_sendto(descriptor, bytes, length, flags, address, address_length);
   }
-  const bool fails = request(sendto_text(descriptor, length, address, address_length));
+  const bool fails = request(sendto_text(descriptor, length, address, address_length) + flags_text(flags));
   const auto *first = static_cast<const std::uint8_t *>(bytes);
   Kernel.frames.emplace_back(first, first + length);
   return fails ? -1 : static_cast<ssize_t>(length);
@@ -179,9 +191,13 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
   return request(std::string("fopen(") + path + ", " + mode + ")") ? nullptr : open_if_inet6();
 }
 
-// Of a table of the kernel alone: the files that the daemon writes are the tests' own.
+// Only the kernel's tables are in the transcript: the files that the daemon writes are the tests' own.
 int __wrap_fclose(FILE *stream) {
-  if (!IsActive || !is_open_table(stream)) {
+  if (!IsActive) {
+    return __real_fclose(stream);
+  }
+  if (!is_open_table(stream)) {
+    Kernel.closed_files.push_back(name_of_open_file(fileno(stream)));
     return __real_fclose(stream);
   }
   request("fclose(" + if_inet6_path + ")");

@@ -1,5 +1,5 @@
 // A kernel that answers by script. The linker sends the daemon's requests here (see CMakeLists.txt); each becomes one
-// line of the transcript, in order with the lines that the daemon logs. Outside `run` everything reaches the real
+// line of the transcript, in order with the lines that the daemon logs. Outside `run` everything goes to the real
 // system, so the test program itself works as usual.
 //
 // Lines of the transcript
@@ -47,7 +47,7 @@ struct message {
 
 // One return of select.
 struct wake_up {
-  std::vector<int> ready; // descriptors left in the set
+  std::vector<int> ready; // descriptors left in the set; of a failed wait: if there are none, the set stays as it was
   int result = 0;         // count to report; 0: as many as are ready; -1: fails with `error`
   int error = 0;
   std::vector<int> signals = {}; // handlers run before select returns
@@ -63,7 +63,7 @@ struct failure {
 };
 
 struct kernel {
-  // What the test gives.
+  // Set by the test.
   std::vector<interface> interfaces;
   std::optional<std::string> if_inet6; // contents of the table; none: made from `interfaces`
   std::vector<failure> failures;
@@ -71,10 +71,11 @@ struct kernel {
   std::deque<wake_up> wake_ups;
   std::deque<int> signals_in_blocked_read; // a read of the empty pipe runs these handlers until something is there
   int next_socket = FIRST_NEW_SOCKET;      // what socket() returns; tests that select on it give one that fits a set
-  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is no failure
+  bool may_wait_for_ever = false;          // a script that ends with the daemon waiting is not a failure
   int fork_result = 0;
-  std::map<int, std::string> names; // of descriptors, for the transcript
-  std::string directory;            // stands for /tmp: files the daemon opens land here
+  std::map<int, std::string> names;                    // of descriptors, for the transcript
+  std::function<void(const std::string &)> on_request; // sees each request before it is answered
+  std::string directory;                               // stands for /tmp: files the daemon opens land here
 
   // For sweeps: fail request number `fail_at` (counted from 1 over requests, allocations, opens and commands) and,
   // if `fail_rest`, all later ones.
@@ -87,6 +88,8 @@ struct kernel {
   std::vector<std::string> transcript;
   std::vector<std::vector<std::uint8_t>> frames; // bytes of each sendto
   std::vector<std::string> commands;             // of system()
+  std::vector<std::string> closed_files;         // names of the files closed, in order
+  std::vector<std::uint8_t> receive_buffer;      // of the last recvmsg, as the daemon offered it
   std::map<int, sighandler_t> handlers;
   std::string output;             // standard output as it was written, log prefixes included
   std::vector<std::string> made;  // all that a sweep can fail: the requests, and "malloc(36)"
@@ -97,7 +100,7 @@ struct kernel {
 
 extern kernel Kernel;
 
-// Forgets everything and makes a fresh directory for files.
+// Resets everything and makes a fresh directory for files.
 void reset();
 
 // Runs daemon code under the script. Returns early when the daemon calls exit, or when it would wait for ever.
@@ -115,7 +118,7 @@ std::optional<std::string> file_contents(const std::string &path);
 // Path in the test's directory that stands for a path under /tmp.
 std::string redirected(const std::string &path);
 
-// Takes the transcript away, for one assertion.
+// Takes the transcript out, for one assertion.
 std::vector<std::string> take_transcript();
 
 // Whether a line of the transcript is a request (neither a log line nor other output).

@@ -61,11 +61,11 @@ bool starts_with(const std::string &text, const std::string &start) {
   return text.compare(0, start.size(), start) == 0;
 }
 
-// In memory where there is such a place: sweeps ask for a fresh directory thousands of times.
+// In memory if possible, unless the environment names a place: sweeps need a fresh directory thousands of times.
 std::string make_directory() {
   const std::filesystem::path memory = "/dev/shm";
   std::error_code missing;
-  const bool has_memory = std::filesystem::is_directory(memory, missing);
+  const bool has_memory = std::getenv("TMPDIR") == nullptr && std::filesystem::is_directory(memory, missing);
   std::string pattern =
       ((has_memory ? memory : std::filesystem::temp_directory_path()) / "tarnwick-test-XXXXXX").string();
   return mkdtemp(pattern.data());
@@ -124,6 +124,9 @@ bool is_failed(const std::string &request) {
 bool request(const std::string &text) {
   take_output();
   Kernel.transcript.push_back(text);
+  if (Kernel.on_request) {
+    Kernel.on_request(text);
+  }
   return is_failed(text);
 }
 

@@ -4,7 +4,7 @@
 //
 // -s: join only this source (several may be given); -x: join all sources but this one. Prints "joined", a line
 // "datagram from SOURCE" for each one that arrives, and "left, received N" at the end: on SIGTERM or SIGINT, or after
-// SECONDS (600 unless told otherwise).
+// SECONDS (600 by default).
 
 #include "mcast_socket.h"
 

@@ -156,4 +156,49 @@ TEST(list_as_records, records_are_reached_through_their_first_member) {
   EXPECT_EQ(list_pop<numbered>(&both), nullptr);
 }
 
+struct numbered_record {
+  list_node link;
+  int number;
+};
+
+struct walk_over_records : testing::Test {
+  numbered_record one{{}, 1};
+  numbered_record two{{}, 2};
+  numbered_record three{{}, 3};
+  list records{};
+  list taken{};
+
+  walk_over_records() {
+    for (numbered_record *record : {&three, &two, &one}) {
+      list_add(&records, &record->link);
+    }
+  }
+};
+
+TEST_F(walk_over_records, meets_each_in_order) {
+  std::vector<int> met;
+  for (const numbered_record *record : list_records<const numbered_record>(&records)) {
+    met.push_back(record->number);
+  }
+  EXPECT_EQ(met, std::vector({1, 2, 3}));
+}
+
+TEST_F(walk_over_records, does_not_begin_on_an_empty_list) {
+  for (const numbered_record *record : list_records<const numbered_record>(&taken)) {
+    FAIL() << record->number;
+  }
+}
+
+TEST_F(walk_over_records, goes_on_behind_a_record_that_its_body_moved_to_another_list) {
+  std::vector<int> met;
+  for (numbered_record *record : list_records<numbered_record>(&records)) {
+    met.push_back(record->number);
+    list_remove_node(&records, &record->link);
+    list_add(&taken, &record->link);
+  }
+  EXPECT_EQ(met, std::vector({1, 2, 3}));
+  EXPECT_EQ(records.head, nullptr);
+  EXPECT_EQ(nodes_of(taken), nodes({&three.link, &two.link, &one.link}));
+}
+
 } // namespace

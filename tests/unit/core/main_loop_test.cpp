@@ -5,6 +5,7 @@
 #include "core/signals.h"
 #include "core/start_up.h"
 #include "fixture.h"
+#include "mld/mld_router.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,7 +18,7 @@ using namespace scripted;
 
 constexpr int signal_of_the_test = SIGUSR2; // its handler does what no signal of the daemon does
 
-// One interface with another querier on it: every pass of the timers shows as one line.
+// One interface with another querier on it: every pass of the timers logs one line.
 struct main_loop : core_fixture {
   mld_interface *br0;
 
@@ -298,7 +299,7 @@ TEST_F(main_loop, interrupted_wait_without_the_pipe_ends_the_loop) {
   then(prepared({wait, logged_error("main", "Exiting Application - No data on pipe."), stopped}));
 }
 
-TEST_F(main_loop, pipe_that_cannot_be_read_ends_the_loop_on_either_road) {
+TEST_F(main_loop, pipe_that_cannot_be_read_ends_the_loop_on_either_path) {
   for (const wake_up &woken : {interrupted_by({SIGALRM}), wake_up{{PIPE_READ_END}, 0, 0, {SIGALRM}}}) {
     given_failure("read(pipe", EBADF); // as when it was closed
     given_wake_ups({woken});
@@ -312,6 +313,14 @@ TEST_F(main_loop, interruption_leaves_the_waited_set_as_it_was) {
   EXPECT_EQ(when_looped(), 0);
   const lines all = take_transcript();
   EXPECT_EQ(std::count(all.begin(), all.end(), wait), 3);
+}
+
+// The kernel leaves the set alone when the wait fails. Here it does not, which shows that the loop does not reset the
+// set.
+TEST_F(main_loop, interruption_does_not_fill_the_waited_set_again) {
+  given_wake_ups({{{PIPE_READ_END}, -1, EINTR, {SIGALRM}}, interrupted_by({SIGTERM})});
+  EXPECT_EQ(when_looped(), 0);
+  then(prepared({wait, tick, read_ticks, timer_run(100), "select(pipe)", tick, read_ticks, stopped}));
 }
 
 TEST_F(main_loop, waited_set_is_filled_again_after_each_ready_descriptor) {

@@ -2,6 +2,8 @@
 
 #include "core/settings.h"
 #include "fixture.h"
+#include "mld/mld_router.h"
+#include "mld/mld_start_up.h"
 
 #include <algorithm>
 
@@ -49,6 +51,12 @@ TEST_F(options, command_line_without_upstream_name_gets_the_usage_text) {
     EXPECT_EQ(when_parsed(arguments), -1);
     then(usage_lines);
   }
+}
+
+TEST_F(options, empty_upstream_name_counts_as_given) {
+  EXPECT_EQ(when_parsed({"-u", ""}), 0);
+  EXPECT_STREQ(UpstreamInterfacesName, "");
+  then({});
 }
 
 TEST_F(options, unknown_letter_gets_the_usage_text) {
@@ -238,7 +246,7 @@ TEST_F(options, refusal_of_one_option_ends_the_parsing) {
   then(usage_lines);
 }
 
-TEST_F(options, missing_argument_that_getopt_lets_through_is_refused_with_a_word) {
+TEST_F(options, missing_argument_that_getopt_lets_through_is_refused_with_a_message) {
   const struct {
     std::function<int()> set;
     const char *message;

@@ -41,6 +41,17 @@ TEST_F(signal_handlers, stop_ends_the_loop_and_wakes_it) {
   }
 }
 
+// When the write wakes the loop, the flag must be cleared already.
+TEST_F(signal_handlers, stop_clears_the_flag_before_it_wakes_the_loop) {
+  given_pipe();
+  ProxyIsRunning = 1;
+  int flag_at_write = -1;
+  Kernel.on_request = [&](const std::string &) { flag_at_write = ProxyIsRunning; };
+  when([] { router_stop(SIGTERM); });
+  then({tick});
+  EXPECT_EQ(flag_at_write, 0);
+}
+
 TEST_F(signal_handlers, stop_that_cannot_wake_the_loop_says_nothing) {
   given_pipe();
   given_failure("write(pipe", EPIPE);

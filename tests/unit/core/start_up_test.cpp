@@ -2,6 +2,7 @@
 
 #include "core/settings.h"
 #include "fixture.h"
+#include "mld/mld_router.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -121,6 +122,18 @@ TEST_F(start_up_steps, lan_address_comes_from_the_nvram) {
   EXPECT_EQ(when_started({"-u", "wan0"}), 0);
   then_anything();
   EXPECT_EQ(LanMac, (std::array<std::uint8_t, 6>{0x02, 0x00, 0x5e, 0x10, 0x00, 0x01}));
+}
+
+TEST_F(start_up_steps, lan_address_is_read_after_forwarding_is_enabled) {
+  given_nvram("et0macaddr=02:00:5e:10:00:01\n");
+  const std::array<std::uint8_t, 6> unread{9, 9, 9, 9, 9, 9};
+  LanMac = unread;
+  std::array<std::uint8_t, 6> at_echo{};
+  Kernel.on_request = [&](const std::string &request) { at_echo = request == echo ? LanMac : at_echo; };
+  EXPECT_EQ(when_started({"-u", "wan0"}), 0);
+  then_anything();
+  EXPECT_EQ(at_echo, unread);
+  EXPECT_NE(LanMac, unread);
 }
 
 TEST_F(start_up_steps, missing_or_malformed_lan_address_leaves_zeros) {

@@ -3,6 +3,7 @@
 #include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_shutdown.h"
+#include "tests/unit/mld/fixture.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -215,7 +216,7 @@ TEST_F(state_dump, whatever_is_planted_for_the_file_of_interfaces_is_refused_lik
   EXPECT_EQ(file_contents("/tmp/victim"), "precious\n");
 }
 
-TEST_F(state_dump, whatever_is_planted_for_another_file_is_passed_over) {
+TEST_F(state_dump, whatever_is_planted_for_another_file_is_skipped) {
   given_group(br0, "ff0e::1");
   for (const char *path : {host_in_group, join_state}) {
     for (const char *kind : planted_kinds) {
@@ -226,6 +227,12 @@ TEST_F(state_dump, whatever_is_planted_for_another_file_is_passed_over) {
     }
   }
   EXPECT_EQ(file_contents("/tmp/victim"), "precious\n");
+}
+
+TEST_F(state_dump, files_are_closed_with_the_messages_last) {
+  when_dumped();
+  then(all_opened);
+  EXPECT_EQ(Kernel.closed_files, (lines{"tarnwick_host_in_group", "tarnwick_join_state", "tarnwick_type_messages"}));
 }
 
 struct state_dump_without_interfaces : core_fixture {};

@@ -17,8 +17,8 @@ inline constexpr char unusable[] = "setsockopt(igmp, MRT_DONE) length=0"; // wha
 inline const std::string conf_request = "ioctl(fd 1100, SIOCGIFCONF) room=" + std::to_string(50 * sizeof(ifreq));
 
 // Interfaces as on a router: lo, wan0 (2), br0 (3). Socket 1100 is discovery's, then one for each interface.
-struct igmp_discovery : igmp_start_fixture {
-  igmp_discovery() {
+struct igmp_discovery_fixture : igmp_start_fixture {
+  igmp_discovery_fixture() {
     UpstreamInterfacesName = "wan0";
     run([] { init_igmp_config(); });
     take_transcript();
@@ -29,8 +29,8 @@ struct igmp_discovery : igmp_start_fixture {
     given_interface("br0", 3, 0x1043, "198.51.100.3");
   }
 
-  // A test that looked at a running proxy gives its records back without requests.
-  ~igmp_discovery() override {
+  // After a test with a running proxy, frees its records without requests.
+  ~igmp_discovery_fixture() override {
     while (list_node *record = list_remove(&IgmpRouter.interfaces)) {
       my_free(record);
     }

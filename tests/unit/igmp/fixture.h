@@ -49,8 +49,8 @@ struct igmp_fixture : proxy_fixture {
   igmp_interface *br0;
   igmp_interface *lan1;
 
-  // Runs daemon code under the script, then checks that every record is where it belongs.
-  void when(const std::function<void()> &daemon_code);
+  // Pools and lists together hold every record.
+  lines broken_invariants() override;
 
   // Mode 4to6 with the prefix ff0e:1:2:3:4:5::/96; "wan0/6", "br0/6" and "lan1/6" are the IPv6 sockets.
   void given_mode_4to6();
@@ -59,10 +59,10 @@ struct igmp_fixture : proxy_fixture {
   igmp_group *given_group(igmp_interface *intr, const std::string &group,
                           igmp_group_state state = IGMP_GROUP_MEMBERS_PRESENT);
 
-  // Queues so many queries for the group and sets state 3.
+  // Queues that many queries for the group and sets state 3.
   void given_checking(igmp_group *group, int queries, int retransmit_timer);
 
-  // Takes so many records out of a pool, so that it runs dry early.
+  // Takes that many records out of a pool, so that it is soon empty.
   void given_pool_left(list *pool, int records_left);
 
   // One datagram through the socket, from an interface; the handlers run as in the daemon.
@@ -90,8 +90,5 @@ std::string received_line(const std::string &sender, const std::string &destinat
 
 // Parts of an expected transcript, one behind the other.
 lines joined(std::initializer_list<lines> parts);
-
-// Complaints about records of the IGMP side, empty if all is well.
-lines broken_igmp_invariants(bool has_whole_pools);
 
 } // namespace scripted

@@ -9,7 +9,7 @@ namespace {
 
 using namespace scripted;
 
-struct igmp_discovery_4to6 : igmp_discovery {
+struct igmp_discovery_4to6 : igmp_discovery_fixture {
   igmp_discovery_4to6() {
     ProxyMode = PROXY_MODE_4TO6;
     MldPrefix = scripted::address("ff0e:1:2:3:4:5::");
@@ -58,7 +58,7 @@ TEST_F(igmp_discovery_4to6, upstream_gets_vif_and_mif_and_downstream_a_mif_only)
   EXPECT_EQ(index_table[1], 0);
 }
 
-TEST_F(igmp_discovery_4to6, nvram_under_the_interfaces_own_name_tells_lan_and_translator) {
+TEST_F(igmp_discovery_4to6, nvram_under_the_interfaces_own_name_names_lan_and_translator) {
   given_interface("natpt0", 9, 0x1003, "203.0.113.9");
   given_nvram({"lan_ifname=the lan", "br0=the lan", "ipv6_natpt_ifname=the translator", "natpt0=the translator"});
   EXPECT_EQ(discover(), 0);
@@ -98,6 +98,12 @@ TEST_F(igmp_discovery_4to6, requests_for_the_lan_interface_name_the_translator) 
   ASSERT_EQ(joins.size(), 1u);
   EXPECT_NE(joins[0].find(" ifindex=9"), std::string::npos);
   EXPECT_EQ(found("br0")->vif_index, 3);
+}
+
+TEST_F(igmp_discovery_4to6, device_of_a_mif_is_what_its_name_stands_for) {
+  given_failure("if_nametoindex(br0)", ENODEV); // renamed since its index was asked for
+  EXPECT_EQ(discover(), 0);
+  then_in_order({"if_nametoindex(br0)", mif_request(3, 0)});
 }
 
 TEST_F(igmp_discovery_4to6, refused_mif_gives_back_an_index_that_a_downstream_interface_never_had) {

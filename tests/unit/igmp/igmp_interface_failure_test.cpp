@@ -12,6 +12,8 @@ namespace {
 
 using namespace scripted;
 
+using igmp_discovery = igmp_discovery_fixture;
+
 TEST_F(igmp_discovery, interface_without_index_is_skipped) {
   given_interface("lan1", 4, 0x1003, "203.0.113.4");
   given_failure("ioctl(fd 1100, SIOCGIFINDEX) br0", ENODEV);
@@ -97,6 +99,7 @@ TEST_F(igmp_discovery, each_fatal_failure_is_logged_and_stops_the_proxy) {
     ProxyMode = row.mode;
     given_failure(row.request, EIO);
     EXPECT_EQ(discover(), -1) << row.request;
+    EXPECT_FALSE(was_logged("close(fd 1100)")) << row.request; // discovery's own socket stays open
     then_in_order({
         logged_error(discovery, row.message),
         logged_debug("igmp_proxy_stop", "Stopping IGMP Proxy."),

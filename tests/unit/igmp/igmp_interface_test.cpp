@@ -3,12 +3,16 @@
 #include "core/index_table.h"
 #include "core/memory.h"
 #include "discovery_fixture.h"
+#include "igmp/igmp_shutdown.h"
+#include "tests/support/leaks_on_purpose.h"
 
 #include <cerrno>
 
 namespace {
 
 using namespace scripted;
+
+using igmp_discovery = igmp_discovery_fixture;
 
 TEST_F(igmp_discovery, upstream_and_downstream_are_set_up_and_registered_as_vifs) {
   EXPECT_EQ(discover(), 0);
@@ -56,7 +60,7 @@ TEST_F(igmp_discovery, all_routers_join_passes_the_native_word) {
             lines{"setsockopt(fd 1102, IP_ADD_MEMBERSHIP) group=" + wire + " address=198.51.100.3 ifindex=3"});
 }
 
-TEST_F(igmp_discovery, host_with_upstream_only_stops_the_proxy_without_a_word) {
+TEST_F(igmp_discovery, host_with_upstream_only_stops_the_proxy_silently) {
   given_interfaces({"lo", "wan0"});
   EXPECT_EQ(discover(), -1);
   then_in_order({"close(fd 1100)", logged_debug("igmp_proxy_stop", "Stopping IGMP Proxy."), unusable});
@@ -103,7 +107,7 @@ TEST_F(igmp_discovery, downstream_names_of_option_d_are_not_consulted) {
   EXPECT_NE(found("br0"), nullptr);
 }
 
-TEST_F(igmp_discovery, kernel_without_interfaces_stops_the_proxy_without_a_word) {
+TEST_F(igmp_discovery, kernel_without_interfaces_stops_the_proxy_silently) {
   Kernel.interfaces.clear();
   EXPECT_EQ(discover(), -1);
   then(joined({opening,
@@ -156,6 +160,44 @@ TEST_F(igmp_discovery, point_to_point_interface_has_its_peers_address_and_keeps_
   ASSERT_NE(found("tun0"), nullptr);
   EXPECT_EQ(found("tun0")->address, word("203.0.113.9"));
   EXPECT_EQ(found("tun0")->saved_flags, IFF_POINTOPOINT);
+}
+
+TEST_F(igmp_discovery, flags_of_a_point_to_point_interface_are_written_back_at_the_stop) {
+  given_interface("tun0", 5, IFF_POINTOPOINT, "203.0.113.5", "203.0.113.9");
+  EXPECT_EQ(discover(), 0);
+  then_anything();
+  when([] { igmp_proxy_stop(); });
+  then_in_order({logged_debug("igmp_proxy_clean_interface", "Cleaning interface: tun0"),
+                 "ioctl(fd 1104, SIOCSIFFLAGS) tun0 flags=0x10"});
+}
+
+TEST_F(igmp_discovery, flags_are_written_although_they_are_set_already) {
+  given_interface("lan1", 4, 0x1303, "203.0.113.4");
+  EXPECT_EQ(discover(), 0);
+  EXPECT_EQ(requests_with("SIOCSIFFLAGS) lan1"), lines{"ioctl(fd 1100, SIOCSIFFLAGS) lan1 flags=0x1303"});
+  EXPECT_EQ(found("lan1")->saved_flags, 0x1303);
+}
+
+// As the kernel lists an interface with two addresses.
+TEST_F(igmp_discovery, interface_listed_twice_has_two_records_and_its_last_address_counts) {
+  const leaks_on_purpose first_upstream_record;
+  given_interface("wan0", 2, 0x1003, "192.0.2.77");
+  given_interface("br0", 3, 0x1043, "198.51.100.77");
+  EXPECT_EQ(discover(), 0);
+  then_anything();
+  EXPECT_EQ(length(IgmpRouter.interfaces), 4);
+  EXPECT_EQ(IgmpRouter.upstream_interface->address, word("192.0.2.77"));
+  EXPECT_EQ(igmp_find_interface(3)->address, word("198.51.100.77"));
+  // A stop cleans both downstream records, and of the upstream ones the last.
+  when([] { igmp_proxy_stop(); });
+  lines cleaned;
+  for (const std::string &line : take_transcript()) {
+    if (line.find("Cleaning interface") != std::string::npos) {
+      cleaned.push_back(line.substr(line.rfind(' ') + 1));
+    }
+  }
+  EXPECT_EQ(cleaned, (lines{"br0", "br0", "wan0"}));
+  EXPECT_EQ(malloc_counter - free_counter, 1);
 }
 
 TEST_F(igmp_discovery, point_to_point_interface_without_peer_keeps_its_own_address) {

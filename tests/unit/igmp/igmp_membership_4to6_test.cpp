@@ -12,7 +12,7 @@ using namespace scripted;
 
 constexpr char mapped[] = "ff0e:1:2:3:4:5:ef01:203";
 
-struct igmp_membership_4to6 : igmp_membership {
+struct igmp_membership_4to6 : igmp_membership_fixture {
   igmp_membership_4to6() { given_mode_4to6(); }
 };
 
@@ -64,7 +64,7 @@ TEST_F(igmp_membership_4to6, new_group_is_joined_as_ipv6_forwarded_and_mapped) {
   }));
 }
 
-TEST_F(igmp_membership_4to6, lan_interface_is_no_output_and_every_other_one_is) {
+TEST_F(igmp_membership_4to6, lan_interface_is_not_an_output_and_every_other_one_is) {
   LanIndex = 3;
   NatptIndex = 9;
   given_group(lan1, group_address);
@@ -78,6 +78,13 @@ TEST_F(igmp_membership_4to6, highest_interface_number_is_an_output) {
   then_in_order({index_line(add, 31), mfc6("MRT6_ADD_MFC", "31")});
 }
 
+TEST_F(igmp_membership_4to6, lowest_interface_number_is_an_output) {
+  LanIndex = 9;
+  br0->vif_index = 0;
+  when_added(given_group(br0, group_address));
+  then_in_order({index_line(add, 0), mfc6("MRT6_ADD_MFC", "0")});
+}
+
 TEST_F(igmp_membership_4to6, parent_and_join_name_the_translator_for_an_upstream_that_is_the_lan) {
   LanIndex = 2;
   NatptIndex = 9;
@@ -85,7 +92,27 @@ TEST_F(igmp_membership_4to6, parent_and_join_name_the_translator_for_an_upstream
   then_in_order({join6("IPV6_ADD_MEMBERSHIP", 9), vif_line(add), add_line(add, 9), mfc6("MRT6_ADD_MFC", "3", 9)});
 }
 
-TEST_F(igmp_membership_4to6, interface_number_beyond_the_kernels_is_no_output) {
+// With a refused VIF the index still names the interface of the join; the parent is what the kernel refused.
+TEST_F(igmp_membership_4to6, refused_upstream_vif_shows_in_the_parent_and_not_in_the_join) {
+  LanIndex = 2;
+  NatptIndex = 9;
+  wan0->vif_index = -1;
+  when_added(given_group(br0, group_address));
+  then_in_order({join6("IPV6_ADD_MEMBERSHIP", 9), vif_line(add, -1), add_line(add, -1), //
+                 mfc6("MRT6_ADD_MFC", "3", 65535)});
+}
+
+TEST_F(igmp_membership_4to6, lan_is_recognised_by_its_vif_among_the_outputs) {
+  LanIndex = 3;
+  NatptIndex = 9;
+  br0->vif_index = 7; // index 3, but not under that number
+  lan1->vif_index = 3;
+  given_group(lan1, group_address);
+  when_added(given_group(br0, group_address));
+  then_in_order({index_line(add, 7), vif_line(add), mfc6("MRT6_ADD_MFC", "7")});
+}
+
+TEST_F(igmp_membership_4to6, interface_number_beyond_the_kernels_is_not_an_output) {
   br0->vif_index = 32;
   lan1->vif_index = -1;
   given_group(lan1, group_address);
@@ -194,7 +221,7 @@ TEST_F(igmp_membership_4to6, group_lost_by_one_of_two_interfaces_keeps_membershi
   then(joined({entry_taken_away_for_lan1(), {index_line(drop, 4), add_line(drop), mfc6("MRT6_ADD_MFC", "4")}}));
 }
 
-// The LAN is fed by the translator, so it is no output; but its hosts still want the group.
+// The LAN is fed by the translator, so it is not an output; but its hosts still want the group.
 TEST_F(igmp_membership_4to6, group_that_only_the_lan_still_has_stays_joined_without_an_output) {
   LanIndex = 4;
   NatptIndex = 9;

@@ -9,6 +9,8 @@ namespace {
 
 using namespace scripted;
 
+using igmp_membership = igmp_membership_fixture;
+
 std::string join4(const char *option, const std::string &group = group_address) {
   return std::string("setsockopt(wan0, ") + option + ") group=" + group + " address=192.0.2.2 ifindex=2";
 }
@@ -41,7 +43,7 @@ TEST_F(igmp_membership, new_group_is_joined_upstream_and_forwarded_to_its_interf
   }));
 }
 
-TEST_F(igmp_membership, outputs_stand_at_table_slots_and_the_parent_is_an_interface_index) {
+TEST_F(igmp_membership, outputs_are_at_table_slots_and_the_parent_is_an_interface_index) {
   index_table = {};
   index_table[20] = 4;
   index_table[31] = 3;
@@ -55,7 +57,7 @@ TEST_F(igmp_membership, outputs_stand_at_table_slots_and_the_parent_is_an_interf
   }));
 }
 
-TEST_F(igmp_membership, interface_without_vif_or_slot_is_no_output) {
+TEST_F(igmp_membership, interface_without_vif_or_slot_is_not_an_output) {
   br0->vif_index = -1;
   index_table[2] = 0; // lan1's
   given_group(lan1, group_address);
@@ -126,6 +128,17 @@ TEST_F(igmp_membership, parent_of_a_refused_upstream_vif_shows_as_minus_one_in_t
       {join4("IP_ADD_MEMBERSHIP")},
       output_lines("br0", 1, 3),
       {mfc4_line(add, "MRT_ADD_MFC", -1), mfc4("MRT_ADD_MFC", "1:1", 65535)},
+  }));
+}
+
+TEST_F(igmp_membership, outputs_and_parent_go_by_the_vif_and_the_join_by_the_index) {
+  wan0->vif_index = 7;
+  br0->vif_index = 4; // lan1's slot
+  when_added(given_group(br0, group_address));
+  then(joined({
+      {join4("IP_ADD_MEMBERSHIP")}, // ifindex=2
+      output_lines("br0", 2, 4),
+      {mfc4_line(add, "MRT_ADD_MFC", 7), mfc4("MRT_ADD_MFC", "2:1", 7)},
   }));
 }
 

@@ -79,7 +79,7 @@ std::vector<std::uint8_t> control_record(int level, int type, std::size_t length
   return bytes;
 }
 
-TEST_F(igmp_reception, only_whole_packet_information_tells_the_arrival_interface) {
+TEST_F(igmp_reception, only_whole_packet_information_names_the_arrival_interface) {
   const struct {
     int level;
     int type;
@@ -125,6 +125,23 @@ TEST_F(igmp_reception, datagram_from_an_unknown_interface_is_an_error) {
       received_line("198.51.100.50", "224.0.0.1", 77),
       logged_error(reading, "Unable to find interface: 77"),
   });
+}
+
+// A VIF number is the interface's index, or -1 where the kernel refused it; only the index identifies an arrival
+// interface.
+TEST_F(igmp_reception, interfaces_are_recognised_by_their_index_whatever_their_vif) {
+  for (const int vif_index : {-1, 7}) {
+    wan0->vif_index = vif_index;
+    br0->vif_index = vif_index;
+    const int before = br0->leave_count;
+    when_received({leave, "239.9.9.9"}, 3);
+    then_in_order({logged_debug("igmp_router_leave_handler", "No group 239.9.9.9 exist to leave.")});
+    EXPECT_EQ(br0->leave_count, before + 1);
+    when_received({leave, "239.9.9.9"}, 2);
+    then_in_order({logged_debug(reading, "Skip IGMP packet from upstream interface: 2.")});
+    when_received({leave, "239.9.9.9"}, vif_index);
+    then_in_order({logged_error(reading, "Unable to find interface: " + std::to_string(vif_index))});
+  }
 }
 
 TEST_F(igmp_reception, upstream_that_is_not_there_matches_nothing) {
@@ -186,6 +203,15 @@ TEST_F(igmp_reception, datagram_of_any_size_is_read_within_its_buffer) {
     }
   }
   EXPECT_EQ(length(br0->groups), 0);
+}
+
+TEST_F(igmp_reception, buffer_offered_to_the_kernel_holds_1600_zeros) {
+  for (int i = 0; i < 2; ++i) { // the second one where the first datagram was
+    Kernel.messages.push_back({std::vector<std::uint8_t>(1600, 0xff), "198.51.100.50", 3, "224.0.0.1"});
+    when([] { igmp_network_socket_read_data(); });
+    EXPECT_EQ(Kernel.receive_buffer, std::vector<std::uint8_t>(1600, 0));
+  }
+  then_anything();
 }
 
 TEST_F(igmp_reception, other_protocol_is_dumped_and_dropped) {

@@ -121,7 +121,7 @@ TEST_F(igmp_reports, every_state_follows_every_message) {
   }
 }
 
-// Left over from a leave that found the pool dry: only a group that is being checked gives its queries back.
+// Left over from a leave that found the pool empty: only a group that is being checked gives its queries back.
 TEST_F(igmp_reports, queries_of_a_group_that_is_not_being_checked_stay_with_it) {
   igmp_group *group = given_group(br0, "239.1.2.3");
   given_checking(group, 1, 0);
@@ -204,7 +204,7 @@ TEST_F(igmp_reports, packet_with_the_special_group_is_filtered_only_where_its_wo
   EXPECT_EQ(held(packet_group) == nullptr, word(packet_group) == 0xEFFFFFFA);
 }
 
-TEST_F(igmp_reports, report_is_lost_when_the_group_pool_is_dry) {
+TEST_F(igmp_reports, report_is_lost_when_the_group_pool_is_empty) {
   given_pool_left(&IgmpRouter.free_groups, 0);
   when_heard(event::v1_report);
   then({logged_error(v1_handler, "No more free group available. Dropping membership request.")});
@@ -250,7 +250,7 @@ TEST_F(igmp_reports, leave_is_ignored_while_version_1_hosts_are_there) {
   EXPECT_EQ(br0->leave_count, 1);
 }
 
-TEST_F(igmp_reports, leave_queues_two_last_member_queries_without_a_word) {
+TEST_F(igmp_reports, leave_queues_two_last_member_queries_silently) {
   given_group(br0, "239.1.2.3");
   ImmediateLeave = 1; // plays no part here
   when_heard(event::leave);

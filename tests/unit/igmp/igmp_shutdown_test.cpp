@@ -260,6 +260,14 @@ TEST_F(igmp_shutdown_4to6, vif_of_upstream_and_every_mif_are_deleted_and_the_tra
   EXPECT_EQ(index_table[0], 0);
 }
 
+TEST_F(igmp_shutdown_4to6, refused_mif_is_deleted_by_its_number_and_not_by_the_interfaces_index) {
+  LanIndex = 3;
+  NatptIndex = 9;
+  br0->vif_index = -1;
+  when([&] { igmp_proxy_clean_interface(br0); });
+  then_in_order({delete_mif(65535)});
+}
+
 TEST_F(igmp_shutdown_4to6, refusals_are_logged_and_the_rest_is_done) {
   given_failure("setsockopt(igmp, MRT6_DEL_MIF)", EADDRNOTAVAIL);
   given_failure("setsockopt(igmp, MRT6_DONE)", EACCES);

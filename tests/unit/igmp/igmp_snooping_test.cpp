@@ -30,6 +30,16 @@ TEST_F(igmp_snooping, leave_record_names_a_source_only_if_there_is_one) {
   EXPECT_EQ(file_contents(leave_record), "grp=239.255.255.255\n");
 }
 
+TEST_F(igmp_snooping, record_is_complete_when_the_snooping_program_is_signalled) {
+  std::optional<std::string> record_at_signal;
+  Kernel.on_request = [&](const std::string &request) {
+    record_at_signal = request == record_lines[1] ? file_contents(leave_record) : record_at_signal;
+  };
+  when([&] { igmp_snooping_leave(word("192.0.2.7"), word(group_address)); });
+  then(record_lines);
+  EXPECT_EQ(record_at_signal, "src=192.0.2.7\ngrp=239.1.2.3\n");
+}
+
 TEST_F(igmp_snooping, refused_command_is_reported_by_its_result) {
   given_failure("system(", ENOMEM);
   int result = 0;

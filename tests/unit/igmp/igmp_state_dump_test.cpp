@@ -2,6 +2,7 @@
 #include "core/state_dump.h"
 
 #include "fixture.h"
+#include "mld/mld_router.h"
 
 #include <cerrno>
 
@@ -106,8 +107,9 @@ TEST_F(igmp_state_dump, igmp_interfaces_come_before_mld_interfaces) {
   groups[1].group = scripted::address("ff02::16"); // no address ends this side's list
   given_group(br0, "239.1.1.1")->active_seconds = 7;
   run([&] {
-    list_add(&mld.groups, &groups[0].link);
-    list_add(&mld.groups, &groups[1].link);
+    list_index index{};
+    list_index_add(index, &mld.groups, &groups[0].link, 0);
+    list_index_add(index, &mld.groups, &groups[1].link, 0);
     list_add(&MldRouter.interfaces, &mld.link);
     write_state_dump();
     MldRouter.interfaces.head = nullptr;

@@ -1,4 +1,4 @@
-// One tick: querier timers, group timers, last-member queries, and the queries and records that they send.
+// One tick: group timers, last-member queries, and the queries and records that they send.
 #include "igmp/igmp_timers.h"
 
 #include "fixture.h"
@@ -6,6 +6,7 @@
 #include "igmp/igmp_leave.h"
 #include "igmp/igmp_report.h"
 #include "igmp/igmp_retransmission.h"
+#include "tests/support/failing_unlink.h"
 #include "tests/support/request_text.h"
 
 #include <cerrno>
@@ -25,8 +26,6 @@ constexpr char group_address[] = "239.1.2.3";
 std::string sent(const std::string &interface, const std::string &to) {
   return "sendto(" + interface + ", 8 bytes) to=" + to + " port=0";
 }
-
-std::string general_query(const std::string &interface) { return sent(interface, wire_text(IgmpAllHosts)); }
 
 // What leaving upstream for the test's group leaves in the transcript.
 lines leave_lines() {
@@ -72,57 +71,6 @@ struct igmp_group_timers : igmp_fixture {
     then(expected);
   }
 };
-
-struct igmp_querier_timers : igmp_fixture {};
-
-TEST_F(igmp_querier_timers, only_the_very_first_query_is_repeated_early) {
-  const auto query_ticks = [&] {
-    std::map<std::string, std::vector<int>> ticks;
-    for (int tick = 1; tick <= 300; ++tick) {
-      when_ticked();
-      for (const std::string &line : take_transcript()) {
-        ticks[line].push_back(tick);
-      }
-    }
-    return ticks;
-  }();
-  // The list begins with lan1, so lan1's is the first.
-  EXPECT_EQ(query_ticks, (std::map<std::string, std::vector<int>>{
-                             {general_query("lan1"), {1, 31, 156, 281}},
-                             {general_query("br0"), {1, 126, 251}},
-                         }));
-}
-
-TEST_F(igmp_querier_timers, general_query_has_code_100_and_no_group) {
-  when_ticked();
-  then({general_query("lan1"), general_query("br0")});
-  ASSERT_EQ(Kernel.frames.size(), 2u);
-  EXPECT_EQ(hex_text(Kernel.frames[0].data(), 8), "1164ee9b00000000");
-  EXPECT_EQ(Kernel.frames[0], Kernel.frames[1]);
-}
-
-TEST_F(igmp_querier_timers, upstream_interface_is_passed_over) {
-  wan0->is_querier = 0;
-  wan0->other_querier_timer = 5;
-  given_group(wan0, group_address)->group_timer = 0;
-  when_ticked();
-  then({general_query("lan1"), general_query("br0")});
-  EXPECT_EQ(wan0->other_querier_timer, 5);
-}
-
-TEST_F(igmp_querier_timers, non_querier_takes_the_role_back_and_queries_on_the_tick_after) {
-  lan1->query_timer = 100000;
-  br0->is_querier = 0;
-  br0->other_querier_timer = 300;
-  when_ticked(300);
-  then({});
-  EXPECT_EQ(br0->other_querier_timer, 0);
-  when_ticked();
-  then({logged_debug(pass, "Interface br0 We are now the querier.")});
-  EXPECT_EQ(br0->is_querier, 1);
-  when_ticked();
-  then({general_query("br0")});
-}
 
 struct tick_row {
   std::int32_t from;
@@ -193,7 +141,7 @@ TEST_F(igmp_group_timers, every_state_follows_every_tick) {
   }
 }
 
-TEST_F(igmp_group_timers, silent_group_ends_after_351_ticks_and_the_snooper_is_told) {
+TEST_F(igmp_group_timers, silent_group_ends_after_351_ticks_and_the_snooper_is_signalled) {
   given_group(br0, group_address);
   when_ticked(350);
   then({});
@@ -352,6 +300,32 @@ TEST_F(igmp_group_timers, group_that_cannot_be_unlinked_stays_as_it_is) {
   when([&] { is_ended = igmp_router_retransmit_timer_expired(lan1, group); });
   EXPECT_FALSE(is_ended);
   then_in_order({logged_error(retransmission, "Group Removal of " + octets_text(group_address) + " unsuccesful.")});
+}
+
+TEST_F(igmp_group_timers, pass_goes_on_with_the_next_interface_when_a_group_cannot_be_unlinked) {
+  for (const bool is_checked : {false, true}) {
+    igmp_group *behind = given_group(lan1, "239.6.6.6");
+    igmp_group *stuck = given_group(lan1, group_address);
+    igmp_group *elsewhere = given_group(br0, "239.7.7.7");
+    stuck->group_timer = 0;
+    if (is_checked) {
+      given_checking(stuck, 0, 0);
+    }
+    UnlinksToFail = 1;
+    when_ticked();
+    UnlinksToFail = 0;
+    then_in_order({logged_error(is_checked ? retransmission : group_timer,
+                                "Group Removal of " + octets_text(group_address) + " unsuccesful.")});
+    EXPECT_EQ(behind->group_timer, 350);
+    EXPECT_EQ(elsewhere->group_timer, 349);
+    EXPECT_EQ(length(lan1->groups), 2);
+    when([&] {
+      for (igmp_group *group : {behind, stuck, elsewhere}) {
+        list_remove_node(group == elsewhere ? &br0->groups : &lan1->groups, &group->link);
+        igmp_release_group(group);
+      }
+    });
+  }
 }
 
 TEST_F(igmp_group_timers, groups_that_end_in_one_pass_do_not_disturb_their_neighbours) {

@@ -25,7 +25,7 @@ inline std::string still_there_line(const std::string &name, const std::string &
   return logged_debug(drop, "Group " + octets_text(group) + " on Interface: " + name + " still there. Not dropping.");
 }
 
-struct igmp_membership : igmp_fixture {
+struct igmp_membership_fixture : igmp_fixture {
   void when_added(const igmp_group *group) {
     when([&] { igmp_proxy_add_membership(group); });
   }

@@ -17,8 +17,8 @@ inline constexpr char discovery[] = "mld_create_network_list";
 inline std::string debug(const std::string &message) { return logged_debug(discovery, message); }
 inline std::string error(const std::string &message) { return logged_error(discovery, message); }
 
-struct mld_discovery : mld_start_fixture {
-  mld_discovery() { Kernel.names[FIRST_NEW_SOCKET] = "net iface"; }
+struct mld_discovery_fixture : mld_start_fixture {
+  mld_discovery_fixture() { Kernel.names[FIRST_NEW_SOCKET] = "net iface"; }
 
   interface &machine(const std::string &name) {
     return *std::find_if(Kernel.interfaces.begin(), Kernel.interfaces.end(),

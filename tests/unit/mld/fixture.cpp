@@ -1,8 +1,14 @@
 #include "fixture.h"
 
 #include "core/memory.h"
+#include "core/settings.h"
 #include "mld/mld_group.h"
 #include "mld/mld_host.h"
+#include "mld/mld_receive.h"
+#include "mld/mld_start_up.h"
+#include "mld/mld_timers.h"
+#include "mld/mld_wire.h"
+#include "tests/support/invariants.h"
 
 namespace scripted {
 
@@ -37,7 +43,160 @@ lines outputs_collected(const char *function, const lines &interfaces) {
   return made;
 }
 
+mld_interface *make_interface(const char *name, std::uint32_t index, mld_role role, const std::string &link_local) {
+  auto *intr = my_malloc_record<mld_interface>();
+  intr->name = copy_interface_name(name);
+  intr->ifindex = index;
+  intr->vif_index = index;
+  intr->role = role;
+  intr->socket = static_cast<int>(1000 + index);
+  intr->link_local = address(link_local);
+  intr->saved_flags = 0x1003;
+  intr->is_querier = 1;
+  Kernel.names[intr->socket] = name;
+  Kernel.interfaces.push_back({name, static_cast<int>(index), 0x1003, link_local});
+  list_add(&MldRouter.interfaces, &intr->link);
+  return intr;
+}
+
 } // namespace
+
+mld_fixture::mld_fixture() {
+  UpstreamInterfacesName = "wan0";
+  run([] {
+    init_mld_config();
+    init_mld_group();
+    init_mld_host();
+    init_mld_query();
+  });
+  take_transcript();
+  MldRouter.socket = MLD_SOCKET;
+  wan0 = make_interface("wan0", 2, MLD_ROLE_UPSTREAM, "fe80::2");
+  br0 = make_interface("br0", 3, MLD_ROLE_DOWNSTREAM, "fe80::3");
+  lan1 = make_interface("lan1", 4, MLD_ROLE_DOWNSTREAM, "fe80::4");
+  MldRouter.upstream_interface = wan0;
+}
+
+mld_fixture::~mld_fixture() {
+  // Without requests: what the daemon would undo in the kernel is another test's matter.
+  const auto free_all = [](list *records) {
+    while (list_node *record = list_remove(records)) {
+      my_free(record);
+    }
+  };
+  while (auto *intr = list_pop<mld_interface>(&MldRouter.interfaces)) {
+    while (auto *group = list_pop<mld_group>(&intr->groups.records)) {
+      free_all(&group->queries);
+      my_free(group);
+    }
+    free_all(&intr->hosts.records);
+    my_free(intr);
+  }
+  free_all(&MldRouter.free_groups);
+  free_all(&MldRouter.free_hosts);
+  free_all(&MldRouter.free_queries);
+}
+
+mld_group *mld_fixture::given_group(mld_interface *intr, const std::string &group, const lines &sources) {
+  auto *made = list_pop<mld_group>(&MldRouter.free_groups);
+  *made = mld_group{};
+  made->owner = &MldRouter.upstream_name;
+  made->group = address(group);
+  made->group_timer = 350;
+  made->state = MLD_GROUP_MEMBERS_PRESENT;
+  made->report_count = 1;
+  for (const std::string &source : sources) {
+    mld_append_source(made, address(source), 1);
+  }
+  mld_link_group(intr, made);
+  return made;
+}
+
+void mld_fixture::given_checking(mld_group *group, int queries, int retransmit_timer) {
+  group->state = MLD_GROUP_CHECKING_MEMBERSHIP;
+  group->retransmit_timer = retransmit_timer;
+  for (int i = 0; i < queries; ++i) {
+    auto *query = list_pop<mld_query>(&MldRouter.free_queries);
+    *query = mld_query{};
+    query->type = ICMPV6_MGM_QUERY;
+    query->max_resp = 10;
+    query->group = group->group;
+    list_append(&group->queries, &query->link);
+  }
+}
+
+void mld_fixture::given_pool_left(list *pool, int records_left) {
+  has_whole_pools = false;
+  while (length(*pool) > records_left) {
+    my_free(list_remove(pool));
+  }
+}
+
+void mld_fixture::when_received(const std::vector<std::uint8_t> &bytes, const std::string &sender, int ifindex) {
+  Kernel.messages.push_back({bytes, sender, ifindex});
+  when([] { mld_network_socket_read_data(); });
+}
+
+void mld_fixture::when_ticked(int ticks) {
+  for (int i = 0; i < ticks; ++i) {
+    when([] { mld_router_timer_expired(); });
+  }
+}
+
+lines mld_fixture::broken_invariants() {
+  lines complaints;
+  record_count count;
+  const std::string complaint = check_mld_records(count);
+  if (!complaint.empty()) {
+    complaints.push_back(complaint);
+  }
+  if (!has_whole_pools) {
+    return complaints;
+  }
+  if (count.groups != MLD_GROUP_POOL_SIZE) {
+    complaints.push_back("groups in pool and lists: " + std::to_string(count.groups));
+  }
+  if (count.queries != MLD_QUERY_POOL_SIZE) {
+    complaints.push_back("queries in pool and lists: " + std::to_string(count.queries));
+  }
+  const int deleted = MLD_HOST_POOL_SIZE - count.hosts;
+  if (deleted < hosts_deleted) {
+    complaints.push_back("deleted host records came back");
+  }
+  hosts_deleted = deleted;
+  return complaints;
+}
+
+std::vector<std::uint8_t> mldv1_message(int type, const std::string &group) {
+  std::vector<std::uint8_t> bytes(24, 0);
+  bytes[0] = static_cast<std::uint8_t>(type);
+  const ipv6_address parsed = address(group);
+  std::copy(parsed.begin(), parsed.end(), bytes.begin() + 8);
+  return bytes;
+}
+
+owned_record record(int type, const std::string &group, const lines &sources) {
+  owned_record made;
+  made.bytes = {static_cast<std::uint8_t>(type), 0, static_cast<std::uint8_t>(sources.size() >> 8),
+                static_cast<std::uint8_t>(sources.size())};
+  const ipv6_address parsed = address(group);
+  made.bytes.insert(made.bytes.end(), parsed.begin(), parsed.end());
+  for (const std::string &source : sources) {
+    const ipv6_address bytes = address(source);
+    made.bytes.insert(made.bytes.end(), bytes.begin(), bytes.end());
+  }
+  return made;
+}
+
+std::vector<std::uint8_t> mldv2_report(const std::vector<group_record> &records) {
+  std::vector<std::uint8_t> bytes{
+      143, 0, 0, 0, 0, 0, static_cast<std::uint8_t>(records.size() >> 8), static_cast<std::uint8_t>(records.size())};
+  for (const group_record &one : records) {
+    const owned_record encoded = record(one.type, one.group, one.sources);
+    bytes.insert(bytes.end(), encoded.bytes.begin(), encoded.bytes.end());
+  }
+  return bytes;
+}
 
 mld_report_fixture::mld_report_fixture() {
   for (list_node *node = list_get_head(&MldRouter.free_hosts); node != nullptr; node = list_get_next(node)) {
@@ -46,14 +205,14 @@ mld_report_fixture::mld_report_fixture() {
 }
 
 mld_report_fixture::~mld_report_fixture() {
-  const auto keep = [this](const list &records) {
+  const auto keep = [this](const auto &records) {
     for (list_node *node = list_get_head(&records); node != nullptr; node = list_get_next(node)) {
       host_records.erase(node);
     }
   };
   keep(MldRouter.free_hosts);
   for (auto *intr = list_first<mld_interface>(&MldRouter.interfaces); intr != nullptr; intr = list_after(intr)) {
-    keep(intr->hosts);
+    keep(intr->hosts.records);
   }
   for (void *lost : host_records) {
     my_free(lost);
@@ -73,7 +232,7 @@ void mld_report_fixture::given_host(mld_interface *intr, const std::string &grou
   made->host = address(host);
   made->source = address(source);
   made->host_state = 2;
-  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key);
+  list_index_append(MldHostIndex, &intr->hosts, &made->link, mld_host_key(made));
 }
 
 void mld_report_fixture::when_ticked_quietly(int ticks) {
@@ -86,9 +245,12 @@ void mld_report_fixture::when_ticked_quietly(int ticks) {
 
 void mld_report_fixture::then_groups(const mld_interface *intr, const lines &expected) const {
   lines found;
-  for (auto *group = list_first<mld_group>(&intr->groups); group != nullptr; group = list_after(group)) {
-    found.push_back(group_line(text(group->group), static_cast<int>(group->state), group->group_timer,
-                               group->retransmit_timer, length(group->queries)));
+  for (auto *group = list_first<mld_group>(&intr->groups.records); group != nullptr; group = list_after(group)) {
+    found.push_back(group_line({.group = text(group->group),
+                                .state = static_cast<int>(group->state),
+                                .timer = group->group_timer,
+                                .retransmit = group->retransmit_timer,
+                                .queries = length(group->queries)}));
     for (const mld_source &slot : mld_sources(group)) {
       found.push_back(slot_line(text(slot.address), slot.source_timer, static_cast<int>(slot.forward)));
     }
@@ -98,7 +260,7 @@ void mld_report_fixture::then_groups(const mld_interface *intr, const lines &exp
 
 void mld_report_fixture::then_hosts(const mld_interface *intr, const lines &expected) const {
   lines found;
-  for (auto *host = list_first<mld_host>(&intr->hosts); host != nullptr; host = list_after(host)) {
+  for (auto *host = list_first<mld_host>(&intr->hosts.records); host != nullptr; host = list_after(host)) {
     EXPECT_EQ(host->host_state, 2u);
     found.push_back(text(host->group) + " " + text(host->host) + " " + text(host->source));
   }
@@ -113,10 +275,12 @@ lines together(std::initializer_list<lines> parts) {
   return all;
 }
 
-std::string group_line(const std::string &group, int state, int timer, int retransmit, int queries) {
-  return group + ": state " + std::to_string(state) + ", timer " + std::to_string(timer) + ", retransmit " +
-         std::to_string(retransmit) + ", queries " + std::to_string(queries);
+std::string group_line(const group_row &row) {
+  return row.group + ": state " + std::to_string(row.state) + ", timer " + std::to_string(row.timer) + ", retransmit " +
+         std::to_string(row.retransmit) + ", queries " + std::to_string(row.queries);
 }
+
+std::string group_line(const char *group) { return group_line(group_row{.group = group}); }
 
 std::string slot_line(const std::string &source, int timer, int forward) {
   return "  " + source + ": timer " + std::to_string(timer) + ", forward " + std::to_string(forward);

@@ -1,6 +1,6 @@
 #include "fixture.h"
+#include "mld/mld_filter.h"
 #include "mld/mld_group.h"
-#include "mld/mld_v2_records.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,7 +51,7 @@ TEST_F(mld_allow_record, known_source_is_refreshed_and_joined_but_the_group_time
   then(together({{sources_counted(1), source_allowed("2001:db8::1")},
                  host_recorded("ff0e::1", "fe80::a", "2001:db8::1"),
                  source_joined("ff0e::1", "2001:db8::1")}));
-  then_groups(br0, {group_line("ff0e::1", 1, 7, 4), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .timer = 7, .retransmit = 4}), slot_line("2001:db8::1")});
 }
 
 TEST_F(mld_allow_record, any_source_listener_makes_the_upstream_join_superfluous) {
@@ -95,7 +95,7 @@ TEST_F(mld_allow_record, queries_of_a_group_being_checked_go_back_but_its_state_
   given_checking(group, 3, 5);
   when_allowed({"2001:db8::1"});
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 350, 5, 0), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .retransmit = 5}), slot_line("2001:db8::1")});
 }
 
 TEST_F(mld_allow_record, at_most_ten_sources_are_handled) {
@@ -167,7 +167,7 @@ TEST_F(mld_allow_record, record_without_sources_does_nothing) {
   then({logged_debug(allow, "No sources need to be added.")});
 }
 
-TEST_F(mld_allow_record, dry_host_pool_does_not_keep_a_source_from_being_joined) {
+TEST_F(mld_allow_record, empty_host_pool_does_not_keep_a_source_from_being_joined) {
   given_group(br0, "ff0e::1");
   given_hosts_left(0);
   when_allowed({"2001:db8::1"});

@@ -1,4 +1,4 @@
-#include "mld/mld_v2_records.h"
+#include "mld/mld_filter.h"
 
 #include "fixture.h"
 #include "mld/mld_group.h"
@@ -89,7 +89,7 @@ TEST_F(mld_exclude_record, group_being_checked_has_members_again_and_keeps_its_q
   given_checking(group, 2, 5);
   when_excluded("ff0e::1", {"2001:db8::1"});
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 1, 350, 5, 2), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .retransmit = 5, .queries = 2}), slot_line("2001:db8::1")});
 }
 
 TEST_F(mld_exclude_record, record_from_the_unspecified_address_leaves_a_wanted_source) {

@@ -1,17 +1,17 @@
-// Start-up, reports of every kind, ticks through every timer, dump and shutdown of the MLD proxy, each with each of its
-// requests failing.
+// Start-up, reports of every kind, ticks through every timer, dump and shutdown of the MLD proxy: each request fails
+// once.
 #include "tests/support/fault_sweep.h"
 
 #include "core/main_loop.h"
 #include "core/memory.h"
 #include "core/start_up.h"
 #include "core/state_dump.h"
+#include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_receive.h"
 #include "mld/mld_shutdown.h"
 #include "mld/mld_timers.h"
 #include "tests/support/invariants.h"
-#include "tests/support/proxy_fixture.h"
 
 #include <cerrno>
 #include <csignal>
@@ -20,7 +20,7 @@ namespace {
 
 using namespace scripted;
 
-// Stands outside the test that sweeps, so that every play has a proxy of its own.
+// Not part of the test that sweeps, so that every run has a proxy of its own.
 struct fresh_mld : mld_fixture {
   void TestBody() override {}
 };

@@ -29,7 +29,7 @@ TEST_F(mld_group_records, taken_group_has_members_and_no_sources) {
   EXPECT_EQ(taken->source_count, 0);
 }
 
-TEST_F(mld_group_records, dry_pool_is_logged_for_the_caller) {
+TEST_F(mld_group_records, empty_pool_is_logged_for_the_caller) {
   given_pool_left(&MldRouter.free_groups, 0);
   mld_group *taken = nullptr;
   when([&] { taken = mld_take_group(MLD_STEP_OF("mld_router_v2_add_src_group"), address("ff0e::1")); });
@@ -88,7 +88,7 @@ TEST_F(mld_group_records, one_query_fewer_than_the_last_member_count_is_queued) 
   EXPECT_EQ(query->group, address("ff0e::1"));
 }
 
-TEST_F(mld_group_records, queries_queued_before_the_pool_ran_dry_stay) {
+TEST_F(mld_group_records, queries_queued_before_the_pool_was_empty_stay) {
   mld_group *group = given_group(br0, "ff0e::1");
   MldRouter.last_member_query_count = 4;
   given_pool_left(&MldRouter.free_queries, 2);
@@ -129,6 +129,50 @@ TEST_F(mld_group_records, impossible_source_counts_are_kept_within_the_slots) {
     EXPECT_EQ(mld_sources(group).size(), used) << claimed;
   }
   group->source_count = 0;
+}
+
+TEST_F(mld_group_records, group_is_found_by_all_sixteen_bytes) {
+  mld_group *second = given_group(br0, "ff0e::2");
+  mld_group *first = given_group(br0, "ff0e::1");
+  given_group(lan1, "ff0e::4");
+  EXPECT_EQ(mld_find_group(br0, address("ff0e::1")), first);
+  EXPECT_EQ(mld_find_group(br0, address("ff0e::2")), second);
+  for (const char *unknown : {"ff0e::3", "ff0e::4", "ff0f::1", "ff0e:0:0:0:1::1", "::"}) {
+    EXPECT_EQ(mld_find_group(br0, address(unknown)), nullptr) << unknown;
+  }
+}
+
+TEST_F(mld_group_records, any_source_slot_lasts_from_eleven_seconds_on) {
+  mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1", "::"});
+  for (const auto &[seconds, lasts] : {std::pair{360, true}, {11, true}, {10, false}, {0, false}, {-1, false}}) {
+    group->sources[1].source_timer = seconds;
+    EXPECT_EQ(mld_has_lasting_any_source(group), lasts) << seconds;
+  }
+  EXPECT_FALSE(mld_has_lasting_any_source(given_group(br0, "ff0e::2", {"2001:db8::1"})));
+  EXPECT_FALSE(mld_has_lasting_any_source(given_group(br0, "ff0e::3")));
+}
+
+TEST_F(mld_group_records, checking_sets_state_and_timers_and_leaves_the_slots_alone) {
+  mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1"});
+  group->retransmit_word = 9;
+  mld_start_checking(group, 1);
+  EXPECT_EQ(group->state, MLD_GROUP_CHECKING_MEMBERSHIP);
+  EXPECT_EQ(group->group_timer, 2);
+  EXPECT_EQ(group->retransmit_word, 0u);
+  EXPECT_EQ(group->retransmit_timer, 1);
+  EXPECT_EQ(group->sources[0].source_timer, 360);
+}
+
+TEST_F(mld_group_records, group_that_is_not_on_the_list_stays_and_is_named_in_the_log) {
+  mld_group *group = given_group(br0, "ff0e::1");
+  bool is_off = true;
+  when([&] { is_off = mld_take_off(MLD_STEP_OF("mld_ender"), lan1, group); });
+  then({logged_error("mld_ender", "Group Removal of " + log_text("ff0e::1") + " unsuccesful.")});
+  EXPECT_FALSE(is_off);
+  run([&] { is_off = mld_take_off(MLD_STEP_OF("mld_ender"), br0, group); });
+  mld_release_group(group);
+  then({});
+  EXPECT_TRUE(is_off);
 }
 
 } // namespace

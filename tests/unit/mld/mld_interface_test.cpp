@@ -7,6 +7,8 @@ namespace {
 
 using namespace scripted;
 
+using mld_discovery = mld_discovery_fixture;
+
 TEST_F(mld_discovery, upstream_alone_is_enough) {
   when_discovered();
   then(opened + upstream_found + closed);
@@ -53,8 +55,8 @@ TEST_F(mld_discovery, downstream_record_is_filled_and_starts_as_querier) {
   EXPECT_EQ(intr->query_timer, 0);
   EXPECT_EQ(intr->other_querier_timer, 0);
   EXPECT_EQ(intr->join_count + intr->leave_count + intr->query_count + intr->timeout_count, 0u);
-  EXPECT_EQ(intr->groups.head, nullptr);
-  EXPECT_EQ(intr->hosts.head, nullptr);
+  EXPECT_EQ(list_get_head(&intr->groups), nullptr);
+  EXPECT_EQ(list_get_head(&intr->hosts), nullptr);
 }
 
 TEST_F(mld_discovery, no_membership_is_joined_on_any_interface) {
@@ -99,7 +101,7 @@ TEST_F(mld_discovery, missing_downstream_is_passed_over) {
   EXPECT_EQ(result, 0);
 }
 
-TEST_F(mld_discovery, loopback_is_passed_over_without_a_word) {
+TEST_F(mld_discovery, loopback_is_skipped_silently) {
   given_downstream({"lo", "br0"});
   when_discovered();
   then(opened + upstream_found + named("lo") + looked_up("lo", 1) + downstream_found("br0", 3) + closed);

@@ -1,6 +1,6 @@
 #include "fixture.h"
 #include "mld/mld_group.h"
-#include "mld/mld_source_group.h"
+#include "mld/mld_leave.h"
 
 #include <cerrno>
 
@@ -42,7 +42,8 @@ TEST_F(mld_group_leave, leave_of_a_host_starts_the_queries_that_confirm_it) {
   given_host(br0, "ff0e::1", "fe80::a", "2001:db8::1");
   EXPECT_EQ(when_left("fe80::a"), 0);
   then(together({{group_timer_set()}, host_looked_up("fe80::a", "::")}));
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("::", 0), slot_line("2001:db8::1", 0)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("::", 0),
+                    slot_line("2001:db8::1", 0)});
   then_hosts(br0, {"ff0e::1 fe80::b ::", "ff0e::1 fe80::a 2001:db8::1"});
   const auto *query = list_first<mld_query>(&group->queries);
   EXPECT_EQ(query->type, 130u);
@@ -57,7 +58,7 @@ TEST_F(mld_group_leave, other_hosts_do_not_keep_a_leave_from_being_checked) {
   given_host(br0, "ff0e::1", "fe80::b", "::");
   when_left("fe80::a");
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("::", 0)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("::", 0)});
   then_hosts(br0, {"ff0e::1 fe80::b ::"});
 }
 
@@ -66,7 +67,7 @@ TEST_F(mld_group_leave, repeated_leave_queues_one_more_query) {
   when_left();
   when_left();
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 2), slot_line("::", 0)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 2}), slot_line("::", 0)});
   EXPECT_EQ(br0->leave_count, 2u);
 }
 
@@ -79,7 +80,7 @@ TEST_F(mld_group_leave, leave_of_an_unknown_group_is_only_logged) {
   EXPECT_EQ(br0->leave_count, 1u);
 }
 
-TEST_F(mld_group_leave, dry_query_pool_leaves_the_group_as_it_is) {
+TEST_F(mld_group_leave, empty_query_pool_leaves_the_group_as_it_is) {
   given_group(br0, "ff0e::1", {"::"});
   given_host(br0, "ff0e::1", "fe80::a", "::");
   given_pool_left(&MldRouter.free_queries, 0);
@@ -94,7 +95,8 @@ TEST_F(mld_group_leave, host_with_the_loopback_address_is_a_host) {
   given_host(br0, "ff0e::1", "::1", "::");
   when_left("::1", {"2001:db8::1"}); // its one source stays: only a source that ran out is removed
   then(together({{group_timer_set()}, host_looked_up("::1", "::")}));
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0)});
+  then_groups(br0,
+              {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0)});
   then_hosts(br0, {});
 }
 
@@ -151,7 +153,8 @@ TEST_F(mld_group_leave, expired_source_among_others_is_blocked_and_removed_in_pl
         source_removed(given.expired),
         group_timer_set(),
     });
-    then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line(given.left[0], 0), slot_line(given.left[1], 0)});
+    then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}),
+                      slot_line(given.left[0], 0), slot_line(given.left[1], 0)});
     mld_unlink_group(br0, group);
     mld_release_group(group);
   }
@@ -162,7 +165,8 @@ TEST_F(mld_group_leave, forward_of_a_slot_moves_with_it) {
   group->sources[1].forward = 0;
   when_expired("2001:db8::1");
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::2", 0, 0)});
+  then_groups(br0,
+              {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::2", 0, 0)});
 }
 
 TEST_F(mld_group_leave, last_of_ten_sources_is_removed_within_the_slots) {
@@ -209,10 +213,11 @@ TEST_F(mld_group_leave, source_that_is_not_there_any_more_only_starts_the_querie
   given_group(br0, "ff0e::1", {"2001:db8::1"});
   EXPECT_EQ(when_expired("2001:db8::9"), 0);
   then({group_timer_set()});
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0)});
+  then_groups(br0,
+              {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0)});
 }
 
-TEST_F(mld_group_leave, dry_query_pool_does_not_bring_a_removed_source_back) {
+TEST_F(mld_group_leave, empty_query_pool_does_not_bring_a_removed_source_back) {
   given_group(br0, "ff0e::1", {"2001:db8::1", "2001:db8::2"});
   given_pool_left(&MldRouter.free_queries, 0);
   EXPECT_EQ(when_expired("2001:db8::1"), 0);

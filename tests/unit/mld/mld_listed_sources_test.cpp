@@ -1,7 +1,7 @@
 // Joins for listed sources: what an INCLUDE record with sources does.
 #include "fixture.h"
 #include "mld/mld_group.h"
-#include "mld/mld_source_group.h"
+#include "mld/mld_join.h"
 
 #include <cerrno>
 
@@ -12,7 +12,7 @@ using namespace scripted;
 struct mld_listed_sources_join : mld_report_fixture {
   void when_joined(const lines &sources, const std::string &sender = "fe80::a") {
     owned_record given = record(3, "ff0e::1", sources);
-    when([&] { mld_router_v2_add_src_group(br0, given.view(), joined_sources::listed, address(sender)); });
+    when([&] { mld_router_v2_add_src_group(br0, given.view(), mld_joined_sources::listed, address(sender)); });
   }
 };
 
@@ -109,7 +109,7 @@ TEST_F(mld_listed_sources_join, queries_of_a_group_being_checked_go_back_but_its
   given_checking(group, 2, 5);
   when_joined({"2001:db8::1"});
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 350, 5, 0), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .retransmit = 5}), slot_line("2001:db8::1")});
 }
 
 TEST_F(mld_listed_sources_join, record_without_sources_only_counts) {
@@ -118,7 +118,8 @@ TEST_F(mld_listed_sources_join, record_without_sources_only_counts) {
   group->group_timer = 2;
   when_joined({});
   then({});
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 5, 1), slot_line("2001:db8::1")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 5, .queries = 1}),
+                    slot_line("2001:db8::1")});
   EXPECT_EQ(br0->join_count, 1u);
 }
 
@@ -151,7 +152,7 @@ TEST_F(mld_listed_sources_join, refused_source_still_refreshes_the_group_and_lat
   EXPECT_EQ(group->sources[9].source_timer, 360);
 }
 
-TEST_F(mld_listed_sources_join, dry_pool_loses_the_record_at_its_first_source) {
+TEST_F(mld_listed_sources_join, empty_pool_loses_the_record_at_its_first_source) {
   given_pool_left(&MldRouter.free_groups, 0);
   when_joined({"2001:db8::1", "2001:db8::2"});
   then({logged_error(add_src, "No more free group available. Dropping membership request.")});
@@ -160,7 +161,7 @@ TEST_F(mld_listed_sources_join, dry_pool_loses_the_record_at_its_first_source) {
   EXPECT_EQ(br0->join_count, 1u);
 }
 
-TEST_F(mld_listed_sources_join, dry_host_pool_does_not_keep_a_source_from_being_joined) {
+TEST_F(mld_listed_sources_join, empty_host_pool_does_not_keep_a_source_from_being_joined) {
   given_hosts_left(1);
   when_joined({"2001:db8::1", "2001:db8::2"});
   then(together({source_recorded_and_joined("2001:db8::1"),

@@ -1,8 +1,8 @@
 #include "mld/mld_membership.h"
 
+#include "fixture.h"
 #include "mld/mld_group.h"
 #include "mld/mld_options.h"
-#include "tests/support/proxy_fixture.h"
 #include "tests/support/request_text.h"
 
 #include <cerrno>
@@ -69,6 +69,32 @@ TEST_F(mld_membership, every_interface_that_has_the_group_becomes_an_output) {
   });
 }
 
+TEST_F(mld_membership, upstream_interface_is_never_an_output) {
+  given_group(wan0, "ff0e::1");
+  mld_group *group = given_group(br0, "ff0e::1");
+  when([&] { mld_proxy_add_membership(group); });
+  then(after({join, joined}, forwarded));
+}
+
+// The rewrite shows that the group is wanted, the request that the MIF is not an output.
+TEST_F(mld_membership, interface_beyond_the_outputs_still_wants_its_group) {
+  given_group(lan1, "ff0e::1");
+  for (const std::uint32_t vif_index : {32u, UINT32_MAX}) {
+    lan1->vif_index = vif_index;
+    when_dropped(given_lost(br0, "ff0e::1"));
+    then_in_order({logged_debug(drop, "Group " + log_text("ff0e::1") + " on interface lan1 still there. Not dropping."),
+                   logged_debug(drop, "MldRouter.upstream_interface->vif_index = 2")});
+  }
+}
+
+TEST_F(mld_membership, retired_group_is_left_upstream_and_back_in_the_pool) {
+  mld_group *lost = given_lost(br0, "ff0e::1");
+  when([&] { mld_retire_group(lost); });
+  then({leave, logged_debug(drop, "setsockopt: IPV6_DROP_MEMBERSHIP")});
+  EXPECT_EQ(lost->state, MLD_GROUP_NO_MEMBERS);
+  EXPECT_EQ(list_first<mld_group>(&MldRouter.free_groups), lost);
+}
+
 TEST_F(mld_membership, refused_join_is_refreshed_by_leaving_and_joining_again) {
   mld_group *group = given_group(br0, "ff0e::1");
   given_failure(join, EADDRINUSE);
@@ -120,7 +146,7 @@ TEST_F(mld_membership, source_is_joined_upstream_and_forwarded_to_its_interface)
   });
 }
 
-TEST_F(mld_membership, group_that_is_no_multicast_address_is_refused_without_a_request) {
+TEST_F(mld_membership, group_that_is_not_a_multicast_address_is_refused_without_a_request) {
   mld_group *group = given_group(br0, "fe0e::1", {"2001:db8::1"});
   when([&] { mldv2_add_src_membership(group, address("2001:db8::1")); });
   then({logged_error(add_source, "Group address is not IPv6 multicast address: " + log_text("fe0e::1"))});
@@ -175,7 +201,7 @@ TEST_F(mld_membership, refused_source_join_ends_without_forwarding) {
         logged_error(add_source, "setsockopt MCAST_JOIN_SOURCE_GROUP fail!!!")});
 }
 
-TEST_F(mld_membership, refused_forwarding_of_a_source_is_told_by_the_level_alone) {
+TEST_F(mld_membership, refused_forwarding_of_a_source_shows_only_in_the_level) {
   mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1"});
   given_failure("setsockopt(mld, MRT6_ADD_MFC)", ENFILE);
   when([&] { mldv2_add_src_membership(group, address("2001:db8::1")); });

@@ -86,9 +86,9 @@ TEST_F(mld_receive, election_compares_addresses_byte_by_byte_unsigned) {
       {"fe80::4", 0, 0, 0, 0},         // higher: the role comes back on the next tick
       {"fe80::ff", 0, 1, 1, 0},        // a byte above 127 is higher, not negative
       {"ff00::", 0, 1, 1, 0},          // the same in the first byte
-      {"fe80::2", 1, 1, 1, 0},         // told to stay querier
-      {"fe80::2", 1, 0, 1, 0},         // told so while another one was
-      {"fe80::2", 2, 1, 0, 300, 0},    // only 1 tells so
+      {"fe80::2", 1, 1, 1, 0},         // set to stay querier
+      {"fe80::2", 1, 0, 1, 0},         // set so while another one was
+      {"fe80::2", 2, 1, 0, 300, 0},    // only 1 counts
   };
   for (const row &given : rows) {
     SCOPED_TRACE(testing::Message() << given.sender << " " << given.non_querier << " " << given.querier_before);
@@ -175,7 +175,7 @@ TEST_F(mld_receive, packet_information_is_found_by_level_type_and_length) {
   EXPECT_EQ(br0->query_count, 1u);
 }
 
-TEST_F(mld_receive, other_control_messages_are_no_packet_information) {
+TEST_F(mld_receive, other_control_messages_are_not_packet_information) {
   const std::vector<std::uint8_t> rows[] = {
       control_message(IPPROTO_IPV6, IPV6_HOPLIMIT),
       control_message(SOL_SOCKET, IPV6_PKTINFO),
@@ -192,7 +192,7 @@ TEST_F(mld_receive, other_control_messages_are_no_packet_information) {
   EXPECT_EQ(br0->query_count, 0u);
 }
 
-TEST_F(mld_receive, truncated_control_data_is_no_packet_information) {
+TEST_F(mld_receive, truncated_control_data_is_not_packet_information) {
   const std::vector<std::uint8_t> whole = control_message(IPPROTO_IPV6, IPV6_PKTINFO);
   for (std::size_t kept = 1; kept < sizeof(cmsghdr); ++kept) {
     when_received_with_control({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(kept)});
@@ -229,6 +229,15 @@ TEST_F(mld_receive, bytes_of_an_earlier_message_do_not_show_through) {
   then_anything();
   when_received({143}, "fe80::a", br0_index);
   then_in_order({logged_error("mld_router_version2_report_handler", "Wrong group record number: 0")});
+}
+
+TEST_F(mld_receive, buffer_offered_to_the_kernel_holds_1600_zeros) {
+  for (int i = 0; i < 2; ++i) { // the second one where the first message was
+    Kernel.messages.push_back({std::vector<std::uint8_t>(1600, 0xff), "fe80::a", 3});
+    when([] { mld_network_socket_read_data(); });
+    EXPECT_EQ(Kernel.receive_buffer, std::vector<std::uint8_t>(1600, 0));
+  }
+  then_anything();
 }
 
 TEST_F(mld_receive, message_longer_than_the_buffer_is_cut) {

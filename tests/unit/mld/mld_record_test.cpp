@@ -1,6 +1,6 @@
 #include "mld/mld_record.h"
 
-#include "tests/support/proxy_fixture.h"
+#include "fixture.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "mld/mld_snooping.h"
 
-#include "tests/support/proxy_fixture.h"
+#include "fixture.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -39,6 +39,16 @@ TEST_F(mld_snooping, leave_of_a_source_writes_both) {
   then_record_is("src=2001:db8::1\ngrp=ff0e::1\n");
 }
 
+TEST_F(mld_snooping, record_is_complete_when_the_snooping_program_is_signalled) {
+  std::optional<std::string> record_at_signal;
+  Kernel.on_request = [&](const std::string &request) {
+    record_at_signal = request == signalled ? file_contents(path) : record_at_signal;
+  };
+  when_left("2001:db8::1", "ff0e::1");
+  then_record_is("src=2001:db8::1\ngrp=ff0e::1\n");
+  EXPECT_EQ(record_at_signal, "src=2001:db8::1\ngrp=ff0e::1\n");
+}
+
 TEST_F(mld_snooping, second_leave_overwrites_the_first) {
   when_left("2001:db8::1", "ff0e::1:2:3");
   then_record_is("src=2001:db8::1\ngrp=ff0e::1:2:3\n");
@@ -46,7 +56,7 @@ TEST_F(mld_snooping, second_leave_overwrites_the_first) {
   then_record_is("grp=ff0e::4\n");
 }
 
-// The snooping program's record has room for 15 characters.
+// Kept for compatibility.
 TEST_F(mld_snooping, addresses_over_fifteen_characters_leave_their_lines_empty) {
   struct row {
     const char *source;

@@ -37,8 +37,9 @@ TEST_F(mld_source_expiry, wanted_source_that_ran_out_is_asked_for) {
   given_host(br0, "ff0e::1", "fe80::b", "2001:db8::1");
   when_ticked_quietly();
   then(together({{source_expired("2001:db8::1")}, asked_for("2001:db8::1"), {checking_started()}}));
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 1, 1), slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 359)});
-  then_hosts(br0, {"ff0e::1 fe80::b 2001:db8::1"}); // the first that reported it is forgotten, whoever it was
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 1, .queries = 1}),
+                    slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 359)});
+  then_hosts(br0, {"ff0e::1 fe80::b 2001:db8::1"}); // the first host that reported it is forgotten
   EXPECT_EQ(mld_tmp_origin, address("2001:db8::1"));
   EXPECT_EQ(br0->timeout_count, 1u);
   EXPECT_EQ(br0->leave_count, 0u);
@@ -56,7 +57,8 @@ TEST_F(mld_source_expiry, unwanted_source_that_ran_out_is_removed) {
       logged_debug(leave, "Remove source: " + log_text("2001:db8::2") + " from group: " + log_text("ff0e::1")),
       logged_debug(leave, "Set group timer to 2"),
   });
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0)});
+  then_groups(br0,
+              {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0)});
   EXPECT_EQ(mld_tmp_origin, address("2001:db8::2"));
   EXPECT_EQ(br0->leave_count, 0u);
 }
@@ -71,7 +73,8 @@ TEST_F(mld_source_expiry, any_source_slot_that_ran_out_is_removed) {
       logged_debug(leave, "Remove source: " + log_text("::") + " from group: " + log_text("ff0e::1")),
       logged_debug(leave, "Set group timer to 2"),
   });
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0)});
+  then_groups(br0,
+              {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0)});
   EXPECT_EQ(mld_tmp_origin, In6AddrAny);
 }
 
@@ -83,7 +86,7 @@ TEST_F(mld_source_expiry, group_ends_with_its_last_source_and_the_walk_goes_on_b
   then(together({{source_expired("2001:db8::1"), logged_debug(leave, "Last one source: " + log_text("2001:db8::1") +
                                                                          " in group: " + log_text("ff0e::1"))},
                  left_upstream("ff0e::1", {"2001:db8::1"})}));
-  then_groups(br0, {group_line("ff0e::2", 1, 349), slot_line("2001:db8::5", 359)});
+  then_groups(br0, {group_line({.group = "ff0e::2", .timer = 349}), slot_line("2001:db8::5", 359)});
   EXPECT_EQ(older->active_seconds, 1);
   EXPECT_EQ(file_contents("/tmp/tarnwick_leave_record"), std::nullopt);
 }
@@ -93,7 +96,8 @@ TEST_F(mld_source_expiry, only_wanted_source_is_asked_for_and_not_ended_at_once)
   group->sources[0].source_timer = 1;
   when_ticked_quietly();
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 1, 1), slot_line("2001:db8::1", 0)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 1, .queries = 1}),
+                    slot_line("2001:db8::1", 0)});
 }
 
 // A removal clears the timers of all slots and moves the later ones down: the next slot looked at is the one after
@@ -113,7 +117,8 @@ TEST_F(mld_source_expiry, slots_behind_a_removed_one_run_out_in_the_same_pass) {
        },
        asked_for("2001:db8::3"),
        {checking_started()}}));
-  then_groups(br0, {group_line("ff0e::1", 2, 2, 1, 2), slot_line("2001:db8::2", 0), slot_line("2001:db8::3", -1)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 1, .queries = 2}),
+                    slot_line("2001:db8::2", 0), slot_line("2001:db8::3", -1)});
   EXPECT_EQ(group->active_seconds, 2);
   EXPECT_EQ(br0->timeout_count, 2u);
 }
@@ -131,7 +136,7 @@ TEST_F(mld_source_expiry, all_slots_may_run_out_in_one_pass) {
     }
     when_ticked_quietly();
     then_anything();
-    // Removed one by one, every second slot is passed over; asked for, all stay.
+    // When slots are removed one by one, every second one is skipped; when they are asked for, all stay.
     EXPECT_EQ(group->source_count, forward == 0 ? 5 : 10);
     EXPECT_EQ(length(group->queries), forward == 0 ? 5 : 10);
     mld_unlink_group(br0, group);
@@ -148,7 +153,7 @@ TEST_F(mld_source_expiry, source_fires_in_every_pass_while_there_is_no_query_to_
     then(together({{source_expired("2001:db8::1")},
                    asked_for("2001:db8::1"),
                    {logged_error(block, " No more free queries available.")}}));
-    then_groups(br0, {group_line("ff0e::1", 1, 350 - pass), slot_line("2001:db8::1", 1 - pass),
+    then_groups(br0, {group_line({.group = "ff0e::1", .timer = 350 - pass}), slot_line("2001:db8::1", 1 - pass),
                       slot_line("2001:db8::2", 360 - pass)});
   }
   EXPECT_EQ(br0->timeout_count, 3u);
@@ -161,7 +166,8 @@ TEST_F(mld_source_expiry, unwanted_sources_go_even_without_queries_and_the_last_
   given_pool_left(&MldRouter.free_queries, 0);
   when_ticked_quietly();
   then_in_order({logged_error(leave, "No more free queries available.")});
-  then_groups(br0, {group_line("ff0e::1", 1, 349), slot_line("2001:db8::2", 2, 0)}); // passed over in this pass
+  then_groups(br0, {group_line({.group = "ff0e::1", .timer = 349}),
+                    slot_line("2001:db8::2", 2, 0)}); // passed over in this pass
   when_ticked_quietly(2);
   then_in_order(
       {logged_debug(leave, "Last one source: " + log_text("2001:db8::2") + " in group: " + log_text("ff0e::1"))});

@@ -1,9 +1,10 @@
-// Ticks of one second, with the proxy of proxy_test.h: lan1 comes before br0 in each pass.
+// Ticks of one second, with the proxy of fixture.h: lan1 comes before br0 in each pass.
 #include "mld/mld_timers.h"
 
 #include "core/memory.h"
+#include "fixture.h"
 #include "mld/mld_group.h"
-#include "tests/support/proxy_fixture.h"
+#include "mld/mld_query.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -127,6 +128,26 @@ TEST_F(mld_timers, querier_role_comes_back_301_passes_after_the_last_foreign_que
   then_anything();
 }
 
+// Only role 0 holds back the queries of a leave; only role 1 runs the timer of the general query. `run`, not `when`: no
+// code sets another role, and the invariants would complain.
+TEST_F(mld_timers, querier_role_other_than_0_and_1_waits_like_a_non_querier_and_answers_leaves) {
+  given_silence();
+  br0->is_querier = 2;
+  br0->query_timer = 0;
+  br0->other_querier_timer = 5;
+  run(mld_router_timer_expired);
+  then({logged_debug(timer, "Querier Present Timer = 5")});
+  EXPECT_EQ(br0->is_querier, 2);
+  EXPECT_EQ(br0->query_timer, 0);
+  run([&] { mld_router_v2_send_query(br0, 100, address("ff0e::1")); });
+  then_in_order({logged_debug("mld_router_v2_send_query", "[QUERY] group: " + log_text("ff0e::1"))});
+  EXPECT_EQ(Kernel.frames.size(), 1u);
+  br0->other_querier_timer = 0;
+  when_ticked();
+  then_anything();
+  EXPECT_EQ(br0->is_querier, 1);
+}
+
 TEST_F(mld_timers, query_timer_rests_while_another_router_is_querier) {
   given_silence();
   br0->is_querier = 0;
@@ -204,14 +225,14 @@ lines expired_on_br0(const std::string &group) {
   };
 }
 
-TEST_F(mld_timers, group_whose_timer_ran_out_is_left_and_the_snooping_program_told) {
+TEST_F(mld_timers, group_whose_timer_ran_out_is_left_and_the_snooping_program_signalled) {
   given_silence();
   mld_group *group = given_group(br0, "ff0e::1");
   group->group_timer = 0;
   when_ticked();
   then(expired_on_br0("ff0e::1"));
   EXPECT_EQ(file_contents("/tmp/tarnwick_leave_record"), "grp=ff0e::1\n");
-  EXPECT_EQ(br0->groups.head, nullptr);
+  EXPECT_EQ(list_get_head(&br0->groups), nullptr);
   EXPECT_EQ(list_get_head(&MldRouter.free_groups), &group->link);
   EXPECT_EQ(group->state, MLD_GROUP_NO_MEMBERS);
 }
@@ -269,7 +290,7 @@ TEST_F(mld_timers, queries_of_a_group_that_runs_out_go_back_in_either_state) {
   then_anything();
 }
 
-TEST_F(mld_timers, group_ends_although_the_snooping_program_cannot_be_told) {
+TEST_F(mld_timers, group_ends_although_the_snooping_program_cannot_be_signalled) {
   given_silence();
   given_group(br0, "ff0e::1")->group_timer = 0;
   given_failure("open(", EROFS);

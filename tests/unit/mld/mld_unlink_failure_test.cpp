@@ -1,7 +1,8 @@
-// A record that cannot be taken off its list: the step ends there, says so, and nothing is lost.
+// A record cannot be taken off its list: the step ends there and says so, and nothing is lost.
 #include "fixture.h"
 #include "mld/mld_host.h"
-#include "mld/mld_source_group.h"
+#include "mld/mld_join.h"
+#include "mld/mld_leave.h"
 #include "tests/support/failing_unlink.h"
 
 namespace {
@@ -27,7 +28,7 @@ TEST_F(mld_unlink_failure, idle_group_is_neither_dropped_nor_created_afresh) {
   given_group(br0, "ff0e::1", {"::"});
   UnlinksToFail = 1;
   owned_record given = record(4, "ff0e::1");
-  when([&] { mld_router_v2_add_src_group(br0, given.view(), joined_sources::all, address("fe80::a")); });
+  when([&] { mld_router_v2_add_src_group(br0, given.view(), mld_joined_sources::all, address("fe80::a")); });
   constexpr char add_src[] = "mld_router_v2_add_src_group";
   then(together({{logged_debug(add_src, "group retransmit_timer < 0, drop this group: " + log_text("ff0e::1"))},
                  host_looked_up("fe80::a", "::"),
@@ -54,10 +55,11 @@ TEST_F(mld_unlink_failure, silent_group_is_tried_again_in_the_next_pass) {
   when_ticked_quietly();
   then_in_order(
       {logged_error("mld_router_group_timer_expired", "Group Removal of " + log_text("ff0e::1") + " unsuccesful.")});
-  then_groups(br0, {group_line("ff0e::1", 1, 0), group_line("ff0e::2")}); // the second one was not looked at
+  then_groups(
+      br0, {group_line({.group = "ff0e::1", .timer = 0}), group_line("ff0e::2")}); // the second one was not looked at
   when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1"));
-  then_groups(br0, {group_line("ff0e::2", 1, 349)});
+  then_groups(br0, {group_line({.group = "ff0e::2", .timer = 349})});
 }
 
 TEST_F(mld_unlink_failure, group_that_nobody_wants_is_tried_again_in_the_next_pass) {
@@ -67,10 +69,10 @@ TEST_F(mld_unlink_failure, group_that_nobody_wants_is_tried_again_in_the_next_pa
   when_ticked_quietly();
   then_in_order({logged_error("mld_router_retransmit_timer_expired",
                               "Group Removal of " + log_text("ff0e::1") + " unsuccesful.")});
-  then_groups(br0, {group_line("ff0e::1", 2), group_line("ff0e::2")});
+  then_groups(br0, {group_line({.group = "ff0e::1", .state = 2}), group_line("ff0e::2")});
   when_ticked_quietly();
   then_in_order(left_upstream("ff0e::1"));
-  then_groups(br0, {group_line("ff0e::2", 1, 349)});
+  then_groups(br0, {group_line({.group = "ff0e::2", .timer = 349})});
 }
 
 } // namespace

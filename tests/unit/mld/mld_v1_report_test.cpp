@@ -68,7 +68,7 @@ TEST_F(mld_v1_report, report_cancels_the_queries_of_a_group_being_checked) {
   group->group_timer = 2;
   when_reported(br0, "ff0e::1");
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 1, 350, 5, 0)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .retransmit = 5})});
   EXPECT_EQ(length(MldRouter.free_queries), MLD_QUERY_POOL_SIZE);
 }
 
@@ -78,10 +78,10 @@ TEST_F(mld_v1_report, queries_of_a_group_with_members_stay_with_it) {
   group->state = MLD_GROUP_MEMBERS_PRESENT;
   when_reported(br0, "ff0e::1");
   then_anything();
-  then_groups(br0, {group_line("ff0e::1", 1, 350, 0, 2)});
+  then_groups(br0, {group_line({.group = "ff0e::1", .queries = 2})});
 }
 
-TEST_F(mld_v1_report, report_is_lost_when_the_group_pool_is_dry) {
+TEST_F(mld_v1_report, report_is_lost_when_the_group_pool_is_empty) {
   given_group(br0, "ff0e::1");
   given_pool_left(&MldRouter.free_groups, 0);
   when_reported(br0, "ff0e::2");

@@ -77,7 +77,7 @@ TEST_F(mld_v2_report, leave_of_an_unknown_group_creates_nothing) {
 
 // What a record does to a group of two sources, one of which it names; the trace line apart, types 1 and 3 are alike,
 // and so are 2 and 4.
-TEST_F(mld_v2_report, every_type_takes_its_road) {
+TEST_F(mld_v2_report, every_type_takes_its_path) {
   const struct {
     int type;
     lines sources;
@@ -87,11 +87,13 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
       {1,
        {},
        "MLD2_MODE_IS_INCLUDE",
-       {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 0)}},
+       {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0),
+        slot_line("2001:db8::2", 0)}},
       {3,
        {},
        "MLD2_CHANGE_TO_INCLUDE",
-       {group_line("ff0e::1", 2, 2, 0, 1), slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 0)}},
+       {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0),
+        slot_line("2001:db8::2", 0)}},
       {1,
        {"2001:db8::1"},
        "MLD2_MODE_IS_INCLUDE",
@@ -115,7 +117,7 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
       {5,
        {},
        "MLD2_ALLOW_NEW_SOURCES",
-       {group_line("ff0e::1", 1, 7), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
+       {group_line({.group = "ff0e::1", .timer = 7}), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
       {5,
        {"2001:db8::3"},
        "MLD2_ALLOW_NEW_SOURCES",
@@ -123,11 +125,12 @@ TEST_F(mld_v2_report, every_type_takes_its_road) {
       {6,
        {},
        "MLD2_BLOCK_OLD_SOURCES",
-       {group_line("ff0e::1", 1, 7), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
+       {group_line({.group = "ff0e::1", .timer = 7}), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
       {6,
        {"2001:db8::1"},
        "MLD2_BLOCK_OLD_SOURCES",
-       {group_line("ff0e::1", 2, 2, 1, 1), slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
+       {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 1, .queries = 1}),
+        slot_line("2001:db8::1", 9), slot_line("2001:db8::2", 9)}},
   };
   for (const auto &given : rows) {
     SCOPED_TRACE(testing::Message() << given.name << " with " << given.sources.size() << " sources");
@@ -300,7 +303,7 @@ TEST_F(mld_v2_report, record_cut_before_its_first_source_changes_no_group) {
   }
 }
 
-TEST_F(mld_v2_report, address_that_is_no_multicast_group_is_recorded_but_not_joined_by_source) {
+TEST_F(mld_v2_report, address_that_is_not_a_multicast_group_is_recorded_but_not_joined_by_source) {
   when_received(mldv2_report({{3, "2001:db8::99", {"2001:db8::1"}}}), "fe80::a", 3);
   then(together({received_report("fe80::a", 3, 1),
                  record_traced("2001:db8::99", 1, "MLD2_CHANGE_TO_INCLUDE"),
@@ -310,7 +313,7 @@ TEST_F(mld_v2_report, address_that_is_no_multicast_group_is_recorded_but_not_joi
 }
 
 // Reports of random bytes around a few real groups and hosts, with ticks in between: whatever arrives, no record is
-// lost and no slot overrun (checked after each step), and the pools are never more than dry.
+// lost and no slot overrun (checked after each step), and a pool is never more than empty.
 TEST_F(mld_v2_report, random_reports_lose_no_record) {
   std::mt19937 random(20240501); // NOLINT: the same reports in every run
   const auto number = [&random](unsigned int below) { return random() % below; };

@@ -3,8 +3,8 @@
 
 #include "core/memory.h"
 #include "core/settings.h"
+#include "fixture.h"
 #include "tests/support/leaks_on_purpose.h"
-#include "tests/support/proxy_fixture.h"
 
 namespace scripted {
 
@@ -42,7 +42,7 @@ inline lines operator+(lines first, const lines &second) {
   return first;
 }
 
-// The log's last word on memory.
+// The log's last lines: the report on memory.
 inline lines memory_report() {
   const std::string leaks =
       "Memory leaks. Malloc:" + std::to_string(malloc_counter) + " Free:" + std::to_string(free_counter) + ".";

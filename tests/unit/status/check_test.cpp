@@ -47,8 +47,8 @@ struct check_judgement : testing::Test {
     subject.has_daemon = subject.has_state = true;
     subject.daemon.pid = 412;
     subject.snapshot = &shown;
-    add_row(mifs, mif_row{3, interface("wan0"), 0, 0, 0, 0});
-    add_row(mifs, mif_row{2, interface("br0"), 0, 0, 0, 0});
+    add_row(mifs, mif_row{3, interface("wan0"), {}, 0, 0, 0, 0});
+    add_row(mifs, mif_row{2, interface("br0"), {}, 0, 0, 0, 0});
     shown.mifs = &mifs;
     add_row(shown.interfaces, interface_row{{{}, interface("wan0"), 0, 0, 0, 0}, true, &mifs.first[0]});
     add_row(shown.interfaces, interface_row{{{}, interface("br0"), 0, 1, 0, 0}, false, &mifs.first[1]});

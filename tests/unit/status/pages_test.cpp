@@ -16,7 +16,7 @@ struct moment {
   traffic_sample before{};
   traffic_sample now{};
   snapshot joined{};
-  process_facts daemon{4711, 1, {"tarnwick"}, UINT64_MAX, 0, true}; // not started yet: up 0 s
+  process_facts daemon{4711, 1, {"tarnwick"}, UINT64_MAX, 0, true, 0}; // not started yet: up 0 s
 
   ~moment() {
     free_rows(state.interfaces);
@@ -81,7 +81,7 @@ std::vector<std::string> page_of(moment &shown, bool is_utf8 = false) {
   return lines;
 }
 
-TEST(status_report, groups_and_streams_stand_aligned_under_their_headings) {
+TEST(status_report, groups_and_streams_are_aligned_under_their_headings) {
   moment shown;
   given_two_streams(shown);
   const std::vector<std::string> expected{
@@ -102,6 +102,26 @@ TEST(status_report, groups_and_streams_stand_aligned_under_their_headings) {
   EXPECT_EQ(page_of(shown), expected);
 }
 
+TEST(status_report, interfaces_of_a_private_network_are_shown_with_the_hosts_names) {
+  moment shown;
+  parse_mif_table(shown.now.mifs, " 2 up0 0 0 0 0 00000\n 3 down0 0 0 0 0 00000\n");
+  shown.now.mifs.first[0].host_name = {"eth0.2"};
+  shown.now.mifs.first[1].host_name = {"br-lan.100"};
+  given_state(shown,
+              "[MLD]ifname: down0 query: 0 join: 0 leave: 0 timeout: 0\n"
+              "[MLD]ifname: up0 query: 0 join: 0 leave: 0 timeout: 0\n",
+              "");
+  const std::vector<std::string> lines = page_of(shown);
+  EXPECT_EQ(lines[0], "tarnwick 4711, up 0 s, in a private network: 2 interfaces, 0 groups, 0 forwarding entries");
+  EXPECT_TRUE(lines[3].starts_with("up0 (eth0.2)        upstream      2  ")) << lines[3];
+  EXPECT_TRUE(lines[4].starts_with("down0 (br-lan.100)  downstream    3  ")) << lines[4];
+  text json;
+  add_json(json, shown.joined);
+  EXPECT_NE(std::string(text_of(json)).find("\"name\":\"down0\""), std::string::npos) << text_of(json);
+  EXPECT_NE(std::string(text_of(json)).find("\"host_name\":\"br-lan.100\""), std::string::npos) << text_of(json);
+  free_rows(json);
+}
+
 TEST(status_report, missing_static_tree_is_named_as_the_reason) {
   moment shown;
   given_mifs(shown);
@@ -120,7 +140,7 @@ TEST(status_report, group_without_entry_sends_the_reader_to_the_log) {
   EXPECT_EQ(lines.back(), "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.");
 }
 
-TEST(status_report, entry_whose_listener_is_gone_and_waiting_packets_are_told_apart) {
+TEST(status_report, entry_whose_listener_is_gone_and_waiting_packets_are_distinguished) {
   moment shown;
   given_mifs(shown);
   given_state(shown, three_interfaces, "");
@@ -160,7 +180,7 @@ TEST(status_report, interface_without_mif_and_no_groups_at_all_are_shown) {
   EXPECT_EQ(lines.back(), "No group has a listener, and the kernel forwards nothing.");
 }
 
-TEST(status_json, every_figure_stands_in_one_object) {
+TEST(status_json, every_figure_is_in_one_object) {
   moment shown;
   given_two_streams(shown);
   page_of(shown);

@@ -67,7 +67,7 @@ TEST(status_state_files, groups_are_read_with_interface_and_average) {
   free_rows(groups);
 }
 
-TEST(status_kernel_tables, heading_is_no_interface) {
+TEST(status_kernel_tables, heading_is_not_an_interface) {
   rows_of<mif_row> mifs;
   parse_mif_table(mifs, mif_table);
   ASSERT_EQ(mifs.count, 2U);
@@ -94,6 +94,14 @@ TEST(status_kernel_tables, entry_is_read_with_short_addresses_and_outputs) {
   EXPECT_EQ(entries.first[0].bytes, 42616U);
   EXPECT_EQ(entries.first[0].wrong_interface, 5U);
   EXPECT_EQ(entries.first[0].outputs, 1U << 2 | 1U << 31);
+  free_rows(entries);
+}
+
+TEST(status_kernel_tables, shield_is_passed_over) {
+  rows_of<cache_row> entries =
+      entries_of("ff0e:0000:0000:0000:0000:0000:0000:0101 0000:0000:0000:0000:0000:0000:0000:0000 0"
+                 "          0        0        0\n");
+  EXPECT_EQ(entries.count, 0U);
   free_rows(entries);
 }
 
@@ -136,7 +144,7 @@ TEST(status_daemon_process, name_with_blanks_and_brackets_is_read_to_its_last_br
   EXPECT_EQ(facts.start_ticks, 98765U);
 }
 
-TEST(status_daemon_process, stat_that_makes_no_sense_is_refused) {
+TEST(status_daemon_process, malformed_stat_is_refused) {
   process_facts facts{};
   EXPECT_FALSE(parse_process_stat(facts, ""));
   EXPECT_FALSE(parse_process_stat(facts, "7 )tarnwick("));
@@ -177,7 +185,11 @@ TEST(status_daemon_process, own_process_is_read) {
 }
 
 process_facts daemon_at(pid_t pid, pid_t parent, std::uint64_t network, bool is_ready = true) {
-  return process_facts{pid, parent, {"tarnwick"}, 0, network, is_ready};
+  return process_facts{pid, parent, {"tarnwick"}, 0, network, is_ready, 0};
+}
+
+process_facts daemon_below_supervisor(pid_t pid, std::uint64_t network, std::uint64_t supervisor_network) {
+  return process_facts{pid, 1, {"tarnwick"}, 0, network, true, supervisor_network};
 }
 
 daemon_search search(std::initializer_list<process_facts> processes, process_facts &chosen) {
@@ -208,6 +220,18 @@ TEST(status_daemon_process, of_several_daemons_the_one_of_this_network_is_chosen
   EXPECT_EQ(chosen.pid, 6);
   EXPECT_EQ(search({daemon_at(5, 1, 100), daemon_at(6, 1, 100)}, chosen), daemon_search::several);
   EXPECT_EQ(search({daemon_at(5, 1, 200), daemon_at(6, 1, 300)}, chosen), daemon_search::several);
+}
+
+TEST(status_daemon_process, of_several_private_networks_the_one_of_a_supervisor_in_this_network_is_chosen) {
+  process_facts chosen{};
+  EXPECT_EQ(search({daemon_at(5, 1, 200), daemon_below_supervisor(6, 300, 100), daemon_below_supervisor(7, 400, 900)},
+                   chosen),
+            daemon_search::found);
+  EXPECT_EQ(chosen.pid, 6);
+  EXPECT_EQ(search({daemon_below_supervisor(6, 300, 100), daemon_at(5, 1, 100)}, chosen), daemon_search::found);
+  EXPECT_EQ(chosen.pid, 5);
+  EXPECT_EQ(search({daemon_below_supervisor(6, 300, 100), daemon_below_supervisor(7, 400, 100)}, chosen),
+            daemon_search::several);
 }
 
 TEST(status_daemon_process, daemon_that_is_still_starting_is_not_asked) {
