@@ -112,7 +112,7 @@ bool find_daemon(status_round &round, text &problem, pid_t wanted) {
   if (wanted > 0) {
     return check_wanted(round.daemon, problem, wanted);
   }
-  list_daemons(round.daemons);
+  list_processes(round.daemons, DAEMON_NAME);
   switch (choose_daemon(round.daemon, round.daemons, own_network_namespace())) {
   case daemon_search::found:
     return true;
@@ -135,8 +135,8 @@ bool take_sample(status_round &round, text &problem) {
 }
 
 bool take_snapshot(status_round &round, text &problem) {
-  const state_answer answer = ask_for_state(round.state, round.daemon.pid);
-  if (!say_answer(problem, answer, errno, round.daemon.pid)) {
+  round.answer = ask_for_state(round.state, round.daemon.pid);
+  if (!say_answer(problem, round.answer, errno, round.daemon.pid)) {
     return false;
   }
   const std::size_t older = round.newest;
