@@ -110,8 +110,8 @@ bool read_process(process_facts &facts, pid_t pid) {
   return is_read;
 }
 
-void list_daemons(rows_of<process_facts> &daemons) {
-  clear_rows(daemons);
+void list_processes(rows_of<process_facts> &processes, const char *name) {
+  clear_rows(processes);
   DIR *folder = opendir("/proc");
   if (folder == nullptr) {
     return;
@@ -119,8 +119,8 @@ void list_daemons(rows_of<process_facts> &daemons) {
   for (const dirent *entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
     const int pid = std::atoi(entry->d_name);
     process_facts facts;
-    if (pid > 0 && read_process(facts, pid) && std::strcmp(facts.name.data(), DAEMON_NAME) == 0) {
-      add_row(daemons, facts);
+    if (pid > 0 && read_process(facts, pid) && std::strcmp(facts.name.data(), name) == 0) {
+      add_row(processes, facts);
     }
   }
   closedir(folder);

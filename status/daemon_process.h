@@ -9,6 +9,7 @@
 
 inline constexpr char DAEMON_NAME[] = "tarnwick";
 inline constexpr char SUPERVISOR_NAME[] = "tarnwick-run";
+inline constexpr char COMPANION_NAME[] = "tarnwick-assist"; // 15 characters, as many as the kernel keeps
 
 // What /proc tells of one process.
 struct process_facts {
@@ -32,8 +33,8 @@ bool parse_process_stat(process_facts &facts, const char *stat);
 // Whether /proc/PID/status says that the process handles SIGUSR1.
 bool parse_catches_dump_signal(const char *status);
 
-// All processes of the daemon's name.
-void list_daemons(rows_of<process_facts> &daemons);
+// All processes of a name.
+void list_processes(rows_of<process_facts> &processes, const char *name);
 
 // Picks the daemon among processes of its name: children of another one are shell commands about to start, and of
 // several those of this network namespace count, and if there are none, those in private networks of supervisors that

@@ -1,3 +1,4 @@
+#include "status/check.h"
 #include "status/json_report.h"
 #include "status/lines.h"
 #include "status/options.h"
@@ -30,7 +31,7 @@ void say_problem(const text &problem) { std::fprintf(stderr, "tarnwick-status: %
 
 // The page of the newest snapshot, for a person or as JSON.
 void add_snapshot(text &output, const status_options &options, const snapshot &snapshot) {
-  if (options.mode == status_mode::json) {
+  if (options.is_json) {
     add_json(output, snapshot);
     return;
   }
@@ -74,6 +75,44 @@ void build_watched_page(page &page, status_round &round, const status_options &o
     }
   }
   free_rows(problem);
+}
+
+bool write_check(const check_list &list, bool is_json) {
+  text output;
+  if (is_json) {
+    add_check_json(output, list);
+  } else {
+    page page;
+    add_check_page(page, list);
+    add_page(output, measure_screen(false), page);
+    free_page(page);
+  }
+  const bool is_written = write_out(output);
+  free_rows(output);
+  return is_written;
+}
+
+// With --wait the first list is shown at once, and another one when its verdict differs.
+int check(const status_options &options) {
+  static status_round round;
+  std::array<check_list, 2> lists{};
+  std::signal(SIGINT, stop_watching);
+  std::signal(SIGTERM, stop_watching);
+  run_check(lists[0], round, options);
+  bool is_written = write_check(lists[0], options.is_json);
+  int status = check_status(lists[0]);
+  if (options.waits && is_written) {
+    do {
+      wait_seconds(DEFAULT_WATCH_SECONDS);
+      run_check(lists[1], round, options);
+    } while (IsRunning == 1 && is_same_verdict(lists[0], lists[1]));
+    is_written = IsRunning == 0 || write_check(lists[1], options.is_json);
+    status = check_status(lists[1]);
+  }
+  for (check_list &list : lists) {
+    free_checks(list);
+  }
+  return is_written ? status : status_failed;
 }
 
 int watch(const status_options &options) {
@@ -122,8 +161,9 @@ int main(int argc, char **argv) {
     return EXIT_SUCCESS;
   case status_mode::watch:
     return watch(options);
+  case status_mode::check:
+    return check(options);
   case status_mode::once:
-  case status_mode::json:
     return show_once(options);
   }
   return status_usage_error;

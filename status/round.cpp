@@ -111,7 +111,7 @@ bool find_daemon(status_round &round, text &problem, pid_t wanted) {
   if (wanted > 0) {
     return check_wanted(round.daemon, problem, wanted);
   }
-  list_daemons(round.daemons);
+  list_processes(round.daemons, DAEMON_NAME);
   switch (choose_daemon(round.daemon, round.daemons, own_network_namespace())) {
   case daemon_search::found:
     return true;

@@ -1,7 +1,6 @@
 #include "status/text.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,10 +19,14 @@ void end_without_memory() {
 void add_text(text &built, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
+  add_text_list(built, format, arguments);
+  va_end(arguments);
+}
+
+void add_text_list(text &built, const char *format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  va_end(arguments);
   if (length >= 0) {
     const auto bytes = static_cast<std::size_t>(length);
     make_room(built, built.count + bytes + 1);

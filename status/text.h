@@ -1,6 +1,7 @@
 // Text and tables that grow, on the C library alone: the program is to be as small as the daemon.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +58,7 @@ using text = rows_of<char>;
 
 // printf's format.
 void add_text(text &built, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void add_text_list(text &built, const char *format, va_list arguments);
 
 void add_bytes(text &built, const char *bytes, std::size_t count);
 
