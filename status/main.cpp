@@ -2,6 +2,7 @@
 #include "status/json_report.h"
 #include "status/lines.h"
 #include "status/options.h"
+#include "status/printable.h"
 #include "status/report.h"
 #include "status/round.h"
 #include "status/screen.h"
@@ -27,7 +28,12 @@ void wait_seconds(int seconds) {
   nanosleep(&wait, nullptr);
 }
 
-void say_problem(const text &problem) { std::fprintf(stderr, "tarnwick-status: %s\n", text_of(problem)); }
+void say_problem(const text &problem) {
+  text shown;
+  add_printable(shown, text_of(problem), measure_screen(false).is_utf8);
+  std::fprintf(stderr, "tarnwick-status: %s\n", text_of(shown));
+  free_rows(shown);
+}
 
 // The page of the newest snapshot, for a person or as JSON.
 void add_snapshot(text &output, const status_options &options, const snapshot &snapshot) {

@@ -1,5 +1,7 @@
 #include "status/page.h"
 
+#include "status/printable.h"
+
 #include <algorithm>
 #include <cstdio>
 
@@ -70,7 +72,8 @@ void free_page(page &page) {
 
 void add_line(page &page, line_style style, const char *line) {
   add_row(page.lines, page_line{style, page.bytes.count});
-  add_bytes(page.bytes, line, std::strlen(line) + 1);
+  add_printable(page.bytes, line, true);
+  add_bytes(page.bytes, "", 1);
 }
 
 const char *line_text(const page &page, const page_line &line) { return page.bytes.first + line.offset; }
@@ -79,7 +82,8 @@ void begin_row(table &table, line_style style) { add_row(table.row_styles, style
 
 void add_cell(table &table, const char *cell) {
   add_row(table.cells, table.bytes.count);
-  add_bytes(table.bytes, cell, std::strlen(cell) + 1);
+  add_printable(table.bytes, cell, true); // before the widths are measured
+  add_bytes(table.bytes, "", 1);
 }
 
 void add_number_cell(table &table, unsigned long long number) {

@@ -1,5 +1,7 @@
 #include "status/screen.h"
 
+#include "status/printable.h"
+
 #include <cerrno>
 #include <langinfo.h>
 #include <sys/ioctl.h>
@@ -33,7 +35,10 @@ void add_styled(text &output, const screen &screen, line_style style, const char
   const std::size_t bytes = screen.columns > 0 ? bytes_of_columns(line, screen.columns) : std::strlen(line);
   const bool is_styled = screen.has_colour && style != line_style::plain;
   add_text(output, "%s", is_styled ? style_on(style) : "");
-  add_bytes(output, line, bytes);
+  text shown;
+  add_bytes(shown, line, bytes);
+  add_printable(output, text_of(shown), screen.is_utf8);
+  free_rows(shown);
   add_text(output, "%s", is_styled ? style_off : "");
 }
 
