@@ -82,9 +82,15 @@ state_answer read_state(daemon_state &state, uid_t user, const timespec &asked) 
   return has_groups ? state_answer::fresh : state_answer::unreadable;
 }
 
+// Whether the file may yet come: this one is another's, or of an earlier dump that ended meanwhile.
+bool may_be_replaced(int reason) {
+  return reason == EPERM || reason == ELOOP || reason == ENXIO || reason == ESTALE || reason == ENOENT;
+}
+
 // Reads again when another dump began under the reader's hands.
 state_answer wait_and_read(daemon_state &state, int notifications, uid_t user, const timespec &asked) {
   file_progress progress{false, false};
+  int last_reason = 0;
   const std::int64_t deadline = monotonic_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;
   for (std::int64_t left = ANSWER_DEADLINE_MILLISECONDS; left > 0; left = deadline - monotonic_milliseconds()) {
     pollfd waiting{notifications, POLLIN, 0};
@@ -99,12 +105,16 @@ state_answer wait_and_read(daemon_state &state, int notifications, uid_t user, c
     const state_answer answer = read_state(state, user, asked);
     const int reason = errno;
     drain_notifications(notifications, progress);
-    if (!progress.is_changed) {
+    if (answer == state_answer::unreadable && may_be_replaced(reason)) {
+      last_reason = reason;
+      progress.is_whole = false;
+    } else if (!progress.is_changed) {
       errno = reason;
       return answer;
     }
   }
-  return state_answer::no_answer;
+  errno = last_reason;
+  return last_reason != 0 ? state_answer::unreadable : state_answer::no_answer;
 }
 
 state_answer signal_and_read(daemon_state &state, const process_facts &daemon, int notifications) {
