@@ -43,7 +43,7 @@ void add_snapshot(text &output, const status_options &options, const snapshot &s
   }
   const screen screen = measure_screen(false);
   page page;
-  add_report(page, snapshot, screen.is_utf8);
+  add_report(page, snapshot, screen.is_utf8, screen.table_columns);
   add_page(output, screen, page);
   free_page(page);
 }
@@ -73,7 +73,7 @@ void build_watched_page(page &page, status_round &round, const status_options &o
   text problem;
   clear_page(page);
   if (find_daemon(round, problem, options.daemon) && take_snapshot(round, problem)) {
-    add_report(page, round.joined, screen.is_utf8);
+    add_report(page, round.joined, screen.is_utf8, screen.table_columns);
   } else if (IsRunning == 1) {
     line_buffer line;
     for (const char *place = text_of(problem); next_line(line, place);) {

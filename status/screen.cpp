@@ -66,9 +66,10 @@ screen measure_screen(bool is_redrawn) {
   measured.has_colour = measured.is_terminal && std::getenv("NO_COLOR") == nullptr;
   measured.is_utf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
   winsize window{};
-  if (measured.is_terminal && is_redrawn && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
-    measured.rows = window.ws_row;
-    measured.columns = window.ws_col;
+  if (measured.is_terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
+    measured.rows = is_redrawn ? window.ws_row : 0;
+    measured.columns = is_redrawn ? window.ws_col : 0;
+    measured.table_columns = window.ws_col;
   }
   return measured;
 }
