@@ -1,5 +1,7 @@
 #include "assist/interface_watch.h"
 
+#include "assist/group_question.h"
+#include "assist/group_watch.h"
 #include "assist/membership.h"
 #include "assist/notification_socket.h"
 #include "assist/report.h"
@@ -13,10 +15,6 @@
 interface_watch InterfaceWatch{};
 
 namespace {
-
-std::span<watched_interface> watched_interfaces() {
-  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
-}
 
 void watch(const interface_name &name, bool is_upstream) {
   watched_interface &added = InterfaceWatch.interfaces[InterfaceWatch.count++];
@@ -32,6 +30,7 @@ void join(watched_interface &downstream) {
     downstream.refusal = 0;
     if (!was_joined) {
       say("joined ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
+      start_querier(downstream);
     }
     return;
   }
@@ -48,16 +47,34 @@ void leave(watched_interface &downstream) {
   if (downstream.is_joined) {
     say("left ff02::16 on %s, index %u", downstream.name.data(), downstream.index);
   }
+  stop_querier(downstream);
   downstream.is_joined = false;
   downstream.refusal = 0;
 }
 
-void look_for_mif(const watched_interface &upstream) {
-  const std::int32_t mc_forwarding = ask_mc_forwarding(upstream.index);
+// The daemon has ended or begins anew.
+void forget_daemon() {
+  handle_mif_released();
+  forget_ends();
+}
+
+void handle_mc_forwarding(std::int32_t mc_forwarding) {
   if (mc_forwarding > 0) {
     handle_mif_registered();
+    InterfaceWatch.is_table_due = true;
   } else if (mc_forwarding == 0) {
-    handle_mif_released();
+    InterfaceWatch.is_table_due = false;
+    handle_groups_released();
+    forget_daemon();
+  }
+}
+
+void look_for_mif(const watched_interface &upstream) { handle_mc_forwarding(ask_mc_forwarding(upstream.index)); }
+
+void read_table_if_due() {
+  if (InterfaceWatch.is_table_due) {
+    InterfaceWatch.is_table_due = false;
+    handle_groups_upstream(StaticEntry.index);
   }
 }
 
@@ -84,8 +101,10 @@ void wait_for(watched_interface &missing) {
 
 void handle_lost(watched_interface &lost) {
   if (lost.is_upstream) {
+    handle_groups_released();
     handle_upstream_gone();
   } else {
+    forget_listeners_on(place_of(lost));
     leave(lost);
   }
   lost.index = 0;
@@ -98,6 +117,8 @@ void handle_link(watched_interface &watched, const notification &told) {
     }
     if (watched.index == 0) {
       handle_found(watched, told.index);
+    } else {
+      hurry_querier(watched);
     }
   } else if (watched.index == told.index) { // renamed
     handle_lost(watched);
@@ -110,17 +131,15 @@ void handle_ipv6(watched_interface &watched, const notification &told) {
     if (!watched.is_joined) {
       join(watched);
     }
-  } else if (told.mc_forwarding > 0) {
-    handle_mif_registered();
-  } else if (told.mc_forwarding == 0) {
-    handle_mif_released();
+  } else {
+    handle_mc_forwarding(told.mc_forwarding);
   }
 }
 
 // Memberships end with the interface's IPv6 side; the MIF may stand on, but nothing is forwarded there.
 void handle_ipv6_gone(watched_interface &watched) {
   if (watched.is_upstream) {
-    handle_mif_released();
+    forget_daemon();
   } else {
     leave(watched);
   }
@@ -142,13 +161,39 @@ void handle_for(watched_interface &watched, const notification &told) {
 
 } // namespace
 
-void start_watch(const assist_options &options, int routing_socket) {
+std::span<watched_interface> watched_interfaces() {
+  return std::span{InterfaceWatch.interfaces}.first(InterfaceWatch.count);
+}
+
+watched_interface *find_downstream(std::uint32_t index) {
+  for (watched_interface &watched : watched_interfaces()) {
+    if (!watched.is_upstream && watched.index != 0 && watched.index == index) {
+      return &watched;
+    }
+  }
+  return nullptr;
+}
+
+const watched_interface *downstream_at(std::size_t place) {
+  const std::size_t at = place + 1; // behind the upstream
+  return at < InterfaceWatch.count ? &InterfaceWatch.interfaces[at] : nullptr;
+}
+
+std::size_t place_of(const watched_interface &downstream) {
+  return static_cast<std::size_t>(&downstream - &InterfaceWatch.interfaces[1]);
+}
+
+void start_watch(const assist_options &options, int routing_socket, int mld_socket) {
+  choose_remedies(options.without);
   InterfaceWatch = {};
   InterfaceWatch.routing_socket = routing_socket;
+  InterfaceWatch.mld_socket = mld_socket;
+  forget_questions();
   watch(options.upstream, true);
   for (const interface_name &name : std::span{options.downstreams}.first(options.downstream_count)) {
     watch(name, false);
   }
+  start_group_watch(routing_socket);
   StaticEntry = {};
   StaticEntry.socket = routing_socket;
   StaticEntry.upstream = options.upstream;
@@ -171,6 +216,7 @@ void look_at_everything() {
       join(watched);
     }
   }
+  read_table_if_due();
 }
 
 void handle_notification(const notification &told) {
@@ -179,7 +225,11 @@ void handle_notification(const notification &told) {
     return;
   case notification_kind::entry_there:
   case notification_kind::entry_gone:
-    handle_entry_notification(told);
+    if (is_static_entry(told)) {
+      handle_entry_notification(told);
+    } else if (notification change = told; watch_group_entry(change)) {
+      handle_group_entry(change);
+    }
     return;
   default:
     if (told.index != 0) {
@@ -187,10 +237,12 @@ void handle_notification(const notification &told) {
         handle_for(watched, told);
       }
     }
+    read_table_if_due();
   }
 }
 
 void stop_watch() {
+  stop_group_watch();
   remove_static_entry();
   for (watched_interface &watched : watched_interfaces()) {
     if (!watched.is_upstream && watched.index != 0) {

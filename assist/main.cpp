@@ -1,4 +1,5 @@
 #include "assist/interface_watch.h"
+#include "assist/mld_socket.h"
 #include "assist/notification_loop.h"
 #include "assist/notification_socket.h"
 #include "assist/options.h"
@@ -16,12 +17,14 @@ int assist(const assist_options &options) {
   const int stop_signals = open_stop_signals();
   const int routing = stop_signals < 0 ? -1 : open_routing_socket();
   const int notifications = routing < 0 ? -1 : open_notification_socket();
-  if (notifications < 0) {
+  const int mld = notifications < 0 ? -1 : open_mld_socket();
+  if (mld < 0) {
     return EXIT_FAILURE;
   }
-  start_watch(options, routing);
-  const int status = run_until_stopped(stop_signals, notifications);
+  start_watch(options, routing, mld);
+  const int status = run_until_stopped({stop_signals, notifications, mld});
   stop_watch();
+  close(mld);
   close(notifications);
   close(routing);
   close(stop_signals);

@@ -48,14 +48,9 @@ void read_netconf(netlink_bytes bytes, notification_kind kind, notification &tol
   }
 }
 
-bool is_unspecified(netlink_bytes payload) {
-  in6_addr address;
-  return read_record(payload, address) && std::memcmp(&address, &in6addr_any, sizeof(address)) == 0;
-}
-
 void read_outputs(netlink_bytes hops, notification &told) {
   for (std::uint32_t index = 0; next_hop_index(hops, index);) {
-    told.output = index;
+    told.outputs |= output_bit(index);
     ++told.output_count;
   }
 }
@@ -65,15 +60,16 @@ void read_entry(netlink_bytes bytes, notification_kind kind, notification &told)
   if (!take_record(bytes, header) || header.rtm_family != RTNL_FAMILY_IP6MR) {
     return;
   }
-  bool has_no_origin = false;
-  bool has_no_group = false;
+  told.is_static = header.rtm_protocol == RTPROT_STATIC;
+  bool has_origin = false;
+  bool has_group = false;
   for (netlink_attribute attribute; next_attribute(bytes, attribute);) {
     switch (attribute.type) {
     case RTA_SRC:
-      has_no_origin = is_unspecified(attribute.payload);
+      has_origin = read_record(attribute.payload, told.origin);
       break;
     case RTA_DST:
-      has_no_group = is_unspecified(attribute.payload);
+      has_group = read_record(attribute.payload, told.group);
       break;
     case RTA_IIF:
       read_record(attribute.payload, told.input);
@@ -85,7 +81,7 @@ void read_entry(netlink_bytes bytes, notification_kind kind, notification &told)
       break;
     }
   }
-  told.kind = has_no_origin && has_no_group ? kind : notification_kind::other;
+  told.kind = has_origin && has_group ? kind : notification_kind::other;
 }
 
 } // namespace

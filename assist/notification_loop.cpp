@@ -1,9 +1,10 @@
 #include "assist/notification_loop.h"
 
+#include "assist/deadline.h"
 #include "assist/interface_watch.h"
+#include "assist/mld_socket.h"
 #include "assist/notification_socket.h"
 #include "assist/report.h"
-#include "assist/retry.h"
 
 #include <array>
 #include <cerrno>
@@ -36,32 +37,37 @@ int open_stop_signals() {
   return opened;
 }
 
-int run_until_stopped(int stop_signals, int notifications) {
+int run_until_stopped(const loop_descriptors &waited) {
   bool has_lost_some = false;
   notification_state state = notification_state::all_read;
+  mld_state heard = mld_state::all_read;
   for (;;) {
-    std::array<pollfd, 2> watched{{{stop_signals, POLLIN, 0}, {notifications, POLLIN, 0}}};
-    const bool waits = state == notification_state::all_read;
-    if (poll(watched.data(), watched.size(), waits ? ms_until_retry() : 0) < 0 && errno != EINTR) {
+    std::array<pollfd, 3> watched{
+        {{waited.stop_signals, POLLIN, 0}, {waited.notifications, POLLIN, 0}, {waited.mld, POLLIN, 0}}};
+    const bool waits = state == notification_state::all_read && heard == mld_state::all_read;
+    if (poll(watched.data(), watched.size(), waits ? ms_until_next_deadline() : 0) < 0 && errno != EINTR) {
       say_refused(errno, "cannot wait for kernel notifications");
       return EXIT_FAILURE;
     }
     if (watched[0].revents != 0) {
-      say_which_signal(stop_signals);
+      say_which_signal(waited.stop_signals);
       return EXIT_SUCCESS;
     }
-    state = handle_notifications(notifications);
-    if (state == notification_state::failed) {
+    state = handle_notifications(waited.notifications);
+    heard = handle_mld_messages(waited.mld);
+    if (state == notification_state::failed || heard == mld_state::failed) {
       return EXIT_FAILURE;
     }
     has_lost_some = has_lost_some || state == notification_state::lost;
     // The kernel drops everything until its queue has been read to the end; looking earlier would miss that.
-    if (state == notification_state::all_read && (has_lost_some || take_due_retry())) {
-      if (has_lost_some) {
-        say("kernel notifications were lost; looking at everything again");
-      }
+    if (state != notification_state::all_read) {
+      continue;
+    }
+    if (has_lost_some) {
+      say("kernel notifications were lost; looking at everything again");
       has_lost_some = false;
       look_at_everything();
     }
+    handle_deadlines();
   }
 }

@@ -1,5 +1,6 @@
 #include "assist/notification_socket.h"
 
+#include "assist/group_watch.h"
 #include "assist/interface_watch.h"
 #include "assist/notification.h"
 #include "assist/report.h"
@@ -26,6 +27,16 @@ alignas(NLMSG_ALIGNTO) std::array<std::byte, buffer_size> notification_buffer;
 
 // An answer holds a handful of numbers. It has a buffer of its own: questions come up while a notification is handled.
 constexpr std::size_t answer_size = 1024;
+
+// The kernel fills a part of a table up to a page of its own, at most 8 KiB.
+constexpr std::size_t table_part_size = 8192;
+constexpr int most_table_parts = 4096;
+
+struct table_question {
+  nlmsghdr header;
+  rtmsg route;
+};
+static_assert(sizeof(table_question) == sizeof(nlmsghdr) + sizeof(rtmsg));
 
 struct netconf_question {
   nlmsghdr header;
@@ -96,6 +107,32 @@ std::int32_t read_answer(netlink_bytes answer, std::uint32_t index) {
   return MC_FORWARDING_NOT_TOLD;
 }
 
+bool send_table_question(int socket) {
+  table_question question{};
+  question.header.nlmsg_len = sizeof(question);
+  question.header.nlmsg_type = RTM_GETROUTE;
+  question.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  question.route.rtm_family = RTNL_FAMILY_IP6MR;
+  return send(socket, &question, sizeof(question), 0) == static_cast<ssize_t>(sizeof(question));
+}
+
+// The kernel makes the next part while it hands over the one before, so each is there already.
+bool read_table(int socket) {
+  alignas(NLMSG_ALIGNTO) std::array<std::byte, table_part_size> buffer;
+  for (int i = 0; i < most_table_parts; ++i) {
+    netlink_bytes rest;
+    if (!receive_from_kernel(socket, buffer, rest)) {
+      return errno == EAGAIN;
+    }
+    for (notification told; next_notification(rest, told);) {
+      if (told.kind == notification_kind::entry_there && !is_static_entry(told)) {
+        watch_group_entry(told);
+      }
+    }
+  }
+  return true;
+}
+
 notification_state state_after_failure(int reason) {
   switch (reason) {
   case EAGAIN:
@@ -135,6 +172,19 @@ notification_state handle_notifications(int socket) {
     }
   }
   return notification_state::more;
+}
+
+void read_group_entries() {
+  const int opened = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+  const bool is_read = opened >= 0 && send_table_question(opened) && read_table(opened);
+  const int reason = errno;
+  if (opened >= 0) {
+    close(opened);
+  }
+  if (!is_read) {
+    say_refused(reason, "cannot read the table of multicast routes");
+    want_retry();
+  }
 }
 
 std::int32_t ask_mc_forwarding(std::uint32_t index) {

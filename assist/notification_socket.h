@@ -17,6 +17,10 @@ enum class notification_state {
 // Handles what is waiting, but not for ever: a flood must not keep the signals out.
 notification_state handle_notifications(int socket);
 
+// Reads the kernel's table of IPv6 multicast routes and hands every group's entry to watch_group_entry. A retry is due
+// when the kernel could not be asked, after it has said why.
+void read_group_entries();
+
 // How many MIFs stand on the interface: 0 = none. -1 if the kernel could not be asked, after it has said why; a retry
 // is due then. -1 also when the interface has gone meanwhile, which a notification tells.
 std::int32_t ask_mc_forwarding(std::uint32_t index);

@@ -14,23 +14,37 @@ namespace {
 
 constexpr char option_letters[] = "+u:d:h";
 constexpr int version_option = 256; // beyond every letter
+constexpr int without_option = 257;
 
-constexpr std::array<option, 5> long_options{{{"upstream", required_argument, nullptr, 'u'},
+constexpr std::array<option, 6> long_options{{{"upstream", required_argument, nullptr, 'u'},
                                               {"downstream", required_argument, nullptr, 'd'},
+                                              {"without", required_argument, nullptr, without_option},
                                               {"help", no_argument, nullptr, 'h'},
                                               {"version", no_argument, nullptr, version_option},
                                               {nullptr, 0, nullptr, 0}}};
 
 constexpr char help_text[] =
-    "Usage: tarnwick-assist -u <upstream> -d <downstream>[,<downstream>...]\n"
-    "Runs beside tarnwick on a mainline Linux kernel: brings the LAN's MLDv2 reports to tarnwick and lets the kernel\n"
-    "forward its any-source streams. Stays in the foreground; ends on SIGTERM and SIGINT and takes away what it "
+    "Usage: tarnwick-assist -u <upstream> -d <downstream>[,<downstream>...] [--without=<remedy>[,<remedy>...]]\n"
+    "Runs beside tarnwick on a mainline Linux kernel: brings the LAN's MLDv2 reports to tarnwick, lets the kernel\n"
+    "forward its any-source streams, and heals what would darken viewers. Stays in the foreground; ends on SIGTERM and "
+    "SIGINT and takes away what it "
     "added.\n"
     "\n"
     "  -u, --upstream <name>        interface towards the streams' source, as given to tarnwick\n"
     "  -d, --downstream <name,...>  interfaces towards the listeners, as given to tarnwick; may be repeated\n"
+    "      --without=<remedy,...>   leave out remedies (below); may be repeated\n"
     "  -h, --help                   show this text\n"
     "      --version                show the version\n"
+    "\n"
+    "Remedies, all on unless left out:\n"
+    "  ask-after-leave   ask who still listens 0.5 s after a host's leave\n"
+    "  ask-after-end     ask again when tarnwick has ended a group\n"
+    "  general-queries   ask each LAN every 125 s, unless another querier does\n"
+    "  bridge-refresh    keep any-source streams flowing while tarnwick makes their group anew\n"
+    "  add-outputs       let a stream into a second LAN that asks for it\n"
+    "  remove-outputs    keep a stream out of a LAN that lost its group while another LAN watches\n"
+    "  clear-left-groups keep a stream out of every LAN when all have left its group\n"
+    "  shield-static     keep changes from the static entry, which any-source streams need\n"
     "\n"
     "Interfaces that are not there yet are waited for. Needs CAP_NET_ADMIN and CAP_NET_RAW.\n";
 
@@ -77,6 +91,21 @@ bool read_downstreams(std::string_view list, assist_options &options) {
       return false;
     }
     ++options.downstream_count;
+    if (comma == std::string_view::npos) {
+      return true;
+    }
+    list.remove_prefix(comma + 1);
+  }
+}
+
+bool read_without(std::string_view list, assist_options &options) {
+  for (;;) {
+    const std::size_t comma = list.find(',');
+    const std::string_view name = list.substr(0, comma);
+    if (!switch_off(name, options.without)) {
+      say("\"%.*s\" is not a remedy; --help lists them", static_cast<int>(name.size()), name.data());
+      return false;
+    }
     if (comma == std::string_view::npos) {
       return true;
     }
@@ -139,6 +168,11 @@ command read_command_line(int argc, char **argv, assist_options &options) {
       break;
     case 'd':
       if (!read_downstreams(optarg, options)) {
+        return command::refuse;
+      }
+      break;
+    case without_option:
+      if (!read_without(optarg, options)) {
         return command::refuse;
       }
       break;

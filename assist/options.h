@@ -1,5 +1,8 @@
-// Command line: "-u <upstream> -d <downstream>[,<downstream>...]", "-h", "--version".
+// Command line: "-u <upstream> -d <downstream>[,<downstream>...] [--without=<remedy>[,<remedy>...]]", "-h",
+// "--version".
 #pragma once
+
+#include "assist/remedy.h"
 
 #include <array>
 #include <cstddef>
@@ -14,6 +17,7 @@ struct assist_options {
   interface_name upstream; // empty = not given
   std::array<interface_name, MOST_DOWNSTREAMS> downstreams;
   std::size_t downstream_count;
+  remedies_off without;
 };
 
 enum class command { run, show_help, show_version, refuse };

@@ -10,6 +10,8 @@ constexpr std::int64_t retry_ms = 1000;
 constexpr std::int64_t no_retry = -1;
 constexpr std::int64_t ms_per_second = 1000;
 constexpr std::int64_t ns_per_ms = 1000000;
+constexpr std::int64_t us_per_second = 1000000;
+constexpr std::int64_t ns_per_us = 1000;
 
 std::int64_t retry_at_ms = no_retry;
 
@@ -19,6 +21,12 @@ std::int64_t monotonic_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return now.tv_sec * ms_per_second + now.tv_nsec / ns_per_ms;
+}
+
+std::int64_t processor_us() {
+  timespec used{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+  return used.tv_sec * us_per_second + used.tv_nsec / ns_per_us;
 }
 
 void want_retry() {

@@ -3,9 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 // Milliseconds of the monotonic clock.
 std::int64_t monotonic_ms();
+
+// Processor time that this process has used, in microseconds.
+std::int64_t processor_us();
+
+// As a point in time: never.
+inline constexpr std::int64_t NO_DEADLINE = std::numeric_limits<std::int64_t>::max();
 
 // Sets the timer, if none runs yet.
 void want_retry();

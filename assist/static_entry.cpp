@@ -1,43 +1,42 @@
 #include "assist/static_entry.h"
 
+#include "assist/group_entry.h"
+#include "assist/remedy.h"
 #include "assist/report.h"
 #include "assist/retry.h"
 
 #include <cerrno>
-#include <linux/mroute6.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 static_entry StaticEntry{};
 
 namespace {
 
-// More than any tarnwick needs, which drops at most 128 groups at once. Only another program that insists on an entry
-// of its own comes that far, and the two must not keep a processor busy.
-constexpr std::int32_t most_repairs = 256;
-constexpr std::int64_t repairs_window_ms = 1000;
+constexpr std::int64_t second_ms = 1000;
+constexpr std::int32_t most_said_repairs = 16; // in a second; a host can make the daemon change the entry at any rate
+constexpr int most_copies = 8;                 // more were never seen; bounds the asking
+// Processor time of this process within a second after which repairs wait for the next one. Whoever changes the entry
+// faster must not keep a processor busy through us.
+constexpr std::int64_t most_repair_us = 100'000;
 
-static_assert(MAXMIFS == MOST_DOWNSTREAMS + 1 && MAXMIFS <= NIFBITS);
-
-// Origin and group stay ::.
-mf6cctl entry_request() {
-  mf6cctl request{};
-  request.mf6cc_origin.sin6_family = AF_INET6;
-  request.mf6cc_mcastgrp.sin6_family = AF_INET6;
-  request.mf6cc_parent = static_cast<mifi_t>(StaticEntry.index);
-  if (StaticEntry.index < MAXMIFS) {
-    request.mf6cc_ifset.ifs_bits[0] |= if_mask{1} << StaticEntry.index; // 32 MIFs fill the first word
+bool put_static_entry() {
+  const mif_set outputs = output_bit(StaticEntry.index);
+  if (!is_on(remedy::shield_static_entry)) {
+    return put_newest_entry(StaticEntry.socket, In6AddrAny, In6AddrAny, StaticEntry.index, outputs);
   }
-  return request;
+  if (!put_entry(StaticEntry.socket, In6AddrAny, In6AddrAny, StaticEntry.index, outputs)) {
+    return false;
+  }
+  StaticEntry.has_shield = put_shield(StaticEntry.socket, In6AddrAny);
+  return true;
 }
 
-bool request_entry(int option) {
-  const mf6cctl request = entry_request();
-  return setsockopt(StaticEntry.socket, IPPROTO_IPV6, option, &request, sizeof(request)) == 0;
+bool delete_static_entry() {
+  return delete_newest_entry(StaticEntry.socket, In6AddrAny, In6AddrAny, StaticEntry.index);
 }
 
-void add_entry(const char *what_was_done) {
-  if (!request_entry(MRT6_ADD_MFC)) {
+void add_static_entry(const char *what_was_done) {
+  StaticEntry.has_shield = false;
+  if (!put_static_entry()) {
     const int reason = errno;
     if (StaticEntry.refusal != reason) {
       say_refused(reason, "cannot add the static entry (::, ::) for MIF %u, %s", StaticEntry.index,
@@ -50,32 +49,43 @@ void add_entry(const char *what_was_done) {
   StaticEntry.refusal = 0;
   StaticEntry.is_added = true;
   StaticEntry.awaits_own_message = true;
-  say("%s the static entry (::, ::) for MIF %u, %s", what_was_done, StaticEntry.index, StaticEntry.upstream.data());
+  if (StaticEntry.repairs_said < most_said_repairs) {
+    say("%s the static entry (::, ::) for MIF %u, %s", what_was_done, StaticEntry.index, StaticEntry.upstream.data());
+  }
 }
 
 bool is_right(const notification &told) {
   return told.kind == notification_kind::entry_there && told.input == StaticEntry.index && told.output_count == 1 &&
-         told.output == StaticEntry.index;
+         told.outputs == output_bit(StaticEntry.index);
 }
+
+bool is_shield(const notification &told) {
+  return told.kind == notification_kind::entry_there && told.input == 0 && told.output_count == 0;
+}
+
+bool is_own_message(const notification &told) { return StaticEntry.has_shield ? is_shield(told) : is_right(told); }
 
 bool may_repair_now() {
   const std::int64_t now_ms = monotonic_ms();
-  if (now_ms - StaticEntry.second_began_ms >= repairs_window_ms) {
+  if (now_ms - StaticEntry.second_began_ms >= second_ms) {
     StaticEntry.second_began_ms = now_ms;
-    StaticEntry.repairs = 0;
+    StaticEntry.used_before_us = processor_us();
+    StaticEntry.is_waiting = false;
+    StaticEntry.repairs_said = 0;
   }
-  ++StaticEntry.repairs;
-  return StaticEntry.repairs <= most_repairs;
+  return processor_us() - StaticEntry.used_before_us <= most_repair_us;
 }
 
 void repair_entry() {
   if (may_repair_now()) {
-    add_entry("repaired");
+    add_static_entry("repaired");
+    ++StaticEntry.repairs_said;
     return;
   }
-  if (StaticEntry.repairs == most_repairs + 1) {
+  if (!StaticEntry.is_waiting) {
     say("another program keeps changing the static entry (::, ::); the next repair waits");
   }
+  StaticEntry.is_waiting = true;
   want_retry();
 }
 
@@ -83,7 +93,7 @@ void repair_entry() {
 
 void handle_mif_registered() {
   StaticEntry.is_mif_registered = true;
-  add_entry("added");
+  add_static_entry("added");
 }
 
 void handle_mif_released() {
@@ -103,10 +113,11 @@ void handle_entry_notification(const notification &told) {
   if (StaticEntry.awaits_own_message) {
     // Whatever is read before the notification of our own request is older than the request, and settled by it. A
     // wrong entry may even be our own doing, if the MIF has gone meanwhile: answering it would never end.
-    StaticEntry.awaits_own_message = !is_right(told);
+    StaticEntry.awaits_own_message = !is_own_message(told);
     return;
   }
-  if (StaticEntry.is_mif_registered && !is_right(told)) {
+  const bool is_shielded = StaticEntry.has_shield && told.kind == notification_kind::entry_there;
+  if (StaticEntry.is_mif_registered && !is_shielded && !is_right(told)) {
     repair_entry();
   }
 }
@@ -116,7 +127,14 @@ void remove_static_entry() {
     return;
   }
   StaticEntry.is_added = false;
-  if (request_entry(MRT6_DEL_MFC)) {
+  const bool is_removed = delete_static_entry();
+  if (StaticEntry.has_shield) {
+    // Whatever changes the shield has taken.
+    for (int i = 0; i < most_copies && delete_static_entry(); ++i) {
+    }
+  }
+  StaticEntry.has_shield = false;
+  if (is_removed) {
     say("removed the static entry (::, ::)");
   } else {
     say_refused(errno, "cannot remove the static entry (::, ::)");

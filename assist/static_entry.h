@@ -8,15 +8,18 @@
 #include <cstdint>
 
 struct static_entry {
-  int socket;              // routing socket
-  interface_name upstream; // for the log
-  std::uint32_t index;     // upstream interface, 0 = not there
-  bool is_mif_registered;  // tarnwick has made the upstream a MIF
-  bool is_added;           // the entry is ours to take away
-  bool awaits_own_message; // our last request's own notification has not been read yet
-  std::int32_t refusal;    // errno of the last request that the kernel refused, 0 = none since
-  std::int32_t repairs;    // within the running second
+  int socket;                // routing socket
+  interface_name upstream;   // for the log
+  std::uint32_t index;       // upstream interface, 0 = not there
+  bool is_mif_registered;    // tarnwick has made the upstream a MIF
+  bool is_added;             // the entry is ours to take away
+  bool has_shield;           // a newer entry stands before it, which takes every change in its place
+  bool awaits_own_message;   // our last request's own notification has not been read yet
+  std::int32_t refusal;      // errno of the last request that the kernel refused, 0 = none since
+  bool is_waiting;           // repairs have used up the processor time of the running second
+  std::int32_t repairs_said; // within the running second
   std::int64_t second_began_ms;
+  std::int64_t used_before_us; // processor time of this process when the second began
 };
 
 extern static_entry StaticEntry;
@@ -32,7 +35,8 @@ void handle_mif_released();
 void handle_upstream_gone();
 
 // Adds the entry again when somebody has taken or changed it. tarnwick does so itself now and then: dropping a group
-// whose address ends in 64 zero bits deletes (::, ::) and makes it anew with downstream outputs.
+// whose address ends in 64 zero bits deletes (::, ::) and makes it anew with downstream outputs, and records with
+// sources for group :: overwrite it. While the shield stands a change takes that and needs no answer.
 void handle_entry_notification(const notification &told);
 
 // Takes away what was added.

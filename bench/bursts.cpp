@@ -1,9 +1,9 @@
-// How many reports of a burst survive while the proxy's one thread is busy, beside the floor:
+// How many reports of a burst survive while the proxy's one thread is busy, compared with the floor:
 //
 //     host0 === down0 [ proxy, a thread of its own ] up0 === source0
 //
-// The burst starts together with a tick that sends queries. The receive queue has its default size, and closing the
-// packet socket of a query waits for the kernel; both are true of daemon and floor alike.
+// The burst starts together with a tick that sends queries. For daemon and floor alike, the receive queue has its
+// default size, and closing the packet socket of a query waits for the kernel.
 
 #include "bench/figure.h"
 #include "bench/floor/floor_proxy.h"
@@ -46,8 +46,7 @@ struct burst_result {
   double tick_cpu_us;
 };
 
-// Makes the next tick send that many queries: the general one, and one for each group but the one that the burst is
-// about.
+// Makes the next tick send that many queries: the general one, and one for each group except the burst's own.
 void make_queries_due(unsigned count) {
   mld_interface *intr = linked_downstream();
   const unsigned group_count = std::min(count, full_tick - 1);
@@ -110,7 +109,7 @@ bool handle_report(const burst_side &side) {
   return true;
 }
 
-// Runs the tick, then serves reports until none has come for a while. Returns how many it served.
+// Runs the tick, then serves reports until none arrives for a while. Returns how many it served.
 burst_result serve(const burst_side &side, unsigned queries, std::atomic<int> &progress) {
   burst_result result{};
   progress = 1; // the burst may begin

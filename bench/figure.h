@@ -1,4 +1,4 @@
-// What a benchmark prints: one figure a line, for bench/write_report.py to judge and lay out.
+// What a benchmark prints: one figure per line, which bench/write_report.py judges and lays out.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct figure_subject {
 void print_figure(const std::string &topic, const figure_subject &subject, const std::string &unit, double value,
                   double floor, goal to_reach);
 
-// The same for a figure whose kind says all.
+// The same for a figure that needs no more than its kind as a name.
 void print_figure(const std::string &topic, const std::string &kind, const std::string &unit, double value,
                   double floor, goal to_reach);
 

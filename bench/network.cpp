@@ -37,7 +37,7 @@ bool has_link_local(const std::string &link) {
   return false;
 }
 
-// The kernel gives it once both ends of the link are up.
+// The kernel assigns it once both ends of the link are up.
 void wait_for_link_local(const std::string &link) {
   for (int tries = 0; tries < 500; ++tries) {
     if (has_link_local(link)) {

@@ -120,8 +120,8 @@ void fill_pools(const process_lab &lab, pid_t daemon) {
   send_all(lab, daemon, reports, MLD_QUERY_POOL_SIZE);
 }
 
-// Every kind of report, for known groups and for some that there is no room for. Only one group is ever left: the
-// queries of a leave make the proxy wait for the kernel, and a million of them would take hours.
+// Every kind of report, for known groups and for some that find no room. Only one group is ever left: a leave's queries
+// make the proxy wait for the kernel, and a million of them would take hours.
 void send_a_million(const process_lab &lab, pid_t daemon) {
   std::vector<frame> reports;
   for (unsigned i = 0; i < MLD_GROUP_POOL_SIZE + 16; ++i) {
@@ -191,7 +191,7 @@ void measure_first_query(const process_lab &lab, const std::string &program) {
   print_figure("start", "exec to first query", "s", median(seconds), 0, goal{judged::value, 1.1});
 }
 
-// Both at once: how expensive a wake-up is depends on what the machine does at the time.
+// Both at the same time: the cost of a wake-up depends on what else the machine does.
 void measure_idle_load(const process_lab &lab, const std::string &program, const std::string &waking_program) {
   const pid_t daemon = start_daemon(program);
   const pid_t waking = start_program({waking_program});

@@ -1,4 +1,4 @@
-// Programs that a benchmark starts, and what the kernel says of them.
+// Programs that a benchmark starts, and what the kernel says about them.
 #pragma once
 
 #include <map>

@@ -1,4 +1,4 @@
-// What a report costs the daemon, beside the floor, on the real kernel. Two networks, one process:
+// What a report costs the daemon, compared with the floor, on the real kernel. Two networks, one process:
 //
 //     host0 === down0 [ daemon's functions ] up0 === source0
 //     host1 === down1 [ floor              ] up1 === source1
@@ -215,7 +215,7 @@ goal deployed_goal(const std::string &variant, report_case which, unsigned group
   return is_judged ? goal{judged::ratio, variant == deployed_both ? 2.5 : 1.5} : no_goal;
 }
 
-// To unlink a record the daemon walks its list: with many groups and hosts that counts beside the floor.
+// To unlink a record the daemon walks its list: with many groups and hosts that adds to the floor.
 double limit_of(const std::string &variant, unsigned groups) {
   constexpr unsigned many_groups = 64;
   if (variant != "no log") {
@@ -256,7 +256,7 @@ void print_costs(report_case which, unsigned groups, const turns &all, std::map<
     if (name == "floor") {
       continue;
     }
-    // The rounds' own ratios, so that what slows the machine down slows both.
+    // A ratio for each round, so that whatever slows the machine down slows both sides.
     std::vector<double> ratios;
     for (std::size_t i = 0; i < costs.size(); ++i) {
       ratios.push_back(costs[i] / all.at("floor")[i]);

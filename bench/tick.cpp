@@ -1,4 +1,4 @@
-// Cost of one tick while nothing expires, beside a bare walk over the same records. No kernel is involved.
+// Cost of one tick while nothing expires, compared with a bare walk over the same records. No kernel is involved.
 
 #include "bench/floor/bare_walk.h"
 #include "bench/report_frame.h"

@@ -1,11 +1,11 @@
-"""What stands behind a goal that a run has missed, with the run's own figures."""
+"""Why a run has missed a goal, with the run's own figures."""
 
 
 def costs_of(figures):
     """{(kind, variant, groups): microseconds}, the floor as a variant of its own.
 
-    Two programs have measured, and a machine's speed changes from minute to minute: each cost counts as a multiple of
-    the floor beside it, the first floor gives the unit.
+    Two programs have measured, and a machine's speed changes from minute to minute. So each cost counts as a multiple
+    of the floor measured beside it, and the first floor is the unit.
     """
     costs = {}
     for figure in figures:

@@ -182,9 +182,9 @@ def in_short(figures):
 def markdown(figures, notes, folder):
     lines = ["# Performance", "",
              "Written by `bench/run`; do not edit. Every ratio compares the daemon with a floor that makes only the",
-             "kernel requests which the job needs, measured side by side in the same run. The daemon is built as "
+             "kernel requests that the job needs, measured side by side in the same run. The daemon is built like "
              "the preset",
-             "`release` does, its size and memory are the preset `router`'s.", ""] + in_short(figures) + [
+             "`release`; size and memory are those of the preset `router`.", ""] + in_short(figures) + [
              f"- Machine: {machine_text()}", f"- Date: {datetime.date.today().isoformat()}", ""]
     for topic, title in TOPICS.items():
         shown = [figure for figure in figures if figure.topic == topic and is_shown(figure)]

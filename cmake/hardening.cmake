@@ -6,7 +6,7 @@ include(CheckCXXSourceCompiles)
 target_compile_options(tarnwick_options INTERFACE -fPIE)
 target_link_options(tarnwick_options INTERFACE -pie -Wl,-z,now -Wl,-z,noexecstack)
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")
-  # It would cover 188 bytes, not the table of functions, and fill each file up to a page of 64 KiB.
+  # It would cover 188 bytes, not the table of functions, and pad each file to a page of 64 KiB.
   target_link_options(tarnwick_options INTERFACE -Wl,-z,norelro)
 else()
   target_link_options(tarnwick_options INTERFACE -Wl,-z,relro)
@@ -17,7 +17,7 @@ if(TARNWICK_HAS_CF_PROTECTION)
   target_compile_options(tarnwick_options INTERFACE -fcf-protection)
 endif()
 
-# The C library has to do its part, which shows when something protected is linked.
+# The C library has to support it, which only linking something protected shows.
 set(CMAKE_REQUIRED_FLAGS -fstack-protector-all)
 check_cxx_source_compiles("int main() { return 0; }" TARNWICK_HAS_STACK_PROTECTOR)
 unset(CMAKE_REQUIRED_FLAGS)

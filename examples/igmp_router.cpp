@@ -1,5 +1,5 @@
-// A router that runs the IGMP proxy in mode 4to4. docs/igmp.md tells what has to be true of the machine: it must be
-// big-endian, and its interfaces must be numbered so that slot and index agree.
+// A router that runs the IGMP proxy in mode 4to4. The machine must be big-endian, and its interfaces must be numbered
+// so that slot and index agree: see docs/igmp.md.
 //
 //   igmp_router -u <upstream interface> [-i <interface to ignore>]... [-t <seconds to run at most>]
 //               [-m <milliseconds that a second takes, for timers of minutes>]
@@ -62,8 +62,8 @@ bool start() {
          igmp_create_network_list() == 0 && igmp_check_upstream_interface() == 0;
 }
 
-// Without the entry (0.0.0.0, 0.0.0.0), with the upstream VIF as parent and only output, a mainline kernel forwards
-// nothing by the proxy's entries, which are for any source. Only the socket that has claimed routing may add it.
+// The proxy's entries are for any source, and a mainline kernel forwards by them only if there is an entry (0.0.0.0,
+// 0.0.0.0) with the upstream VIF as parent and only output. Only the socket that has claimed routing may add it.
 bool add_static_entry() {
   constexpr unsigned char no_output = 255;
   mfcctl request = igmp_mfc_request(InAddrAny);

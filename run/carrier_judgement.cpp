@@ -1,5 +1,7 @@
 #include "run/carrier_judgement.h"
 
+#include "run/wireless_link.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,7 +15,21 @@ bool is_of_kind(const link_facts &link, const char *kind) { return std::strcmp(l
 
 bool is_bridge(const link_facts &host) { return is_of_kind(host, "bridge"); }
 
-bool can_carry_link(const link_facts &host, const link_facts &master, reason_text &reason) {
+int ask_carrier(int host_socket, const char *name, carrier_facts &facts) {
+  facts = {};
+  const int reason = ask_link(host_socket, name, facts.link);
+  if (reason == 0) {
+    facts.is_wireless_station = is_wireless_station(facts.link.index);
+    if (facts.link.master != 0) {
+      ask_link(host_socket, facts.link.master, facts.master);
+    }
+  }
+  return reason;
+}
+
+bool can_carry_link(const carrier_facts &carrier, upstream_link_kind kind, reason_text &reason) {
+  const link_facts &host = carrier.link;
+  const link_facts &master = carrier.master;
   if (host.hardware != ARPHRD_ETHER || (host.flags & IFF_LOOPBACK) != 0) {
     std::snprintf(reason.data(), reason.size(),
                   "%s cannot carry a macvlan: it is not an Ethernet interface (PPPoE and tunnels are not); "
@@ -26,6 +42,14 @@ bool can_carry_link(const link_facts &host, const link_facts &master, reason_tex
     std::snprintf(reason.data(), reason.size(),
                   "%s cannot carry a macvlan: it is a port of %s; name %s instead, or use --network=host",
                   host.name.data(), master.name.data(), master.name.data());
+    return false;
+  }
+  if (carrier.is_wireless_station && kind == upstream_link_kind::macvlan) {
+    std::snprintf(
+        reason.data(), reason.size(),
+        "%s cannot carry a macvlan: the access point of a Wi-Fi station takes frames of one MAC address only; "
+        "use --network=host, or --upstream-link=ipvlan",
+        host.name.data());
     return false;
   }
   return true;

@@ -5,9 +5,18 @@
 
 using reason_text = std::array<char, 256>;
 
-// True if a macvlan or ipvlan link can lie on the interface as far as its properties tell; `reason` says why not.
-// `master` is what the interface is a port of; its index is 0 if that is nothing.
-bool can_carry_link(const link_facts &host, const link_facts &master, reason_text &reason);
+// What is known of an interface.
+struct carrier_facts {
+  link_facts link;
+  link_facts master;        // what it is a port of; index 0 = nothing
+  bool is_wireless_station; // of somebody's access point
+};
+
+// Asks the kernel. Returns 0, or the reason: ENODEV = not there.
+int ask_carrier(int host_socket, const char *name, carrier_facts &facts);
+
+// True if a link of that kind can lie on the interface as far as its properties tell; `reason` says why not.
+bool can_carry_link(const carrier_facts &host, upstream_link_kind kind, reason_text &reason);
 
 bool is_bridge(const link_facts &host);
 

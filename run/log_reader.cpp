@@ -16,9 +16,9 @@
 
 namespace {
 
-constexpr std::size_t read_bytes = 16384;
-constexpr int reads_at_once = 8;       // then the supervisor looks at what else has happened
-constexpr int reads_of_an_ended = 256; // more than the daemon's pipe of 1 MiB holds
+constexpr std::size_t read_bytes = 4096; // one page, so that a burst of lines costs the supervisor no more
+constexpr int reads_at_once = 32;        // then the supervisor looks at what else has happened
+constexpr int reads_of_an_ended = 512;   // more than the daemon's pipe of 1 MiB holds
 constexpr char cut_mark[] = " ... (cut)";
 // The shell's word on a switch that a mainline kernel sets by itself: harmless, and there at every start.
 constexpr std::string_view harmless_complaint = "/mc_forwarding: Permission denied";

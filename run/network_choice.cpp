@@ -40,10 +40,7 @@ bool is_upstream(const considered_host &host, const considered_interface &interf
 considered_interface look_at(int host_socket, const interface_name &name) {
   considered_interface considered{};
   considered.name = name;
-  considered.is_there = ask_link(host_socket, name.data(), considered.facts) == 0;
-  if (considered.is_there && considered.facts.master != 0) {
-    ask_link(host_socket, considered.facts.master, considered.master);
-  }
+  considered.is_there = ask_carrier(host_socket, name.data(), considered.carrier) == 0;
   return considered;
 }
 
@@ -65,6 +62,7 @@ void look_at_host(int host_socket, const run_options &options, considered_host &
   for (std::size_t i = 0; i < options.downstream_count; ++i) {
     host.interfaces[host.count++] = look_at(host_socket, options.downstreams[i]);
   }
+  host.upstream_link = options.upstream_link;
   host.is_routing_taken = is_routing_taken_now();
 }
 
@@ -102,7 +100,7 @@ void judge_kernel(reason_list &against) {
 }
 
 const char *kind_of(const considered_interface &interface) {
-  return interface.facts.kind[0] != '\0' ? interface.facts.kind.data() : "interface";
+  return interface.carrier.link.kind[0] != '\0' ? interface.carrier.link.kind.data() : "interface";
 }
 
 void print_interfaces(const considered_host &host) {
@@ -111,7 +109,7 @@ void print_interfaces(const considered_host &host) {
     const char *side = is_upstream(host, interface) ? "upstream" : "LAN";
     if (interface.is_there) {
       std::printf("%-8s  %s: %s, index %u, %s\n", side, interface.name.data(), kind_of(interface),
-                  interface.facts.index, (interface.facts.flags & IFF_UP) != 0 ? "up" : "down");
+                  interface.carrier.link.index, (interface.carrier.link.flags & IFF_UP) != 0 ? "up" : "down");
     } else {
       std::printf("%-8s  %s: not there now; tarnwick-run waits for it\n", side, interface.name.data());
     }
@@ -124,7 +122,7 @@ void print_links(const considered_host &host) {
     if (!interface.is_there) {
       continue;
     }
-    const bool is_pair = !is_upstream(host, interface) && is_bridge(interface.facts);
+    const bool is_pair = !is_upstream(host, interface) && is_bridge(interface.carrier.link);
     std::printf("  - %s: %s\n", interface.name.data(), is_pair ? "a port of the bridge" : "a link on the interface");
   }
 }
@@ -151,9 +149,9 @@ void print_advice(const reason_list &against_host, const reason_list &against_pr
 void judge_host_network(const considered_host &host, reason_list &against) {
   for (std::size_t i = 0; i < host.count; ++i) {
     const considered_interface &interface = host.interfaces[i];
-    if (interface.is_there && interface.facts.index > highest_index) {
+    if (interface.is_there && interface.carrier.link.index > highest_index) {
       add_reason(against, "%s has index %u, and multicast routing in the host's network takes indexes up to %u",
-                 interface.name.data(), interface.facts.index, highest_index);
+                 interface.name.data(), interface.carrier.link.index, highest_index);
     }
     const std::size_t length = std::strlen(interface.name.data());
     if (length > longest_daemon_name) {
@@ -170,8 +168,9 @@ void judge_private_network(const considered_host &host, reason_list &against) {
   for (std::size_t i = 0; i < host.count; ++i) {
     const considered_interface &interface = host.interfaces[i];
     reason_text reason;
-    const bool is_pair = !is_upstream(host, interface) && is_bridge(interface.facts);
-    if (interface.is_there && !is_pair && !can_carry_link(interface.facts, interface.master, reason)) {
+    const bool is_pair = !is_upstream(host, interface) && is_bridge(interface.carrier.link);
+    const upstream_link_kind kind = is_upstream(host, interface) ? host.upstream_link : upstream_link_kind::macvlan;
+    if (interface.is_there && !is_pair && !can_carry_link(interface.carrier, kind, reason)) {
       add_reason(against, "%s", reason.data());
     }
   }

@@ -8,13 +8,13 @@
 struct considered_interface {
   interface_name name;
   bool is_there;
-  link_facts facts;  // if it is there
-  link_facts master; // what it is a port of; index 0 = nothing
+  carrier_facts carrier; // if it is there
 };
 
 struct considered_host {
   std::array<considered_interface, MOST_DOWNSTREAMS + 1> interfaces;
   std::size_t count;
+  upstream_link_kind upstream_link;
   bool is_routing_taken; // a program has claimed IPv6 multicast routing in the host's network
 };
 

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr char option_letters[] = "+u:d:h";
-constexpr std::uint64_t usual_log_file_bytes = 1024 * 1024;
+constexpr std::uint64_t usual_log_file_bytes = 1024UL * 1024;
 constexpr std::uint64_t least_log_file_bytes = 4096;
 
 // Options without a letter; their numbers lie beyond every letter.
@@ -197,7 +197,7 @@ const char **text_option(int letter, run_options &options) {
   }
 }
 
-bool read_option(int letter, char *argument, run_options &options) {
+bool read_option(int letter, const char *argument, run_options &options) {
   switch (letter) {
   case 'u':
     return read_upstream(argument, options);

@@ -104,18 +104,15 @@ int make_ipvlan(const link_workshop &workshop, const link_plan &plan, const link
   return reason;
 }
 
-bool make_link_on_interface(const link_workshop &workshop, const link_plan &plan, const link_facts &host,
+bool make_link_on_interface(const link_workshop &workshop, const link_plan &plan, const carrier_facts &carrier,
                             private_link &made) {
-  link_facts master{};
   reason_text reason;
-  if (host.master != 0) {
-    ask_link(workshop.host_socket, host.master, master);
-  }
-  if (!can_carry_link(host, master, reason)) {
+  if (!can_carry_link(carrier, plan.kind, reason)) {
     say_error("%s", reason.data());
     return false;
   }
-  const bool is_ipvlan = plan.is_upstream && plan.kind == upstream_link_kind::ipvlan;
+  const link_facts &host = carrier.link;
+  const bool is_ipvlan = plan.kind == upstream_link_kind::ipvlan;
   const int refusal = is_ipvlan ? make_ipvlan(workshop, plan, host, made) : make_macvlan(workshop, plan, host, made);
   if (refusal != 0) {
     say_error("%s", reason_of_refusal(refusal, is_ipvlan ? "ipvlan" : "macvlan", host.name.data()).data());
@@ -183,15 +180,15 @@ bool make_link_into_bridge(const link_workshop &workshop, const link_plan &plan,
 } // namespace
 
 bool make_private_link(const link_workshop &workshop, const link_plan &plan, private_link &made) {
-  link_facts host;
-  const int reason = ask_link(workshop.host_socket, plan.host_name.data(), host);
+  carrier_facts host;
+  const int reason = ask_carrier(workshop.host_socket, plan.host_name.data(), host);
   if (reason != 0) {
     say_refused(reason, "cannot make a link for interface %s", plan.host_name.data());
     return false;
   }
-  made = {plan.host_name, host.index, 0, 0, {}};
-  return is_bridge(host) && !plan.is_upstream ? make_link_into_bridge(workshop, plan, host, made)
-                                              : make_link_on_interface(workshop, plan, host, made);
+  made = {plan.host_name, host.link.index, 0, 0, {}};
+  return is_bridge(host.link) && !plan.is_upstream ? make_link_into_bridge(workshop, plan, host.link, made)
+                                                   : make_link_on_interface(workshop, plan, host, made);
 }
 
 void remove_private_link(const link_workshop &workshop, const private_link &made) {

@@ -24,7 +24,7 @@ struct link_plan {
   interface_name inner_name;
   const char *purpose; // keeps the addresses of two networks on one interface apart
   bool is_upstream;
-  upstream_link_kind kind; // of the upstream link
+  upstream_link_kind kind; // of a link that lies on the interface itself
 };
 
 // Makes the link and brings it up. On failure nothing is left, and it has said why in plain words.

@@ -58,7 +58,7 @@ bool add_links(const network_wish &wish, private_network &network) {
     interface_name &name = network.downstreams[i];
     static_assert(MOST_DOWNSTREAMS <= 10, "one digit");
     name = {'d', 'o', 'w', 'n', static_cast<char>('0' + i)};
-    if (!add_link(network, {wish.downstreams[i], name, wish.upstream.data(), false, wish.upstream_link})) {
+    if (!add_link(network, {wish.downstreams[i], name, wish.upstream.data(), false, upstream_link_kind::macvlan})) {
       return false;
     }
     ++network.downstream_count;

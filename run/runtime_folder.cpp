@@ -48,13 +48,19 @@ bool take_lock(const run_options &options) {
     say_refused(errno, "cannot make %s", path.data());
     return false;
   }
-  if (flock(Lock, LOCK_EX | LOCK_NB) != 0 || !is_still(path.data(), Lock)) {
-    say_error("another tarnwick-run serves %s (it holds %s)", options.downstreams[0].data(), path.data());
-    close(Lock);
-    Lock = -1;
-    return false;
+  const bool is_locked = flock(Lock, LOCK_EX | LOCK_NB) == 0;
+  if (is_locked && is_still(path.data(), Lock)) {
+    return true;
   }
-  return true;
+  if (is_locked || errno == EWOULDBLOCK) {
+    say_error("another tarnwick-run serves %s (it holds %s)", options.downstreams[0].data(), path.data());
+  } else {
+    say_refused(errno, "cannot lock %s", path.data());
+    unlink(path.data());
+  }
+  close(Lock);
+  Lock = -1;
+  return false;
 }
 
 bool write_whole(const char *path, const char *content) {

@@ -69,8 +69,6 @@ void describe_service(status_text &text) {
   }
 }
 
-// Waiting.
-
 void say_what_is_waited_for() {
   waiting_text missing;
   describe_missing(Supervisor.served, missing);
@@ -140,8 +138,6 @@ void pause_after_failure(std::int64_t now_ms) {
   enter(supervisor_phase::waiting, now_ms);
 }
 
-// Stopping.
-
 void begin_stop(std::int64_t now_ms) {
   ask_pair_to_end(would_end_set_wrong_flags(Supervisor.served));
   enter(supervisor_phase::stopping, now_ms);
@@ -163,8 +159,6 @@ std::int64_t advance_stop(std::int64_t now_ms) {
   enter(Supervisor.is_end_wanted ? supervisor_phase::ended : supervisor_phase::waiting, now_ms);
   return now_ms;
 }
-
-// Starting.
 
 std::int64_t start_programs(std::int64_t now_ms) {
   save_given_flags();
@@ -223,8 +217,6 @@ std::int64_t advance_waiting(std::int64_t now_ms) {
   const std::int64_t start_at_ms = std::max(Supervisor.pace.not_before_ms, company_until(now_ms));
   return now_ms < start_at_ms ? start_at_ms : begin_start(now_ms);
 }
-
-// Serving.
 
 bool has_every_mif(const program_start &start) {
   const pid_t daemon = ProgramPair.daemon.pid;

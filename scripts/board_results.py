@@ -1,4 +1,4 @@
-"""What the tests on one board came to: a line for each program, logs of what failed; status 0 if everything passed.
+"""The results of the tests on one board: a line for each program, logs of what failed; status 0 if everything passed.
 
     board_results.py [--console FILE] [--report FILE] BOARD RESULTS_FOLDER EXPECTED_PROGRAMS
 
@@ -53,7 +53,7 @@ def add_failure(suites, name, message):
 
 
 def judge(board, results, expected):
-    """Prints what there is to say; returns all suites, with a failed case for whatever else went wrong."""
+    """Prints the results; returns all suites, with a failed case for whatever else went wrong."""
     def say(text):
         print(f"boards: {board}: {text}")
 
@@ -86,7 +86,7 @@ def count(suites):
 
 
 def print_console(console, results):
-    """What the board said, without the archive of its results."""
+    """What the board printed, without the archive of its results."""
     text = re.sub(r"(?ms)^board: results begin.*?(^board: results end$|\Z)", "", read_text(console))
     kernel_lines = read_text(results / "kernel.log").splitlines()[-LAST_KERNEL_LINES:]
     print("the console:", text, *kernel_lines, sep="\n")

@@ -17,7 +17,7 @@ is_installed() {
   [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# install_missing PACKAGE...: installs those Debian packages that are not there yet and says which.
+# install_missing PACKAGE...: installs those Debian packages that are missing and says which.
 install_missing() {
   local missing=() package
   command -v dpkg-query >/dev/null || die "not a Debian system; needed are the programs of: $*"
@@ -27,8 +27,13 @@ install_missing() {
   [ ${#missing[@]} -eq 0 ] && return
   echo "Installing missing Debian packages with apt-get: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
+  # One at a time: apt-get does not wait for another one that reads the lists.
+  mkdir -p /run/lock
+  exec 9>/run/lock/tarnwick-install
+  flock 9
   run_quietly apt-get -o DPkg::Lock::Timeout=300 update -qq
   run_quietly apt-get -o DPkg::Lock::Timeout=300 install -qq -y --no-install-recommends "${missing[@]}"
+  exec 9>&-
 }
 
 # run_quietly COMMAND...: shows its output only when it fails.

@@ -21,7 +21,7 @@ ${bold}tarnwick-run --network=private: the daemon in a network of its own${plain
 TEXT
 }
 
-# What a router has that has made many interfaces in its time.
+# As on a router that has made many interfaces.
 give_private_names() {
   ip -n "$router" link set wan0 down
   ip -n "$router" link set wan0 name "$private_upstream"
@@ -33,20 +33,19 @@ give_private_names() {
   ip -n "$router" link set "$private_lan" up
 }
 
-# Ends with status 1: the host's own network, which is the default, would not do.
+# Ends with status 1: the host's own network, the default, does not work here.
 explain_private() {
   in_router "$programs/tarnwick-run" --explain -u "$private_upstream" -d "$private_lan" || [ $? -eq 1 ]
 }
 
-streams_can_flow() { grep -q 'can flow to' "$lab_folder/tarnwick-run.log"; }
 
 start_private() {
   lab_start_in_router tarnwick-run.log tarnwick-run "${private_options[@]}" --runtime-folder=/tmp/run
   private_pid=$lab_pid
-  lab_wait 30 streams_can_flow
+  lab_wait 30 streams_can_flow tarnwick-run.log
 }
 
-# A command in the private network; the namespace has no name, the daemon's process leads there.
+# A command in the private network. The namespace has no name, so the daemon's process serves to enter it.
 in_private_network() {
   local daemon
   daemon=$(pgrep -P "$private_pid" -x tarnwick) || return 1
@@ -97,7 +96,7 @@ show_private() {
   expect_arrival host2 0
   step "tarnwick-status finds the daemon"
   show "$(nsenter --target "$private_pid" --mount --net /tmp/programs/tarnwick-status 2>&1 | cut -c 1-100)"
-  lab_stop "$private_watch_pid" || true # it knows no other end than the signal
+  lab_stop "$private_watch_pid" || true # only the signal ends it
   step "host1 leaves, and SIGTERM stops tarnwick-run"
   expect "host1 has left" lab_stop "$listener_pid"
   expect "exit status 0" lab_stop "$private_pid"

@@ -11,7 +11,7 @@ watch_deadline_s=60
 longest_show_s=180
 pictures=$project/build/demo-video
 
-# Packets of 1316 bytes are seven of the transport stream's 188, the usual size; 8 hops, since one hop ends at a router.
+# Packets of 1316 bytes hold seven of the transport stream's 188, as usual. 8 hops, since one hop ends at a router.
 channel_address() { echo "udp://[${channel_groups[$1]}]:$lab_port?pkt_size=1316&ttl=8"; }
 
 start_channel() {
@@ -20,7 +20,7 @@ start_channel() {
   channel_pids+=("$lab_pid")
 }
 
-# An encoder that is asked to stop ends with a status other than 0, which is not a failure here.
+# An encoder that is stopped ends with a status other than 0, which is not a failure here.
 stop_channels() {
   local pid
   for pid in "${channel_pids[@]}"; do
@@ -42,7 +42,7 @@ watch_channel() {
   frames=${frames:-0}
 }
 
-# likeness FILE CHANNEL: how much the picture is like the channel's, in hundredths (structural similarity).
+# likeness FILE CHANNEL: how similar the picture is to the channel's, in hundredths (structural similarity).
 likeness() {
   local hundredths
   hundredths=$(ffmpeg -nostdin -i "$1" -f lavfi -i "${channel_patterns[$2]}=$picture" -frames:v 1 -lavfi ssim \
@@ -50,8 +50,8 @@ likeness() {
   echo $((10#${hundredths:-0}))
 }
 
-# shows FILE CHANNEL OTHER: the picture is the one channel's and not the other's. Compared is the pattern's first frame:
-# the clock's frames are like it by 0.8 and more, and like the bars by less than 0.6.
+# shows FILE CHANNEL OTHER: the picture is the one channel's and not the other's. It is compared with the pattern's
+# first frame: the clock's frames score 0.8 and more with it, and less than 0.6 with the bars.
 shows() { [ "$(likeness "$1" "$2")" -ge 75 ] && [ "$(likeness "$1" "$3")" -lt 65 ]; }
 
 show_channel() {

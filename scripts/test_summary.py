@@ -1,4 +1,4 @@
-"""One table of what the last test run did, by kind of test; status 1 unless everything passed.
+"""One table with the results of the last test run, by kind of test; status 1 unless everything passed.
 
     test_summary.py BUILD_FOLDER
     test_summary.py --list BUILD_FOLDER

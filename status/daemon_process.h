@@ -18,7 +18,7 @@ enum class raw_socket_use : std::uint8_t {
   held
 };
 
-// What /proc tells of one process.
+// What /proc says about one process.
 struct process_facts {
   pid_t pid;
   pid_t parent;
@@ -35,7 +35,7 @@ inline constexpr uid_t NO_USER = static_cast<uid_t>(-1);
 
 enum class daemon_search { found, none, several, not_ready };
 
-// Reads what /proc tells of a process. Returns false if there is none.
+// Reads what /proc says about a process. Returns false if there is none.
 bool read_process(process_facts &facts, pid_t pid);
 
 // Parses /proc/PID/stat into name, parent and start. Returns false if it makes no sense.

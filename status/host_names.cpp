@@ -11,7 +11,7 @@
 
 namespace {
 
-// A netlink socket in the daemon's network namespace; -1 if that is the own one or may not be entered.
+// A netlink socket in the daemon's network namespace; -1 if that is this program's own, or may not be entered.
 int open_netlink_of(pid_t daemon) {
   process_facts facts;
   if (!read_process(facts, daemon) || facts.network == 0 || facts.network == own_network_namespace()) {

@@ -5,6 +5,6 @@
 
 #include <sys/types.h>
 
-// Fills in the host's names if the daemon runs in a network namespace other than the own one. Where that may not be
-// entered (it needs CAP_SYS_ADMIN) they stay empty.
+// Fills in the host's names if the daemon runs in another network namespace. Without CAP_SYS_ADMIN, which entering it
+// needs, they stay empty.
 void add_host_names(rows_of<mif_row> &mifs, pid_t daemon);

@@ -8,9 +8,12 @@
 
 namespace {
 
+// Parent of a shield: no MIF has this number, since no interface has it as its index.
+constexpr std::int32_t shield_parent = 0;
+
 constexpr int mif_numbers = 32; // MAXMIFS of linux/mroute6.h
 
-// The kernel writes all eight groups of digits. Returns false for what is not an address.
+// The kernel writes all eight groups of digits. Returns false for anything but an address.
 bool shorten_address(group_text &shortened, const char *full) {
   in6_addr address;
   return inet_pton(AF_INET6, full, &address) == 1 &&
@@ -56,7 +59,8 @@ void parse_cache_table(rows_of<cache_row> &entries, const char *table) {
     int length = 0;
     if (std::sscanf(line.data(), "%45s %45s %d %" SCNu64 " %" SCNu64 " %" SCNu64 "%n", group.data(), origin.data(),
                     &read.parent, &read.packets, &read.bytes, &read.wrong_interface, &length) == items &&
-        shorten_address(read.group, group.data()) && shorten_address(read.origin, origin.data())) {
+        read.parent != shield_parent && shorten_address(read.group, group.data()) &&
+        shorten_address(read.origin, origin.data())) {
       read.outputs = parse_outputs(line.data() + length);
       add_row(entries, read);
     }

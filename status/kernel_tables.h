@@ -35,7 +35,8 @@ struct cache_row {
   std::uint32_t outputs; // bit n: MIF n
 };
 
-// Each parses a whole table and adds its rows; the heading and lines that make no sense are passed over.
+// Each parses a whole table and adds its rows; it skips the heading, malformed lines, and the shields that
+// tarnwick-assist puts before entries.
 void parse_mif_table(rows_of<mif_row> &mifs, const char *table);
 void parse_cache_table(rows_of<cache_row> &entries, const char *table);
 
@@ -46,5 +47,5 @@ void parse_indexes(rows_of<device_row> &devices, const char *if_inet6);
 // The interface of a name; null if there is none.
 const device_row *find_device(const rows_of<device_row> &devices, const interface_text &name);
 
-// The MIF of a number; null if there is none.
+// The MIF with a number; null if there is none.
 const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number);

@@ -9,10 +9,10 @@
 #include <getopt.h>
 
 const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -c [group[,source]] | -P] [-j] [-p pid]\n"
-                            "Shows what tarnwick does now: interfaces, groups and their streams.\n"
+                            "Shows what tarnwick is doing: interfaces, groups and their streams.\n"
                             "\n"
                             "-o, --once             Show it once (the default)\n"
-                            "-w, --watch [seconds]  Show it again and again, every 2 seconds unless told otherwise\n"
+                            "-w, --watch [seconds]  Show it again and again, every 2 seconds by default\n"
                             "-c, --check [group[,source]]\n"
                             "                       Follow a stream's path and say where it stops\n"
                             "-W, --wait             With --check: again until the verdict changes\n"
@@ -33,7 +33,7 @@ constexpr option long_options[] = {
     {"pid", required_argument, nullptr, 'p'},   {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'V'},     {nullptr, 0, nullptr, 0}};
 
-// Returns -1 for what is not a whole number from 1 to `largest`.
+// Returns -1 for anything but a whole number from 1 to `largest`.
 int parse_number(const char *written, int largest) {
   constexpr int decimal = 10;
   char *end = nullptr;

@@ -21,7 +21,7 @@ struct status_options {
 inline constexpr int DEFAULT_WATCH_SECONDS = 2;
 inline constexpr int LONGEST_WATCH_SECONDS = 3600;
 
-// Returns false after it has said on standard error what is wrong.
+// Returns false after saying on standard error what is wrong.
 bool parse_status_options(status_options &options, int argc, char **argv);
 
 extern const char status_usage[];

@@ -1,4 +1,4 @@
-// Lines to be page, and tables that are table out into such lines.
+// A page: lines to be shown, and tables that are laid out into such lines.
 #pragma once
 
 #include "status/text.h"

@@ -49,7 +49,7 @@ void add_title(page &page, const snapshot &snapshot) {
   free_rows(title);
 }
 
-// In a private network the inner name alone would tell nobody which interface it is.
+// In a private network the inner name alone would not show which interface it is.
 void add_interface_name(table &table, const interface_row &row) {
   text name;
   add_text(name, "%s", row.counters.name.data());

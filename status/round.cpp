@@ -12,11 +12,12 @@ void say_none(text &problem) {
   add_text(problem, "tarnwick does not run here: start it, for example with 'systemctl start tarnwick'");
   const long age = seconds_since_written(TYPE_MESSAGES_PATH, geteuid());
   if (age >= 0) {
-    add_text(problem, "\n(%s is %s old and tells nothing about now)", TYPE_MESSAGES_PATH, duration_text(age).data());
+    add_text(problem, "\n(%s is %s old and says nothing about the present)", TYPE_MESSAGES_PATH,
+             duration_text(age).data());
   }
 }
 
-// By the names of the host, if it runs in a private network.
+// With the host's names if it runs in a private network.
 void add_interface_names(text &problem, pid_t daemon) {
   traffic_sample sample{};
   read_traffic(sample, daemon);

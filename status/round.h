@@ -1,4 +1,4 @@
-// One round: find the daemon, ask it, join, and say clearly what went wrong.
+// One round: find the daemon, ask it, join its answer with the kernel's tables, or say what went wrong.
 #pragma once
 
 #include "status/snapshot.h"

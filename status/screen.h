@@ -12,16 +12,16 @@ struct screen {
   std::size_t table_columns{}; // in which tables are to fit; 0: unlimited
 };
 
-// Looks at standard output. `is_redrawn` limits the page to the window, as it could not be scrolled back.
+// Looks at standard output. `is_redrawn` limits the page to the window, since a redrawn page cannot be scrolled back.
 screen measure_screen(bool is_redrawn);
 
-// Writes the page at the cursor; lines wider than the window are cut, lines beyond it are counted on the last one.
+// Writes the page at the cursor. Lines wider than the window are cut; the last line counts those that do not fit.
 void add_page(text &output, const screen &screen, const page &page);
 
-// Hide and show the cursor and begin in the upper left corner; what an earlier page left behind is wiped.
+// Hide and show the cursor, and begin in the upper left corner; what an earlier page left behind is erased.
 void add_redrawn_page(text &output, const screen &screen, const page &page);
 void start_redrawing(const screen &screen);
 void end_redrawing(const screen &screen);
 
-// Writes everything to standard output. Returns whether it went through.
+// Writes everything to standard output. Returns whether that succeeded.
 bool write_out(const text &content);

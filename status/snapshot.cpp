@@ -58,7 +58,7 @@ double seconds_between(const traffic_sample &before, const traffic_sample &now) 
   return static_cast<double>(now.milliseconds - before.milliseconds) / milliseconds_per_second;
 }
 
-// A counter that went back belongs to an entry that was made anew: it counts from zero.
+// A counter that went down belongs to an entry that was made anew: it counts from zero.
 double per_second(std::uint64_t before, std::uint64_t now, double seconds) {
   const std::uint64_t gained = now >= before ? now - before : now;
   return seconds > 0 ? static_cast<double>(gained) / seconds : 0.0;
@@ -89,7 +89,7 @@ bool is_made_anew(const traffic_sample &now, const mif_row *mif) {
   return device != nullptr && device->index != 0 && device->index != mif->number;
 }
 
-// The daemon lists its upstream interface last, since it links it first.
+// The daemon lists its upstream interface last.
 void join_interfaces(snapshot &joined, const daemon_state &state, const traffic_sample &now) {
   for (const interface_counters &counters : all_rows(state.interfaces)) {
     const mif_row *mif = mif_of(now, counters.name);

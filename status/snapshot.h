@@ -1,4 +1,4 @@
-// What runs at one moment: the daemon's state joined with the kernel's tables, and rates against an earlier moment.
+// The state at one moment: the daemon's joined with the kernel's tables, and rates since an earlier moment.
 #pragma once
 
 #include "status/daemon_process.h"
@@ -69,7 +69,7 @@ struct snapshot {
   rows_of<group_row> groups;     // by address, the static tree last
   rows_of<stream_total> totals;  // over all looks at this daemon, at most MOST_TOTALS
   const rows_of<mif_row> *mifs;  // of the newer sample
-  bool has_rates;                // an earlier moment was there to compare with
+  bool has_rates;                // there was an earlier moment to compare with
   double sample_seconds;         // between the two moments
   double fastest_bits_per_second;
 };
@@ -77,6 +77,6 @@ struct snapshot {
 // Reads the tables of the daemon's network namespace. Returns false when the kernel keeps none; errno says why.
 bool read_traffic(traffic_sample &sample, pid_t daemon);
 
-// Joins. `joined` points into `now`, which must outlive it. With `before` and `now` the same sample there are no rates.
+// Joins both. `joined` points into `now`, which must outlive it. If `before` and `now` are one sample, it has no rates.
 void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_state &state,
                    const traffic_sample &before, const traffic_sample &now);

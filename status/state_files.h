@@ -1,5 +1,5 @@
-// The two files in which the daemon answers SIGUSR1. Lines that make no sense are passed over: other programs may
-// have written them.
+// The two files in which the daemon answers SIGUSR1. Malformed lines are skipped: other programs may have written
+// them.
 #pragma once
 
 #include "status/text.h"

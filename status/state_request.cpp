@@ -18,7 +18,7 @@ constexpr char state_folder[] = "/tmp";
 constexpr char first_file[] = "tarnwick_join_state";
 constexpr char last_closed_file[] = "tarnwick_type_messages";
 
-// How far the files are, as the notifications tell.
+// How far the files are, according to the notifications.
 struct file_progress {
   bool is_whole;   // closed after the last change
   bool is_changed; // since this was last cleared

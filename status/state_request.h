@@ -4,7 +4,7 @@
 #include "status/daemon_process.h"
 #include "status/state_files.h"
 
-// How long the daemon may take: it answers within one of its ticks, a second apart.
+// How long the daemon may take. It answers at once, or after its next tick, at most a second later.
 inline constexpr int ANSWER_DEADLINE_MILLISECONDS = 3000;
 
 enum class state_answer {

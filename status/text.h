@@ -1,4 +1,4 @@
-// Text and tables that grow, on the C library alone: the program is to be as small as the daemon.
+// Text and tables that grow, with nothing but the C library, so that the program stays small.
 #pragma once
 
 #include <cstdarg>
@@ -16,7 +16,7 @@ template <typename record> struct rows_of {
   std::size_t room = 0;
 };
 
-// Says that memory ran out and ends the program with status 1: nothing sensible is left to show.
+// Says that memory ran out and ends the program with status 1: it has nothing sensible to show.
 [[noreturn]] void end_without_memory();
 
 template <typename record> void make_room(rows_of<record> &rows, std::size_t wanted) {
@@ -53,7 +53,7 @@ template <typename record> void free_rows(rows_of<record> &rows) {
 
 template <typename record> std::span<record> all_rows(const rows_of<record> &rows) { return {rows.first, rows.count}; }
 
-// A text under construction; always NUL-terminated once something was added.
+// A text under construction, NUL-terminated as soon as something was added.
 using text = rows_of<char>;
 
 // printf's format.

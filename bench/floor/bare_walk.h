@@ -3,5 +3,5 @@
 
 #include "mld/mld_router.h"
 
-// Counts all timers of the downstream interfaces down and returns how many records it has met.
+// Counts down all timers of the downstream interfaces and returns how many records it has visited.
 long bare_walk(const mld_router &router);

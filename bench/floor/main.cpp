@@ -1,5 +1,5 @@
-// A proxy that does nothing but the kernel's part: it joins what hosts ask for and forwards it to them, and forgets
-// nothing. Usage: bench_floor UPSTREAM DOWNSTREAM; ends on SIGTERM.
+// A proxy that makes only the kernel requests: it joins what hosts ask for, forwards it to them, and never leaves
+// anything. Usage: bench_floor UPSTREAM DOWNSTREAM; ends on SIGTERM.
 
 #include "bench/floor/floor_proxy.h"
 #include "mld/mld_record.h"

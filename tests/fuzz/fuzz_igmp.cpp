@@ -1,4 +1,4 @@
-// Whole lives of an IGMP proxy, in both of its modes (igmp_world.h tells the script).
+// Whole lives of an IGMP proxy, in both of its modes (igmp_world.h explains the script).
 #include "igmp_world.h"
 #include "mute_kernel.h"
 

@@ -1,4 +1,4 @@
-// What the daemon prints, in pieces of any size: the first byte tells which lines are passed on, the second one where
+// What the daemon prints, in pieces of any size: the first byte says which lines are passed on, the second one where
 // the output is cut.
 #include "run/log_reader.h"
 
@@ -45,7 +45,7 @@ void check_what_was_passed_on() {
 
 } // namespace
 
-// A second goes by with every look at the clock, so that no line is left out for its rate.
+// Every look at the clock takes a second, so that no line is left out for its rate.
 extern "C" int __wrap_clock_gettime(clockid_t, timespec *now) {
   static time_t seconds = 0;
   *now = {++seconds, 0};

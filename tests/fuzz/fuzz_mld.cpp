@@ -1,4 +1,4 @@
-// Whole lives of an MLD proxy: reports, queries, ticks, refusals, dumps, restarts (mld_world.h tells the script).
+// Whole lives of an MLD proxy: reports, queries, ticks, refusals, dumps, restarts (mld_world.h explains the script).
 #include "mld_world.h"
 #include "mute_kernel.h"
 

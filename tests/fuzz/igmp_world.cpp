@@ -36,7 +36,7 @@ struct surroundings {
 constexpr short is_up = IFF_UP | IFF_MULTICAST;
 constexpr std::array<mute::network_interface, 4> usual_interfaces{
     {{"x2", is_up}, {"x3", is_up}, {"x4", is_up}, {"x5", is_up}}};
-// A dial-up link upstream, and neighbours that are none of the LAN.
+// A dial-up link upstream, and interfaces that do not belong to the LAN.
 constexpr std::array<mute::network_interface, 7> mixed_interfaces{{{"x1", is_up | IFF_LOOPBACK},
                                                                    {"x2", is_up | IFF_POINTOPOINT},
                                                                    {"x3", is_up},
@@ -153,7 +153,7 @@ void check_igmp() {
   }
 }
 
-// Read with nothing refused, or its complaints would fill standard error.
+// Read while nothing is refused, or its complaints would fill standard error.
 void read_nvram(std::span<const char> contents) {
   const mute::refusal_plan planned = std::exchange(mute::Kernel.refusals, {});
   mute::Kernel.file = contents;
@@ -236,7 +236,7 @@ void run_step(script_reader &script) {
 
 void start_igmp() { start_in(all_surroundings[0]); }
 
-// A stop that follows a start half-way through discovery leaves the one record that was on no list yet.
+// A stop after a start that failed half-way through discovery leaves the one record that was not on a list yet.
 void stop_igmp() {
   const std::size_t allowed = IsRunning ? 0 : 1;
   igmp_proxy_stop();

@@ -41,7 +41,7 @@ constexpr char usual_addresses[] = "fe800000000000000000000000000002 02 40 20 80
 constexpr std::array<mute::network_interface, 4> usual_interfaces{
     {{"x2", is_up}, {"x3", is_up}, {"x4", is_up}, {"x40", is_up}}};
 
-// A dial-up link upstream; among the LAN's names some that are none of it.
+// A dial-up link upstream; some of the LAN's names do not belong to the LAN.
 constexpr char mixed_addresses[] = "20010db8000000000000000000000003 03 40 00 80 x3\n"
                                    "not a line of this table\n"
                                    "fe800000000000000000000000000002 02 40 20 80 x2\n"

@@ -54,7 +54,7 @@ FILE *note_stream(FILE *stream) {
   return stream;
 }
 
-// Streams of the fuzzer are not known: it keeps the input of a crash from within the daemon's code.
+// The fuzzer's own streams are not on record: it saves the input of a crash from within the daemon's code.
 void forget_stream(FILE *stream) {
   FILE **const end = Streams.data() + StreamCount;
   FILE **const found = std::find(Streams.data(), end, stream);
@@ -63,7 +63,7 @@ void forget_stream(FILE *stream) {
   }
 }
 
-// Nothing to read, and what is written leads to nowhere.
+// There is nothing to read, and what is written is lost.
 FILE *open_nothing(const char *mode) {
   cookie_io_functions_t functions{};
   functions.read = [](void *, char *, std::size_t) -> ssize_t { return 0; };
@@ -278,7 +278,7 @@ int __wrap_open(const char *path, int flags, ...) {
   return is_refused() ? -1 : state_file_descriptor;
 }
 
-// State files lead to nowhere but are written in full.
+// State files are written in full, and lost.
 int __wrap_fstat(int descriptor, struct stat *status) {
   if (!IsActive) {
     return __real_fstat(descriptor, status);

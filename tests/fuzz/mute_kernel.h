@@ -1,5 +1,5 @@
-// A kernel that silently takes every request, for fuzzers and soaks that make millions of them. It can be made to
-// refuse, hands out one message at a time and keeps the daemon's memory in view. Linked through the linker's --wrap.
+// A kernel that silently grants every request, for fuzzers and soaks that make millions of them. It can be made to
+// refuse, hands out one message at a time and keeps track of the daemon's memory. Linked through the linker's --wrap.
 #pragma once
 
 #include <cstddef>
@@ -42,10 +42,10 @@ struct kernel {
 
 extern kernel Kernel;
 
-// Sends standard output to /dev/null; the daemon's log is not what is looked at here.
+// Sends standard output to /dev/null; nobody reads the daemon's log here.
 void silence();
 
-// Runs daemon code against this kernel; outside of it every call goes to the system.
+// Runs daemon code against this kernel; every other call goes to the system.
 void play(const std::function<void()> &daemon_code);
 
 // Releases the blocks and streams that the daemon has lost on purpose. Returns how many blocks there were.

@@ -1,6 +1,6 @@
-// The daemon's memory on the mute kernel: blocks of an arena with guarded ends, so that starting a proxy anew, some
-// hundreds of records each time, costs a fuzzer next to nothing. Under AddressSanitizer what lies behind a block and
-// what was given back is poisoned as malloc would have it; a block that was given back is the last to be used again.
+// The daemon's memory on the mute kernel: blocks of an arena with guarded ends, so that a new proxy, with some hundreds
+// of records, costs a fuzzer next to nothing. Under AddressSanitizer the bytes behind a block and freed blocks are
+// poisoned as with malloc, and the block freed last is the last to be used again.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +14,8 @@ struct memory_use {
 
 extern memory_use MemoryUse;
 
-// Filled with a pattern, as memory of malloc is not cleared. Ends the program when there is no more room: the daemon
-// never asks for more than its pools and a frame.
+// Filled with a pattern, since malloc's memory is not cleared either. Ends the program when the arena is full: the
+// daemon never asks for more than its pools and a frame.
 void *take_block(std::size_t size);
 
 // Ends the program with a message when the daemon does not have such a block.

@@ -1,4 +1,4 @@
-// A script's bytes, one after the other; zeros behind the end.
+// A script's bytes, one after the other; zeros after the end.
 #pragma once
 
 #include "mute_kernel.h"
@@ -25,7 +25,8 @@ inline void plan_refusals(script_reader &script) {
   mute::Kernel.refusals = {grants, length, script.byte()};
 }
 
-// A start makes some 400 requests. Every other one goes well; in the rest some requests are refused from anywhere on.
+// A start makes some 400 requests. Every other start succeeds; in the rest some requests are refused, from any point
+// on.
 inline void plan_refusals_of_start(script_reader &script) {
   if (script.below(2) == 0) {
     return;

@@ -25,7 +25,7 @@ struct tally {
   std::size_t most_bytes; // in use between ticks
 };
 
-// Quiet nights and busy evenings: how likely an event is in this second, in thousandths.
+// Quiet nights and busy evenings: the probability of an event in this second, in thousandths.
 int event_chance(long second) {
   const long hour = second / 3600 % 24;
   if (hour < 6) {

@@ -50,7 +50,7 @@ def filled(text):
 
 
 def can_be_printed(quotation):
-    """Whether a text of the programs stands in a quoted line. "..." leaves out how the line begins or goes on."""
+    """Whether a quoted line contains a text of the programs. "..." leaves out the line's beginning or its end."""
     message = PREFIX.sub("", quotation)
     if any(pattern.fullmatch(message) for pattern in patterns()):
         return True

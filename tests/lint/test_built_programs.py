@@ -1,4 +1,4 @@
-"""What is in the built files: libc alone is needed, and they are hardened, on this machine and on the router's processor."""
+"""The built files need libc alone and are hardened, on this machine and on the router's processor."""
 
 import re
 import subprocess

@@ -54,6 +54,7 @@ QUOTED = [
     ("docs/architecture.md", "| | N | a block; a query went out", "MLD_LAST_MEMBER_QUERY_INTERVAL_S"),
     ("docs/architecture.md", "| | N | the last query went out |", "MLD_LAST_ANSWER_S"),
     ("docs/architecture.md", "Response Code of N milliseconds", "MLD_MAX_RESPONSE_MS"),
+    ("docs/architecture.md", "such a slot has at least N seconds left", "MLD_LASTING_ANY_SOURCE_S"),
     ("docs/log.md", "at the first tick and every N seconds", "MLD_QUERY_INTERVAL_S"),
     ("docs/log.md", "dropping membership request.` instead: N groups are in use", "MLD_GROUP_POOL_SIZE"),
     ("docs/log.md", "| `Set group timer to N` |", "MLD_LAST_MEMBER_QUERY_COUNT * MLD_LAST_MEMBER_QUERY_INTERVAL_S"),
@@ -66,7 +67,7 @@ QUOTED = [
     ("docs/reliability.md", "at the next general query, at most N seconds", "MLD_QUERY_INTERVAL_S"),
     ("docs/reliability.md", "**The Nth host record.**", "MLD_HOST_POOL_SIZE + 1"),
     ("docs/reliability.md", "**The Nst waiting query.**", "MLD_QUERY_POOL_SIZE + 1"),
-    ("docs/reliability.md", "groups run out, N seconds after the last report", "MLD_GROUP_MEMBERSHIP_INTERVAL_S"),
+    ("docs/reliability.md", "groups time out, N seconds after the last report", "MLD_GROUP_MEMBERSHIP_INTERVAL_S"),
     ("docs/mainline-kernels.md", "N groups with 10 sources each", "MLD_GROUP_POOL_SIZE"),
     ("docs/mainline-kernels.md", "128 groups with N sources each", "MLD_MAX_SOURCES"),
     ("docs/group-states.dot", r"\ngroup timer N s", "MLD_GROUP_MEMBERSHIP_INTERVAL_S"),
@@ -74,7 +75,7 @@ QUOTED = [
     ("docs/group-states.dot", "one query, N s for answers", "MLD_LAST_ANSWER_S"),
     ("docs/querier-states.dot", "general query every N s", "MLD_QUERY_INTERVAL_S"),
     ("docs/querier-states.dot", "other_querier_timer = N", "MLD_OTHER_QUERIER_INTERVAL_S"),
-    ("docs/querier-states.dot", "N once more", "MLD_OTHER_QUERIER_INTERVAL_S"),
+    ("docs/querier-states.dot", "N again", "MLD_OTHER_QUERIER_INTERVAL_S"),
     ("docs/querier-states.dot", "N ticks without one", "MLD_OTHER_QUERIER_INTERVAL_S"),
 ]
 

@@ -1,4 +1,4 @@
-"""The texts by which tarnwick-run tells the lines that matter are those that the daemon prints."""
+"""The texts by which tarnwick-run finds the lines that matter are those that the daemon prints."""
 
 import re
 

@@ -1,4 +1,4 @@
-"""Fixtures: a lab per test, removed in all cases; the daemon's log and the kernel's tables beside every failure."""
+"""Fixtures: a lab per test, always removed; every failure shows the daemon's log and the kernel's tables."""
 
 import pytest
 

@@ -1,6 +1,6 @@
-// Preloaded into tarnwick-run: the call with the number FAIL_AT_CALL, counted over those below, fails with ENOMEM. What
-// it starts gets a clean environment and is not affected. With FAIL_AT_CALL=0 the number of calls stands on standard
-// error at the end.
+// Preloaded into tarnwick-run: call number FAIL_AT_CALL, counted over the functions below, fails with ENOMEM. The
+// programs that it starts get a clean environment and are not affected. With FAIL_AT_CALL=0 it prints the number of
+// calls on standard error at the end.
 
 #include <cerrno>
 #include <cstdarg>

@@ -1,9 +1,9 @@
-"""MLD messages that no host's stack sends on request: other queriers, records out of the ordinary."""
+"""MLD messages that a host's stack does not send on request: other queriers' queries, unusual records."""
 
 import ipaddress
 
-from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2, IPv6,
-                                IPv6ExtHdrHopByHop, RouterAlert)
+from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery, ICMPv6MLQuery2, ICMPv6MLReport, ICMPv6MLReport2,
+                                IPv6, IPv6ExtHdrHopByHop, RouterAlert)
 from scapy.layers.l2 import Ether
 
 from laboratory import HOST_LINK_LOCAL
@@ -35,3 +35,13 @@ def version_1_report(sender, group):
 
 def general_query(sender):
     return mld_packet(sender, ALL_NODES, ICMPv6MLQuery2(mrd=1, QRV=2, QQIC=125))
+
+
+def group_query(sender, group, sources=()):
+    """Another querier's question about a group, or about some of its sources."""
+    return mld_packet(sender, group, ICMPv6MLQuery2(mrd=1000, mladdr=group, QRV=2, QQIC=125, sources=list(sources),
+                                                    sources_number=len(sources)))
+
+
+def version_1_general_query(sender, response_ms=1000):
+    return mld_packet(sender, ALL_NODES, ICMPv6MLQuery(mrd=response_ms))

@@ -1,4 +1,4 @@
-"""What the kernel says: multicast interfaces, forwarding cache, memberships, interface flags."""
+"""The kernel's view: multicast interfaces, forwarding cache, memberships, interface flags."""
 
 import dataclasses
 import ipaddress
@@ -8,6 +8,7 @@ import laboratory
 import namespaces
 
 ANY = "::"
+SHIELD_PARENT = "0"  # of the companion's shields; no multicast interface has this number
 
 
 @dataclasses.dataclass(frozen=True)
@@ -30,11 +31,22 @@ def multicast_interfaces(lab):
     return {int(row[0]): row[1] for row in rows}
 
 
+def cache_rows(lab):
+    return [line.split() for line in read_table(lab, "ip6_mr_cache").splitlines()[1:]]
+
+
+def shields(lab):
+    """The groups with a shield of the companion's before their entry."""
+    return {str(ipaddress.IPv6Address(row[0])) for row in cache_rows(lab) if row[2] == SHIELD_PARENT}
+
+
 def forwarding_entries(lab):
+    """Every entry except the shields, which forward nothing."""
     names = multicast_interfaces(lab)
     entries = set()
-    for line in read_table(lab, "ip6_mr_cache").splitlines()[1:]:
-        group, origin, parent, _packets, _bytes, _wrong, *outputs = line.split()
+    for group, origin, parent, _packets, _bytes, _wrong, *outputs in cache_rows(lab):
+        if parent == SHIELD_PARENT:
+            continue
         entries.add(ForwardingEntry(
             origin=str(ipaddress.IPv6Address(origin)),
             group=str(ipaddress.IPv6Address(group)),

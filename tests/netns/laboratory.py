@@ -92,7 +92,7 @@ class DeadlineMissed(AssertionError):
 
 
 def wait_for(condition, deadline_s=5.0, what=None):
-    """The first true value of `condition`, which is asked every 10 ms; DeadlineMissed when none comes in time."""
+    """The first true value of `condition`, polled every 10 ms; DeadlineMissed if it stays false too long."""
     end = time.monotonic() + deadline_s
     while True:
         value = condition()
@@ -128,7 +128,7 @@ def start_keeper(directory):
     return subprocess.Popen(
         ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "--propagation", "private",
          "sh", "-c", f"{mounts} && touch /tmp/.ready && exec sleep {LONGEST_LIFE_SECONDS}"],
-        # Not the output of the tests: whoever reads that would wait for a lab that keeps standing.
+        # Not the tests' own output: its reader would wait for as long as a kept lab stands.
         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
         preexec_fn=None if KEEP else lambda: namespaces.die_with_parent(signal.SIGKILL))
 
@@ -244,7 +244,7 @@ def remove(lab):
 
 
 def keep_standing(lab):
-    """Gives the namespaces names and says how to look around and how to take everything down."""
+    """Gives the namespaces names, and says how to look around and how to remove everything."""
     os.makedirs("/run/netns", exist_ok=True)
     names = {node: f"{node}-{lab.suffix}" for node in lab.nodes}
     for node, name in names.items():

@@ -1,4 +1,4 @@
-"""Network namespaces held by file descriptors: they vanish with this process, however it ends."""
+"""Network namespaces held by file descriptors: they end with this process, however it ends."""
 
 import contextlib
 import ctypes

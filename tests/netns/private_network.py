@@ -25,7 +25,7 @@ SNOOPING_DEADLINE_S = 60
 
 
 def give_long_names(lab):
-    """Names and indexes as on a router that has made many interfaces in its time."""
+    """Names and indexes as on a router that has made many interfaces."""
     configure(lab, "router", "link set wan0 down\n"
                              f"link set wan0 name {LONG_UPSTREAM}\n"
                              f"link set {LONG_UPSTREAM} up\n"
@@ -53,7 +53,7 @@ def explain(lab, upstream, downstream, *options):
 
 
 def links(lab):
-    """Name -> what `ip` knows of it."""
+    """Name -> what `ip` knows about it."""
     return {link["ifname"]: link for link in json.loads(run(lab, "router", "ip", "-j", "-d", "link"))}
 
 

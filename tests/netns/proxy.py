@@ -10,6 +10,7 @@ import laboratory
 
 DAEMON = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick"
 COMPANION = f"{laboratory.PROGRAMS_IN_ROUTER}/tarnwick-assist"
+FAST_CLOCK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_clock.so"
 FAST_TICK = f"{laboratory.PROGRAMS_IN_ROUTER}/libfast_tick.so"
 SIGNAL_AT_CALL = f"{laboratory.PROGRAMS_IN_ROUTER}/libsignal_at_call.so"
 SMOOTH = f"{laboratory.PROGRAMS_IN_ROUTER}/libtarnwick-smooth.so"
@@ -18,12 +19,12 @@ PRELOAD = os.environ.get("TARNWICK_PRELOAD")
 MLDV2_ROUTERS = "ff02::16"
 USUAL_OPTIONS = ("-u", "wan0", "-d", "br0")
 START_DEADLINE_S = 15
-# Another user with two capabilities, which what it starts cannot add to.
+# Another user with two capabilities; programs that it starts cannot get more.
 TWO_CAPABILITIES = (
     "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all,+net_admin,+net_raw",
     "--ambient-caps=-all,+net_admin,+net_raw", "--bounding-set=-all,+net_admin,+net_raw", "--no-new-privs")
 SHORT_LOG_BYTES = 1 << 16
-# For builds with sanitizers: stdbuf preloads a library too; what the daemon loses on purpose is listed.
+# For builds with sanitizers: stdbuf preloads a library too; a file lists what the daemon loses on purpose.
 ENVIRONMENT = {
     "TARNWICK_NVRAM": "/tmp/nvram",
     "ASAN_OPTIONS": "verify_asan_link_order=0",
@@ -66,7 +67,7 @@ def wait_until_listening(daemon):
 
 
 def start_daemon_with_short_log(lab, *options, ticks_per_second=1):
-    """For floods, whose log would fill the disk: only its last lines are kept, and seen after the daemon's end.
+    """For floods, whose log would fill the disk: keeps only its last lines, readable after the daemon's end.
 
     Returns the daemon and the program that keeps the lines.
     """
@@ -85,7 +86,7 @@ def is_sanitized(program):
 
 
 def private_kilobytes(program):
-    """Memory that the program has written to and shares with nobody."""
+    """Memory that the program has written to and does not share."""
     rollup = pathlib.Path(f"/proc/{program.pid}/smaps_rollup").read_text(encoding="ascii")
     return int(re.search(r"^Private_Dirty:\s+(\d+) kB", rollup, re.M).group(1))
 
@@ -95,7 +96,7 @@ def open_descriptors(program):
 
 
 def is_listening(program):
-    """Whether start-up is over: the tick's handler stands, and the process waits."""
+    """Whether start-up is over: the tick's handler is installed, and the process waits."""
     if laboratory.has_ended(program):
         raise AssertionError(f"{program.log.name} ended early:\n{laboratory.log_of(program)}")
     lines = pathlib.Path(f"/proc/{program.pid}/status").read_text(encoding="ascii").splitlines()
@@ -104,9 +105,14 @@ def is_listening(program):
     return bool(catches_tick) and status["State"].startswith("S")
 
 
-def start_companion(lab, downstream="br0", wait=True):
-    """The companion that a mainline kernel needs; with `wait` it returns once both of its works are done."""
-    companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream)
+def start_companion(lab, downstream="br0", wait=True, without=(), times_as_fast=1):
+    """The companion that a mainline kernel needs, some of its remedies left out.
+
+    With `wait` it returns once the memberships and the static entry stand. `times_as_fast` hurries its clock.
+    """
+    left_out = ["--without=" + ",".join(without)] if without else []
+    companion = laboratory.start(lab, "router", COMPANION, "-u", "wan0", "-d", downstream, *left_out,
+                                 environment=hurried(times_as_fast))
     if not wait:
         return companion
 
@@ -118,6 +124,13 @@ def start_companion(lab, downstream="br0", wait=True):
     return companion
 
 
+def hurried(times_as_fast):
+    """For builds with sanitizers: the library is preloaded before theirs."""
+    if times_as_fast == 1:
+        return {}
+    return ENVIRONMENT | {"LD_PRELOAD": FAST_CLOCK, "FAST_CLOCK": str(times_as_fast)}
+
+
 def start_proxy(lab, downstream="br0", **options):
     """Daemon and companion, ready for reports of hosts."""
     daemon = start_daemon(lab, "-u", "wan0", "-d", downstream, **options)
@@ -126,7 +139,7 @@ def start_proxy(lab, downstream="br0", **options):
 
 
 def start_snooping(lab, *before):
-    """A process of the name `igmp_snooping` in the router; returns the file with the signals that it got."""
+    """A process named `igmp_snooping` in the router; returns the file with the signals that it got."""
     # Through a link in the router's own /tmp: the build's folder does not hold the stand-in.
     stand_in = lab.router_tmp / "igmp_snooping"
     stand_in.write_bytes((laboratory.TOOLS / "igmp_snooping").read_bytes())

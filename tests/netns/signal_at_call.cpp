@@ -1,6 +1,6 @@
-// Preloaded into the daemon under test: it gets SIGTERM in the middle of its start-up, right after the call with the
-// number SIGNAL_AT_CALL, counted over everything that it asks the kernel for. How many calls start-up makes stands on
-// standard error afterwards. The daemon itself knows nothing of it.
+// Preloaded into the daemon under test: it gets SIGTERM in the middle of its start-up, right after call number
+// SIGNAL_AT_CALL, counted over all its requests to the kernel. Afterwards the number of start-up's calls is printed on
+// standard error. The daemon itself knows nothing of it.
 
 #include <csignal>
 #include <cstdarg>

@@ -25,7 +25,7 @@ def start(lab, *options, downstream="br0", wait=True, before=(), environment=Non
 
 
 def wait_until_ready(program, times=1, deadline_s=READY_DEADLINE_S):
-    """Until it has said so often that streams can flow."""
+    """Until it has said that many times that streams can flow."""
     def is_ready():
         if laboratory.has_ended(program):
             raise AssertionError(f"tarnwick-run ended early:\n{laboratory.log_of(program)}")
@@ -69,7 +69,7 @@ def signal_child(program, name, signal_number):
 def leftovers(lab):
     """What a supervisor could leave in the router: files, processes, flags, MIFs."""
     rows = laboratory.run(lab, "router", "sh", "-c", "cat /proc/[0-9]*/stat", check=False)
-    names = re.findall(r"^\d+ \((.*)\) [^Z]", rows, re.M)  # the lab's first process buries no dead
+    names = re.findall(r"^\d+ \((.*)\) [^Z]", rows, re.M)  # the lab's first process does not reap children
     flags = {name: kernel_view.interface_flags(lab, name) for name in ("wan0", "br0")
              if laboratory.run(lab, "router", "ip", "link", "show", "dev", name, check=False)}
     return {

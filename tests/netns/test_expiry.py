@@ -49,7 +49,7 @@ def test_expiry_writes_the_leave_record_and_signals_the_snooping_program(lab):
 
 
 def test_leave_record_of_a_long_address_has_none(lab):
-    """The record has room for 15 characters."""
+    """Only texts of at most 15 characters are written; kept for compatibility."""
     notes = start_snooping(lab)
     start_proxy(lab, ticks_per_second=PER_SECOND)
     listen(lab, "host1", LONG_GROUP)

@@ -56,7 +56,7 @@ def wait_for_end_of_flood(flood, daemon, check=lambda: None):
 
 
 class MemoryWatch:
-    """Sees to it that a program's memory does not grow from the moment of its making."""
+    """Checks that a program's memory has not grown since this was made."""
 
     def __init__(self, watched):
         self.watched = watched
@@ -79,7 +79,7 @@ def lab_with_a_lan_without_bridge(make_lab):
 
 
 def start_router(lab, ticks_per_second=1):
-    """The proxy with a listener that was there before anything bad happened; daemon, keeper of its log, listener."""
+    """The proxy with a listener from before the attack; daemon, keeper of its log, listener."""
     lans = "br0,lan1"
     daemon, keeper = start_daemon_with_short_log(lab, "-u", "wan0", "-d", lans, ticks_per_second=ticks_per_second)
     start_companion(lab, lans)
@@ -99,7 +99,7 @@ def messages_heard(lab, daemon):
 
 
 def assert_stream_flows(lab, group, listener):
-    """A stream reaches its listener, but for one or two datagrams that a report of the host may cost.
+    """A stream reaches its listener, except for one or two datagrams that a report of the host may cost.
 
     Not always at once: records that exclude sources of "group ::" make the daemon replace the companion's entry, and
     after many repairs the companion waits before the next one.

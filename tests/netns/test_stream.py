@@ -1,4 +1,4 @@
-"""A LAN host's report makes the stream flow, its leave makes it stop, and nobody else is bothered."""
+"""A LAN host's report makes the stream flow, its leave makes it stop, and no other host is affected."""
 
 import kernel_view
 from kernel_view import ANY
@@ -88,7 +88,7 @@ def test_mld_version_1_host_gets_the_stream(lab):
 
 
 def test_mld_version_1_done_is_ignored(lab):
-    """Version 1 leavers are noticed by the group's timer alone."""
+    """Only the group's timer notices that a version 1 host has left."""
     use_mld_version_1(lab, "host1")
     daemon = start_proxy(lab)
     listener = listen(lab, "host1", GROUP)
@@ -96,7 +96,7 @@ def test_mld_version_1_done_is_ignored(lab):
     at_host = capture(lab, "host1", "eth0")
     stop(listener)
     wait_for(lambda: mld_messages(at_host, MLD_V1_DONE), what="done message on the wire")
-    # The next report shows that the daemon has passed the point where the done message would have been read.
+    # The next report shows that the daemon is past the point where it would have read the done message.
     other = listen(lab, "host1", OTHER_GROUP)
     wait_for(lambda: is_joined_upstream(lab, OTHER_GROUP))
     assert is_joined_upstream(lab, GROUP)
@@ -198,7 +198,7 @@ def test_second_listener_keeps_the_stream_when_the_first_leaves(lab):
     wait_for(lambda: answer in records(at_host2, HOST_LINK_LOCAL["host2"]), what="answer of the second host")
     before = received(second)
     sent = send_stream(lab, GROUP)
-    # The leave is said twice; each answer that comes during the stream may cost it a datagram.
+    # The leave is sent twice; each answer that arrives during the stream may cost it a datagram.
     wait_for(lambda: received(second) >= before + sent - 2)
     assert is_joined_upstream(lab, GROUP)
 

@@ -1,4 +1,4 @@
-"""What the router says on the WAN: joins and leaves on behalf of the hosts, and nothing else."""
+"""What the router sends on the WAN: joins and leaves on behalf of the hosts, and nothing else."""
 
 import kernel_view
 from frames import general_query, report, version_1_report

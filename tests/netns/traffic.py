@@ -20,7 +20,7 @@ ETH_P_ALL = 0x0003
 SO_RCVBUFFORCE = 33
 SO_TIMESTAMPNS = 35
 CAPTURE_BYTES = 1 << 22
-STATE_CHANGE_REPORTS = 2  # a host says every change twice (robustness variable, RFC 3810 section 9.1)
+STATE_CHANGE_REPORTS = 2  # a host reports every change twice (robustness variable, RFC 3810 section 9.1)
 ICMPV6 = 58
 IPV6_ETHERTYPE = b"\x86\xdd"
 NEXT_HEADER_OFFSET = 14 + 6
@@ -83,6 +83,7 @@ class Capture:
     socket: socket.socket
     mld: list = dataclasses.field(default_factory=list)
     datagrams: collections.Counter = dataclasses.field(default_factory=collections.Counter)  # group -> number
+    first_datagram: dict = dataclasses.field(default_factory=dict)  # group -> time
 
 
 @dataclasses.dataclass(frozen=True)
@@ -117,7 +118,9 @@ def drain(captured):
         seconds, nanoseconds = struct.unpack("qq", control[0][2][:16])
         next_header = frame[NEXT_HEADER_OFFSET] if frame[12:14] == IPV6_ETHERTYPE else None
         if next_header == socket.IPPROTO_UDP:
-            captured.datagrams[socket.inet_ntop(socket.AF_INET6, frame[DESTINATION])] += 1
+            group = socket.inet_ntop(socket.AF_INET6, frame[DESTINATION])
+            captured.datagrams[group] += 1
+            captured.first_datagram.setdefault(group, seconds + nanoseconds / 1e9)
         elif next_header == socket.IPPROTO_HOPOPTS:  # every MLD message carries the router alert option
             mld = to_mld(seconds + nanoseconds / 1e9, frame)
             captured.mld += [mld] if mld else []
@@ -159,7 +162,7 @@ def to_mld(time, frame):
 
 
 def every_record(report):
-    """scapy hangs each record under the one before it."""
+    """scapy nests each record in the one before it."""
     for record in report.records:
         while isinstance(record, ICMPv6MLDMultAddrRec):
             yield record

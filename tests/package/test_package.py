@@ -33,6 +33,7 @@ HELD = {
     "./usr/share/zsh/vendor-completions/_tarnwick",
     "./usr/share/doc/tarnwick/CHANGELOG.md",
     "./usr/share/doc/tarnwick/copyright",
+    "./usr/share/doc/tarnwick/examples/tarnwick.nft",
     "./usr/share/man/man5/tarnwick-nvram.5",
     "./usr/share/man/man8/tarnwick-assist.8",
     "./usr/share/man/man8/tarnwick-run.8",

@@ -15,7 +15,7 @@ struct request_errors {
   std::vector<int> errors;
 };
 
-// What Linux answers to these calls when it refuses.
+// The errors with which Linux refuses these calls.
 const std::vector<request_errors> &possible_errors() {
   static const std::vector<request_errors> table{
       {"socket(", {EPERM, EMFILE, ENFILE, ENOBUFS, ENOMEM, EAFNOSUPPORT}},

@@ -1,4 +1,4 @@
-// Every request of a scenario fails once: alone, and with all that come after it.
+// Every request of a scenario fails once alone, and once together with all that follow.
 #pragma once
 
 #include <functional>

@@ -35,7 +35,7 @@ bool meet(const void *record) {
   if (++Book.met > too_many) {
     return false; // an endless list
   }
-  // Records stand at regular distances: the product's upper bits tell them apart.
+  // Records lie at regular distances; the product's upper bits differ between them.
   constexpr std::uint64_t golden_ratio = 0x9e3779b97f4a7c15;
   constexpr int upper_bits_at = 52; // leaves 12 bits, as many as there are slots
   static_assert(meeting_book::slots == std::uint64_t{1} << (64 - upper_bits_at));
@@ -69,7 +69,7 @@ bool add_list(const list &of, int &total) {
   return count >= 0;
 }
 
-// Every record of the list has its place. Counts them in `placed`.
+// Checks that every record of the list has its place in the index, and counts them in `placed`.
 template <typename record>
 std::string check_places(const list_index &index, const indexed_list &of, std::uint32_t (*key_of)(const record *),
                          int &placed) {

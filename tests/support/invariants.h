@@ -1,4 +1,4 @@
-// What must hold of the proxy's records whatever happened, shared by unit tests, sweeps, soaks and fuzzers.
+// What must hold for the proxy's records at any time, shared by unit tests, sweeps, soaks and fuzzers.
 #pragma once
 
 #include <string>
@@ -11,9 +11,9 @@ struct record_count {
   int queries; // in pool and lists
 };
 
-// Checks every list of the MLD side: none endless, no record on two lists, no group in state 0 on an interface, no more
-// source slots than there are, timers within their bounds. Returns a complaint, or an empty text if all is well, and
-// how many records there are.
+// Checks every list of the MLD side: no endless list, no record on two lists, no group in state 0 on an interface, no
+// more source slots than there are, timers within their bounds. Returns a complaint, or an empty text if all is well,
+// and how many records there are.
 std::string check_mld_records(record_count &count);
 
 // The same for the IGMP side; `hosts` stays 0.

@@ -13,7 +13,7 @@ namespace scripted {
 // The interface of that name; null if the script has none.
 const interface *find_interface(const std::string &name);
 
-// Each returns what the call of the kernel would, with errno.
+// Each returns what the system call would, and sets errno.
 int answer_ioctl(unsigned long number, void *argument);
 int answer_select(fd_set *readable);
 ssize_t deliver_message(msghdr *header);

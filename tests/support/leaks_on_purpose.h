@@ -9,8 +9,8 @@ __attribute__((weak)) void __lsan_enable();
 
 namespace scripted {
 
-// While it lives, the leak checker passes over what the daemon allocates: for records that the daemon gives up on
-// purpose. Its own memory report still counts them.
+// While it lives, the leak checker ignores what the daemon allocates: for records that the daemon gives up on purpose.
+// The daemon's own memory report still counts them.
 struct leaks_on_purpose {
   leaks_on_purpose() {
     if (__lsan_disable != nullptr) {

@@ -1,4 +1,4 @@
-// The fixture under all others: a fresh daemon for each test, and the words in which tests are written.
+// The base of all fixtures: a fresh daemon for each test, and the functions that tests are written in.
 #pragma once
 
 #include "core/list.h"
@@ -29,21 +29,21 @@ struct proxy_fixture : testing::Test {
   // Runs daemon code under the script, then checks the invariants.
   void when(const std::function<void()> &daemon_code);
 
-  // What must hold whatever happened: no group in state 0 on an interface, no record on two lists, no more slots than
+  // What must hold at any time: no group in state 0 on an interface, no record on two lists, no more slots than
   // there are. Fixtures that know the size of their pools add to it. Returns complaints, empty if all is well.
   virtual lines broken_invariants();
 
   // The whole transcript since the last assertion, requests and log lines in order.
   void then(const lines &expected);
 
-  // Requests alone, in order; log lines are passed over.
+  // Only the requests, in order; log lines are skipped.
   void then_requests(const lines &expected);
 
-  // These lines stand in the transcript in this order, with anything between them. Ends the assertion of requests, too:
+  // The transcript has these lines in this order, with anything between them. Ends the assertion of requests, too:
   // use it where `then` would bury what matters.
   void then_in_order(const lines &expected);
 
-  // Log lines alone, in order.
+  // Only the log lines, in order.
   void then_log(const lines &expected);
 
   // For set-up steps whose requests another test asserts.

@@ -74,7 +74,7 @@ std::string ipv4_text(const void *address) {
   return text;
 }
 
-// What a record must look like if all that matters is in its named fields; anything else is shown raw.
+// The expected bytes of a record whose named fields say everything; any other record is shown raw as well.
 template <typename record> std::string raw_unless_equal(const record &sent, const record &expected) {
   return std::memcmp(&sent, &expected, sizeof(record)) == 0 ? "" : " raw=" + hex_text(&sent, sizeof(record));
 }

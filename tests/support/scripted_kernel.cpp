@@ -191,7 +191,7 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
   return request(std::string("fopen(") + path + ", " + mode + ")") ? nullptr : open_if_inet6();
 }
 
-// Only a table of the kernel shows in the transcript: the files that the daemon writes are the tests' own.
+// Only the kernel's tables are in the transcript: the files that the daemon writes are the tests' own.
 int __wrap_fclose(FILE *stream) {
   if (!IsActive) {
     return __real_fclose(stream);

@@ -63,7 +63,7 @@ struct failure {
 };
 
 struct kernel {
-  // What the test gives.
+  // Set by the test.
   std::vector<interface> interfaces;
   std::optional<std::string> if_inet6; // contents of the table; none: made from `interfaces`
   std::vector<failure> failures;
@@ -100,7 +100,7 @@ struct kernel {
 
 extern kernel Kernel;
 
-// Forgets everything and makes a fresh directory for files.
+// Resets everything and makes a fresh directory for files.
 void reset();
 
 // Runs daemon code under the script. Returns early when the daemon calls exit, or when it would wait for ever.
@@ -118,7 +118,7 @@ std::optional<std::string> file_contents(const std::string &path);
 // Path in the test's directory that stands for a path under /tmp.
 std::string redirected(const std::string &path);
 
-// Takes the transcript away, for one assertion.
+// Takes the transcript out, for one assertion.
 std::vector<std::string> take_transcript();
 
 // Whether a line of the transcript is a request (neither a log line nor other output).

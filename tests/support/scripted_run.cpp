@@ -61,8 +61,7 @@ bool starts_with(const std::string &text, const std::string &start) {
   return text.compare(0, start.size(), start) == 0;
 }
 
-// In memory where there is such a place and nothing else is asked for: sweeps ask for a fresh directory thousands of
-// times.
+// In memory if possible, unless the environment names a place: sweeps need a fresh directory thousands of times.
 std::string make_directory() {
   const std::filesystem::path memory = "/dev/shm";
   std::error_code missing;

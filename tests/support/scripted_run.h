@@ -1,4 +1,4 @@
-// One run of the daemon's code: what it says and asks for goes into the transcript, and the script decides what fails.
+// One run of the daemon's code: its log lines and requests go into the transcript, and the script decides what fails.
 // For the wrappers and the answers; a test needs scripted_kernel.h alone.
 #pragma once
 

@@ -66,7 +66,7 @@ inline ip_mreqn to_ipv4_membership(const socket_address &group, unsigned interfa
   return {address.sin_addr, {}, static_cast<int>(interface)};
 }
 
-// The address alone, as people write it.
+// The address alone, in its usual text form.
 inline const char *to_text(const socket_address &address, char (&text)[INET6_ADDRSTRLEN]) {
   if (address.storage.ss_family == AF_INET6) {
     const ipv6_mreq v6 = to_ipv6_membership(address, 0);

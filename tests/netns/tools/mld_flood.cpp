@@ -4,8 +4,8 @@
 //
 //   groups     good reports for 10,000 groups from 1,000 addresses
 //   malformed  reports and queries cut short, with wrong counts, types, lengths and random bytes
-//   records    reports that claim 65,535 records
-//   sources    records that claim 65,535 sources
+//   records    reports that announce 65,535 records
+//   sources    records that announce 65,535 sources
 //   queriers   queries from addresses lower than any router's
 //   churn      one host that joins and leaves one group
 //
@@ -256,12 +256,23 @@ flood parse(int argc, char **argv) {
   flood wanted;
   for (int letter = getopt(argc, argv, "i:k:n:r:x:"); letter != -1; letter = getopt(argc, argv, "i:k:n:r:x:")) {
     switch (letter) {
-    case 'i': wanted.interface = optarg; break;
-    case 'k': wanted.kind = optarg; break;
-    case 'n': wanted.count = std::atol(optarg); break;
-    case 'r': wanted.per_second = std::atol(optarg); break;
-    case 'x': wanted.seed = std::strtoull(optarg, nullptr, 10); break;
-    default: std::exit(2);
+    case 'i':
+      wanted.interface = optarg;
+      break;
+    case 'k':
+      wanted.kind = optarg;
+      break;
+    case 'n':
+      wanted.count = std::atol(optarg);
+      break;
+    case 'r':
+      wanted.per_second = std::atol(optarg);
+      break;
+    case 'x':
+      wanted.seed = std::strtoull(optarg, nullptr, 10);
+      break;
+    default:
+      std::exit(2);
     }
   }
   if (wanted.interface == nullptr || wanted.kind.empty() || wanted.count < 1 || wanted.seed == 0) {

@@ -123,7 +123,7 @@ TEST_F(interface_watch_of, notifications_without_an_index_concern_no_missing_int
   tell(netconf_message(0, 1));
 }
 
-TEST_F(interface_watch_of, refused_join_is_told_once_and_tried_at_the_next_news_of_the_interface) {
+TEST_F(interface_watch_of, refused_join_is_reported_once_and_tried_at_the_next_event_of_the_interface) {
   given_interfaces(0);
   Kernel.refusals["IPV6_ADD_MEMBERSHIP"] = {EINVAL, 0, EINVAL, ENODEV};
   start();
@@ -158,7 +158,7 @@ TEST_F(interface_watch_of, join_refused_for_want_of_memory_is_tried_again_after_
   EXPECT_EQ(said(), lines{"joined ff02::16 on br0, index 4"});
 }
 
-TEST_F(interface_watch_of, question_that_cannot_be_asked_is_told_and_tried_again) {
+TEST_F(interface_watch_of, question_that_cannot_be_asked_is_reported_and_tried_again) {
   given_interfaces(1);
   Kernel.refusals["socket AF_NETLINK"] = {EMFILE};
   start();

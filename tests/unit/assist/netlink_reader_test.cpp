@@ -65,9 +65,11 @@ TEST(netlink_reader, last_attribute_may_lack_its_padding) {
   EXPECT_EQ(attribute_types(bytes), (std::vector<int>{1, 2}));
 }
 
-TEST(netlink_reader, half_a_header_is_no_attribute) { EXPECT_EQ(attribute_types(byte_vector(3)), std::vector<int>{}); }
+TEST(netlink_reader, half_a_header_is_not_an_attribute) {
+  EXPECT_EQ(attribute_types(byte_vector(3)), std::vector<int>{});
+}
 
-TEST(netlink_reader, flags_are_no_part_of_an_attribute_type) {
+TEST(netlink_reader, flags_are_not_part_of_an_attribute_type) {
   EXPECT_EQ(attribute_types(attribute(9 | NLA_F_NESTED | NLA_F_NET_BYTEORDER, {})), std::vector<int>{9});
 }
 

@@ -37,7 +37,7 @@ protected:
     EXPECT_EQ(write(stop[1], &received, sizeof(received)), static_cast<ssize_t>(sizeof(received)));
   }
 
-  int run() const { return run_until_stopped(stop[0], notifications[0]); }
+  int run() const { return run_until_stopped({stop[0], notifications[0], -1}); }
 };
 
 } // namespace
@@ -56,30 +56,47 @@ TEST_F(notification_loop, stop_signal_is_heard_during_a_flood) {
   said();
 }
 
+TEST_F(notification_loop, stop_signal_is_heard_during_a_flood_of_mld_messages) {
+  Kernel.mld.assign(1000, {});
+  Kernel.mld[10].then = [this] { send_stop(); };
+  EXPECT_EQ(run(), EXIT_SUCCESS);
+  EXPECT_GT(Kernel.mld.size(), 900U);
+  said();
+}
+
+TEST_F(notification_loop, useless_mld_socket_ends_with_failure) {
+  Kernel.mld.resize(1);
+  Kernel.mld[0].reason = EBADF;
+  EXPECT_EQ(run(), EXIT_FAILURE);
+  EXPECT_EQ(said(), lines{"cannot read MLD messages: Bad file descriptor"});
+}
+
 TEST_F(notification_loop, useless_notification_socket_ends_with_failure) {
   Kernel.datagrams = {{{}, EBADF, 0, {}}};
   EXPECT_EQ(run(), EXIT_FAILURE);
   EXPECT_EQ(said(), lines{"cannot read kernel notifications: Bad file descriptor"});
 }
 
-// The kernel goes on dropping until its queue is empty, so a look before that would miss something.
+// The kernel drops notifications until its queue is empty, so a look before that could miss something.
 TEST_F(notification_loop, lost_notifications_lead_to_one_look_after_the_queue_is_empty) {
-  given_working_companion();
+  given_quiet_companion();
   Kernel.datagrams = {
       {{}, ENOBUFS, 0, {}}, {link_message(RTM_NEWLINK, 4, "br0")}, {link_message(RTM_NEWLINK, 5, "lan1"), 0, 0, [this] {
                                                                       EXPECT_EQ(requests(), lines{});
                                                                       Kernel.indexes["br0"] = 8;
+                                                                      Kernel.own_addresses[8] = "fe80::8";
                                                                       send_stop();
                                                                     }}};
   EXPECT_EQ(run(), EXIT_SUCCESS);
-  EXPECT_EQ(requests(), (lines{ADD_ENTRY, leave_of(4), leave_of(8), join_of(8), leave_of(5), join_of(5)}));
+  EXPECT_EQ(requests(),
+            (lines{ADD_ENTRY, leave_of(4), leave_of(8), join_of(8), leave_of(5), join_of(5), general_query(8)}));
   EXPECT_EQ(said(), (lines{"kernel notifications were lost; looking at everything again",
                            "added the static entry (::, ::) for MIF 3, wan0", "left ff02::16 on br0, index 4",
                            "joined ff02::16 on br0, index 8", "ending on signal 15"}));
 }
 
 TEST_F(notification_loop, due_retry_leads_to_a_look) {
-  given_working_companion();
+  given_quiet_companion();
   want_retry();
   Kernel.now_ms += 1000;
   Kernel.datagrams = {{message(999, {}), 0, 0, [this] { send_stop(); }}};

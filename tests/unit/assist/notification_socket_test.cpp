@@ -55,18 +55,18 @@ TEST_F(notification_socket, flood_is_handled_in_portions) {
   EXPECT_EQ(handle_notifications(any_socket), notification_state::all_read);
 }
 
-TEST_F(notification_socket, useless_socket_is_told) {
+TEST_F(notification_socket, useless_socket_is_reported) {
   Kernel.datagrams = {{{}, EBADF, 0, {}}};
   EXPECT_EQ(handle_notifications(any_socket), notification_state::failed);
   EXPECT_EQ(said(), lines{"cannot read kernel notifications: Bad file descriptor"});
 }
 
-TEST_F(notification_socket, interface_that_has_gone_has_no_answer_and_is_no_failure) {
+TEST_F(notification_socket, interface_that_has_gone_has_no_answer_and_is_not_a_failure) {
   EXPECT_EQ(ask_mc_forwarding(12), -1);
   EXPECT_EQ(ms_until_retry(), -1);
 }
 
-TEST_F(notification_socket, socket_that_cannot_be_opened_is_told) {
+TEST_F(notification_socket, socket_that_cannot_be_opened_is_reported) {
   Kernel.refusals["socket AF_NETLINK"] = {EMFILE};
   EXPECT_EQ(open_notification_socket(), -1);
   EXPECT_EQ(said(), lines{"cannot have kernel notifications: Too many open files"});

@@ -33,7 +33,7 @@ TEST(notification, deleted_link_brings_index) {
   EXPECT_EQ(told.index, 4U);
 }
 
-TEST(notification, port_that_leaves_its_bridge_is_no_deleted_link) {
+TEST(notification, port_that_leaves_its_bridge_is_not_a_deleted_link) {
   EXPECT_EQ(kind_of(link_message(RTM_DELLINK, 4, "lan1", AF_BRIDGE)), notification_kind::other);
   EXPECT_EQ(kind_of(link_message(RTM_NEWLINK, 4, "lan1", AF_BRIDGE)), notification_kind::other);
 }
@@ -63,7 +63,7 @@ TEST(notification, settings_without_multicast_forwarding_leave_it_open) {
   EXPECT_EQ(only_notification(netconf_message(3, MC_FORWARDING_NOT_TOLD)).mc_forwarding, MC_FORWARDING_NOT_TOLD);
 }
 
-TEST(notification, lost_ipv6_side_is_told) {
+TEST(notification, lost_ipv6_side_is_an_event) {
   EXPECT_EQ(kind_of(netconf_message(3, MC_FORWARDING_NOT_TOLD, RTM_DELNETCONF)), notification_kind::ipv6_gone);
 }
 
@@ -76,19 +76,29 @@ TEST(notification, static_entry_is_read_with_parent_and_outputs) {
   EXPECT_EQ(told.kind, notification_kind::entry_there);
   EXPECT_EQ(told.input, 3U);
   EXPECT_EQ(told.output_count, 1U);
-  EXPECT_EQ(told.output, 3U);
+  EXPECT_EQ(told.outputs, 1U << 3);
+  EXPECT_TRUE(is_static_entry(told));
   const notification changed = only_notification(entry_message(RTM_DELROUTE, 0, {4, 5}));
   EXPECT_EQ(changed.kind, notification_kind::entry_gone);
   EXPECT_EQ(changed.input, 0U);
   EXPECT_EQ(changed.output_count, 2U);
 }
 
-TEST(notification, entries_of_groups_and_sources_are_of_no_concern) {
-  EXPECT_EQ(kind_of(entry_message(RTM_NEWROUTE, 3, {4}, in6addr_any, some_group)), notification_kind::other);
-  EXPECT_EQ(kind_of(entry_message(RTM_NEWROUTE, 3, {4}, some_group, in6addr_any)), notification_kind::other);
+TEST(notification, entries_of_groups_are_read_with_origin_and_group) {
+  const notification told = only_notification(entry_message(RTM_NEWROUTE, 3, {4, 31, 32}, in6addr_any, some_group));
+  EXPECT_EQ(told.kind, notification_kind::entry_there);
+  EXPECT_EQ(told.group, from_in6_addr(some_group));
+  EXPECT_EQ(told.origin, In6AddrAny);
+  EXPECT_EQ(told.output_count, 3U);
+  EXPECT_EQ(told.outputs, 1U << 4 | 1U << 31);
+  EXPECT_FALSE(is_static_entry(told));
+  const notification gone = only_notification(entry_message(RTM_DELROUTE, 3, {4}, some_group, in6addr_any));
+  EXPECT_EQ(gone.kind, notification_kind::entry_gone);
+  EXPECT_EQ(gone.origin, from_in6_addr(some_group));
+  EXPECT_FALSE(is_static_entry(gone));
 }
 
-TEST(notification, entry_without_addresses_is_not_the_static_entry) {
+TEST(notification, entry_without_addresses_is_of_no_concern) {
   rtmsg header{};
   header.rtm_family = RTNL_FAMILY_IP6MR;
   EXPECT_EQ(kind_of(message(RTM_DELROUTE, bytes_of(header))), notification_kind::other);
@@ -116,7 +126,7 @@ TEST(notification, unknown_message_is_skipped_and_the_next_one_read) {
   EXPECT_FALSE(next_notification(rest, told));
 }
 
-// Every message cut at every length, with its own length put right: the inner lengths then point beyond the end.
+// Every message cut at every length, with its own length adjusted: the inner lengths then point beyond the end.
 TEST(notification, message_cut_anywhere_is_read_within_its_bytes) {
   for (const byte_vector &whole :
        {link_message(RTM_NEWLINK, 4, "br0"), netconf_message(3, 1), entry_message(RTM_NEWROUTE, 3, {3, 4})}) {

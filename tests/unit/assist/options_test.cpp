@@ -92,3 +92,38 @@ TEST_F(options_of, thirty_one_downstream_interfaces_fit) {
   EXPECT_EQ(read({"-u", "wan0", "-d", list}), command::run);
   EXPECT_EQ(refusal({"-u", "wan0", "-d", list + ",lan31"}), "at most 31 downstream interfaces can be served");
 }
+
+TEST_F(options_of, every_remedy_can_be_left_out_by_its_name) {
+  ASSERT_EQ(read({"-u", "wan0", "-d", "br0"}), command::run);
+  EXPECT_EQ(options.without, remedies_off{});
+  for (std::size_t i = 0; i < REMEDY_NAMES.size(); ++i) {
+    ASSERT_EQ(read({"-u", "wan0", "-d", "br0", "--without=" + std::string(REMEDY_NAMES[i])}), command::run);
+    remedies_off expected{};
+    expected[i] = true;
+    EXPECT_EQ(options.without, expected) << REMEDY_NAMES[i];
+    choose_remedies(options.without);
+    EXPECT_FALSE(is_on(static_cast<remedy>(i)));
+  }
+  choose_remedies({});
+}
+
+TEST_F(options_of, several_remedies_can_be_left_out) {
+  ASSERT_EQ(
+      read({"-u", "wan0", "-d", "br0", "--without", "ask-after-leave,general-queries", "--without=ask-after-end"}),
+      command::run);
+  EXPECT_TRUE(options.without[0] && options.without[1] && options.without[2]);
+}
+
+TEST_F(options_of, unknown_remedy_is_refused) {
+  EXPECT_EQ(refusal({"--without=aspirin"}), "\"aspirin\" is not a remedy; --help lists them");
+  EXPECT_EQ(refusal({"--without=ask-after-leave,"}), "\"\" is not a remedy; --help lists them");
+}
+
+TEST_F(options_of, help_lists_every_remedy) {
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(show_help(), 0);
+  const std::string text = testing::internal::GetCapturedStdout();
+  for (const std::string_view name : REMEDY_NAMES) {
+    EXPECT_NE(text.find("\n  " + std::string(name) + " "), std::string::npos) << name;
+  }
+}

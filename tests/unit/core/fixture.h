@@ -16,7 +16,7 @@ struct core_fixture : proxy_fixture {
   // Checks that the core's steps log under the tag "main", then what every fixture checks.
   void TearDown() override;
 
-  // Contents of the NVRAM file; without this call there is none.
+  // Contents of the NVRAM file; without this call the file does not exist.
   void given_nvram(const std::string &text);
   std::string nvram_path() const;
 

@@ -1,4 +1,4 @@
-// What the index says of a list is what a walk over it would find: by name here, at random at the end.
+// The index agrees with what a walk over the list finds: in named cases first, at random at the end.
 #include "core/list_index.h"
 
 #include <algorithm>
@@ -138,7 +138,7 @@ TEST_F(index_of_lists, first_record_is_popped_until_none_is_left) {
   EXPECT_EQ(places_taken(), 0u);
 }
 
-TEST_F(index_of_lists, records_of_the_same_key_are_told_apart) {
+TEST_F(index_of_lists, records_of_the_same_key_are_distinguished) {
   for (const std::uint32_t number : {1u, 2u, 3u}) {
     records[number].key = 7;
     add(number == 2 ? second : first, number);

@@ -48,7 +48,7 @@ TEST_F(log_lines, no_level_is_held_back_and_none_reaches_standard_error) {
   });
 }
 
-TEST_F(log_lines, modules_are_told_apart_by_their_tags) {
+TEST_F(log_lines, modules_are_distinguished_by_their_tags) {
   when([] { log_at_every_level(); });
   EXPECT_NE(Kernel.output.find("E:mld :log_at_every_level "), std::string::npos);
   EXPECT_NE(Kernel.output.find("D:igmp:log_at_every_level "), std::string::npos);
@@ -69,7 +69,7 @@ TEST_F(log_lines, steps_of_an_operation_carry_its_name) {
   });
 }
 
-// Lines are put together by hand for speed; what they say must be what printf would say.
+// Lines are formatted by hand for speed; their text must be what printf would write.
 #define EXPECT_LOGGED_AS_PRINTED(...)                                                                                  \
   do {                                                                                                                 \
     std::array<char, 400> printed;                                                                                     \

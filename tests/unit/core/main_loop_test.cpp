@@ -18,7 +18,7 @@ using namespace scripted;
 
 constexpr int signal_of_the_test = SIGUSR2; // its handler does what no signal of the daemon does
 
-// One interface with another querier on it: every pass of the timers shows as one line.
+// One interface with another querier on it: every pass of the timers logs one line.
 struct main_loop : core_fixture {
   mld_interface *br0;
 
@@ -315,7 +315,8 @@ TEST_F(main_loop, interruption_leaves_the_waited_set_as_it_was) {
   EXPECT_EQ(std::count(all.begin(), all.end(), wait), 3);
 }
 
-// The kernel leaves the set alone when the wait fails; that the loop does, too, shows with one that does not.
+// The kernel leaves the set alone when the wait fails. Here it does not, which shows that the loop does not reset the
+// set.
 TEST_F(main_loop, interruption_does_not_fill_the_waited_set_again) {
   given_wake_ups({{{PIPE_READ_END}, -1, EINTR, {SIGALRM}}, interrupted_by({SIGTERM})});
   EXPECT_EQ(when_looped(), 0);

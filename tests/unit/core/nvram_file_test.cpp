@@ -23,7 +23,7 @@ struct nvram_file : core_fixture {
   std::string complaint(const std::string &text) const { return nvram_path() + text + "\n"; }
 };
 
-TEST_F(nvram_file, missing_file_means_that_every_key_is_absent_and_is_no_matter_of_complaint) {
+TEST_F(nvram_file, missing_file_means_that_every_key_is_absent_and_is_not_complained_about) {
   const std::string errors = error_output_of([&] { EXPECT_EQ(value_of("et0macaddr"), "(absent)"); });
   EXPECT_EQ(errors, "");
 }
@@ -137,7 +137,7 @@ TEST_F(nvram_file, path_that_cannot_be_followed_is_complained_about) {
   EXPECT_EQ(errors, complaint(std::string(": ") + std::strerror(ELOOP) + "; every NVRAM key counts as absent"));
 }
 
-TEST_F(nvram_file, file_is_named_by_the_environment_and_else_stands_in_etc) {
+TEST_F(nvram_file, file_is_named_by_the_environment_and_otherwise_in_etc) {
   EXPECT_STREQ(NVRAM_PATH_VARIABLE, "TARNWICK_NVRAM");
   EXPECT_STREQ(NVRAM_DEFAULT_PATH, "/etc/tarnwick/nvram");
   const std::string other = Kernel.directory + "/other";

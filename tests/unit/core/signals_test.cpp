@@ -41,7 +41,7 @@ TEST_F(signal_handlers, stop_ends_the_loop_and_wakes_it) {
   }
 }
 
-// A loop that the write wakes must find the flag cleared.
+// When the write wakes the loop, the flag must be cleared already.
 TEST_F(signal_handlers, stop_clears_the_flag_before_it_wakes_the_loop) {
   given_pipe();
   ProxyIsRunning = 1;

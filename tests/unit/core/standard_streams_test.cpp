@@ -14,7 +14,7 @@
 
 namespace {
 
-// Runs code in a process of its own, whose streams are there and may be spoilt; true if it returned true there.
+// Runs code in a process of its own, whose streams are open and may be ruined; true if the code returned true there.
 bool is_true_in_a_child(const std::function<bool()> &code) {
   const pid_t child = fork();
   if (child == 0) {

@@ -216,7 +216,7 @@ TEST_F(state_dump, whatever_is_planted_for_the_file_of_interfaces_is_refused_lik
   EXPECT_EQ(file_contents("/tmp/victim"), "precious\n");
 }
 
-TEST_F(state_dump, whatever_is_planted_for_another_file_is_passed_over) {
+TEST_F(state_dump, whatever_is_planted_for_another_file_is_skipped) {
   given_group(br0, "ff0e::1");
   for (const char *path : {host_in_group, join_state}) {
     for (const char *kind : planted_kinds) {

@@ -29,7 +29,7 @@ struct igmp_discovery_fixture : igmp_start_fixture {
     given_interface("br0", 3, 0x1043, "198.51.100.3");
   }
 
-  // A test that looked at a running proxy gives its records back without requests.
+  // After a test with a running proxy, frees its records without requests.
   ~igmp_discovery_fixture() override {
     while (list_node *record = list_remove(&IgmpRouter.interfaces)) {
       my_free(record);

@@ -26,7 +26,7 @@ void reset_igmp() {
   NatptIndex = 0;
 }
 
-// Every key is absent, whatever the machine that runs the tests has.
+// Every key is absent, no matter what NVRAM file the machine has that runs the tests.
 void empty_nvram() {
   setenv(NVRAM_PATH_VARIABLE, (Kernel.directory + "/no-nvram").c_str(), 1);
   nvram_file_forget();

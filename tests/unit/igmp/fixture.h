@@ -59,10 +59,10 @@ struct igmp_fixture : proxy_fixture {
   igmp_group *given_group(igmp_interface *intr, const std::string &group,
                           igmp_group_state state = IGMP_GROUP_MEMBERS_PRESENT);
 
-  // Queues so many queries for the group and sets state 3.
+  // Queues that many queries for the group and sets state 3.
   void given_checking(igmp_group *group, int queries, int retransmit_timer);
 
-  // Takes so many records out of a pool, so that it is soon empty.
+  // Takes that many records out of a pool, so that it is soon empty.
   void given_pool_left(list *pool, int records_left);
 
   // One datagram through the socket, from an interface; the handlers run as in the daemon.

@@ -1,5 +1,4 @@
-// Start-up, reports, ticks through every timer and shutdown of the IGMP proxy in both of its modes, each with each of
-// its requests failing.
+// Start-up, reports, ticks through every timer and shutdown of the IGMP proxy in both modes: each request fails once.
 #include "tests/support/fault_sweep.h"
 
 #include "core/index_table.h"
@@ -16,7 +15,7 @@ namespace {
 
 using namespace scripted;
 
-// Stand outside the test that sweeps, so that every play has a proxy of its own.
+// Not part of the test that sweeps, so that every run has a proxy of its own.
 struct fresh_igmp : igmp_fixture {
   void TestBody() override {}
 };

@@ -58,7 +58,7 @@ TEST_F(igmp_discovery_4to6, upstream_gets_vif_and_mif_and_downstream_a_mif_only)
   EXPECT_EQ(index_table[1], 0);
 }
 
-TEST_F(igmp_discovery_4to6, nvram_under_the_interfaces_own_name_tells_lan_and_translator) {
+TEST_F(igmp_discovery_4to6, nvram_under_the_interfaces_own_name_names_lan_and_translator) {
   given_interface("natpt0", 9, 0x1003, "203.0.113.9");
   given_nvram({"lan_ifname=the lan", "br0=the lan", "ipv6_natpt_ifname=the translator", "natpt0=the translator"});
   EXPECT_EQ(discover(), 0);

@@ -102,7 +102,7 @@ TEST_F(igmp_membership_4to6, refused_upstream_vif_shows_in_the_parent_and_not_in
                  mfc6("MRT6_ADD_MFC", "3", 65535)});
 }
 
-TEST_F(igmp_membership_4to6, lan_is_told_by_its_vif_among_the_outputs) {
+TEST_F(igmp_membership_4to6, lan_is_recognised_by_its_vif_among_the_outputs) {
   LanIndex = 3;
   NatptIndex = 9;
   br0->vif_index = 7; // index 3, but not under that number

@@ -43,7 +43,7 @@ TEST_F(igmp_membership, new_group_is_joined_upstream_and_forwarded_to_its_interf
   }));
 }
 
-TEST_F(igmp_membership, outputs_stand_at_table_slots_and_the_parent_is_an_interface_index) {
+TEST_F(igmp_membership, outputs_are_at_table_slots_and_the_parent_is_an_interface_index) {
   index_table = {};
   index_table[20] = 4;
   index_table[31] = 3;

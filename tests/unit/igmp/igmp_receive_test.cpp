@@ -79,7 +79,7 @@ std::vector<std::uint8_t> control_record(int level, int type, std::size_t length
   return bytes;
 }
 
-TEST_F(igmp_reception, only_whole_packet_information_tells_the_arrival_interface) {
+TEST_F(igmp_reception, only_whole_packet_information_names_the_arrival_interface) {
   const struct {
     int level;
     int type;
@@ -127,8 +127,9 @@ TEST_F(igmp_reception, datagram_from_an_unknown_interface_is_an_error) {
   });
 }
 
-// A VIF number is the interface's index, or -1 where the kernel refused it; what arrives is told by the index alone.
-TEST_F(igmp_reception, interfaces_are_told_by_their_index_whatever_their_vif) {
+// A VIF number is the interface's index, or -1 where the kernel refused it; only the index identifies an arrival
+// interface.
+TEST_F(igmp_reception, interfaces_are_recognised_by_their_index_whatever_their_vif) {
   for (const int vif_index : {-1, 7}) {
     wan0->vif_index = vif_index;
     br0->vif_index = vif_index;

@@ -38,8 +38,8 @@ struct igmp_life : igmp_start_fixture {
     Kernel.messages.push_back({encoded(datagram), datagram.sender, ifindex, "224.0.0.2"});
   }
 
-  // Joins, leaves, time and a stop. Reads as many datagrams as were queued, and frees everything at the end whatever
-  // was refused on the way.
+  // Joins, leaves, time and a stop. Reads as many datagrams as were queued, and in the end frees everything, no matter
+  // what was refused on the way.
   static void live() {
     if (start()) {
       for (int i = 0; i < 6; ++i) {

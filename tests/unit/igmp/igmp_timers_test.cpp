@@ -141,7 +141,7 @@ TEST_F(igmp_group_timers, every_state_follows_every_tick) {
   }
 }
 
-TEST_F(igmp_group_timers, silent_group_ends_after_351_ticks_and_the_snooper_is_told) {
+TEST_F(igmp_group_timers, silent_group_ends_after_351_ticks_and_the_snooper_is_signalled) {
   given_group(br0, group_address);
   when_ticked(350);
   then({});

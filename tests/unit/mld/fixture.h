@@ -1,5 +1,5 @@
-// Fixtures for the MLD side, messages as hosts send them, and what the daemon does for one and remembers afterwards, as
-// lines of text.
+// Fixtures for the MLD side, messages as hosts send them, and, as lines of text, what the daemon does for a message and
+// keeps afterwards.
 #pragma once
 
 #include "mld/mld_record.h"
@@ -24,10 +24,10 @@ struct mld_fixture : proxy_fixture {
   // Makes a group as reports make it, without any request: state 1, timer 350, on the interface's list.
   mld_group *given_group(mld_interface *intr, const std::string &group, const lines &sources = {});
 
-  // Queues so many queries for the group and sets state 2.
+  // Queues that many queries for the group and sets state 2.
   void given_checking(mld_group *group, int queries, int retransmit_timer);
 
-  // Takes so many records out of a pool, so that it is soon empty. They come back at the end of the test.
+  // Takes that many records out of a pool, so that it is soon empty. They come back at the end of the test.
   void given_pool_left(list *pool, int records_left);
 
   // One message through the socket; the handlers run as in the daemon.
@@ -64,7 +64,7 @@ struct mld_report_fixture : mld_fixture {
   mld_report_fixture();
   ~mld_report_fixture() override;
 
-  // Leaves so many records in the host pool, as many deletions would.
+  // Leaves only that many records in the host pool, as after many deletions.
   void given_hosts_left(int records_left);
 
   void given_host(mld_interface *intr, const std::string &group, const std::string &host, const std::string &source);
@@ -100,7 +100,7 @@ std::string slot_line(const std::string &source, int timer = 360, int forward = 
 // What a message with known arrival interface leaves in the transcript before its handler runs.
 lines received(const std::string &sender, int ifindex, const std::string &type_line);
 
-// The same for an MLDv2 report with so many records.
+// The same for an MLDv2 report with that many records.
 lines received_report(const std::string &sender, int ifindex, int records);
 
 // Trace of one record before its type is handled.

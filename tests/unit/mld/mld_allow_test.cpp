@@ -167,7 +167,7 @@ TEST_F(mld_allow_record, record_without_sources_does_nothing) {
   then({logged_debug(allow, "No sources need to be added.")});
 }
 
-TEST_F(mld_allow_record, dry_host_pool_does_not_keep_a_source_from_being_joined) {
+TEST_F(mld_allow_record, empty_host_pool_does_not_keep_a_source_from_being_joined) {
   given_group(br0, "ff0e::1");
   given_hosts_left(0);
   when_allowed({"2001:db8::1"});

@@ -93,7 +93,7 @@ TEST_F(mld_block_record, hosts_of_an_unknown_group_stay) {
   then_groups(lan1, {group_line("ff0e::1"), slot_line("2001:db8::1")});
 }
 
-TEST_F(mld_block_record, dry_query_pool_ends_the_record_and_earlier_changes_stay) {
+TEST_F(mld_block_record, empty_query_pool_ends_the_record_and_earlier_changes_stay) {
   given_group(br0, "ff0e::1", {"2001:db8::1", "2001:db8::2", "2001:db8::3"});
   given_host(br0, "ff0e::1", "fe80::a", "2001:db8::3");
   given_pool_left(&MldRouter.free_queries, 1);

@@ -1,5 +1,5 @@
-// Start-up, reports of every kind, ticks through every timer, dump and shutdown of the MLD proxy, each with each of its
-// requests failing.
+// Start-up, reports of every kind, ticks through every timer, dump and shutdown of the MLD proxy: each request fails
+// once.
 #include "tests/support/fault_sweep.h"
 
 #include "core/main_loop.h"
@@ -20,7 +20,7 @@ namespace {
 
 using namespace scripted;
 
-// Stands outside the test that sweeps, so that every play has a proxy of its own.
+// Not part of the test that sweeps, so that every run has a proxy of its own.
 struct fresh_mld : mld_fixture {
   void TestBody() override {}
 };

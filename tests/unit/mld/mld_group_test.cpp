@@ -29,7 +29,7 @@ TEST_F(mld_group_records, taken_group_has_members_and_no_sources) {
   EXPECT_EQ(taken->source_count, 0);
 }
 
-TEST_F(mld_group_records, dry_pool_is_logged_for_the_caller) {
+TEST_F(mld_group_records, empty_pool_is_logged_for_the_caller) {
   given_pool_left(&MldRouter.free_groups, 0);
   mld_group *taken = nullptr;
   when([&] { taken = mld_take_group(MLD_STEP_OF("mld_router_v2_add_src_group"), address("ff0e::1")); });
@@ -88,7 +88,7 @@ TEST_F(mld_group_records, one_query_fewer_than_the_last_member_count_is_queued) 
   EXPECT_EQ(query->group, address("ff0e::1"));
 }
 
-TEST_F(mld_group_records, queries_queued_before_the_pool_ran_dry_stay) {
+TEST_F(mld_group_records, queries_queued_before_the_pool_was_empty_stay) {
   mld_group *group = given_group(br0, "ff0e::1");
   MldRouter.last_member_query_count = 4;
   given_pool_left(&MldRouter.free_queries, 2);

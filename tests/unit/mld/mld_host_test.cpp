@@ -193,7 +193,7 @@ TEST_F(mld_host_table, host_129_is_refused_whatever_was_deleted_between) {
   then_hosts(br0, {});
 }
 
-TEST_F(mld_host_table, known_host_is_found_when_the_pool_is_dry) {
+TEST_F(mld_host_table, known_host_is_found_when_the_pool_is_empty) {
   given_host(br0, "ff0e::1", "fe80::a", "::");
   given_hosts_left(0);
   EXPECT_EQ(when_added("ff0e::1", "fe80::a", "::"), list_first<mld_host>(&br0->hosts));

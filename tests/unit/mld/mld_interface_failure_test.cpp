@@ -18,7 +18,7 @@ TEST_F(mld_discovery, flags_that_cannot_be_set_do_not_matter) {
   EXPECT_EQ(result, 0);
 }
 
-// The request holds index and flags in the same place, so the index stands in for the flags then.
+// The request holds index and flags in the same place, so the index is taken for the flags here.
 TEST_F(mld_discovery, flags_that_cannot_be_read_are_taken_as_the_request_holds_them) {
   given_downstream({"br0"});
   given_failure("ioctl(net iface, SIOCGIFFLAGS)", EPERM, 2);

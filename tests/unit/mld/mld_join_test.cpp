@@ -235,7 +235,7 @@ TEST_F(mld_all_sources_join, group_of_another_interface_keeps_the_upstream_membe
                 all_sources_joined("ff0e::1", {"lan1", "br0"})}));
 }
 
-TEST_F(mld_all_sources_join, dry_pool_refuses_an_unknown_group) {
+TEST_F(mld_all_sources_join, empty_pool_refuses_an_unknown_group) {
   given_pool_left(&MldRouter.free_groups, 0);
   when_joined("ff0e::1");
   then({
@@ -247,7 +247,7 @@ TEST_F(mld_all_sources_join, dry_pool_refuses_an_unknown_group) {
   EXPECT_EQ(br0->join_count, 1u);
 }
 
-TEST_F(mld_all_sources_join, dry_pool_does_not_keep_an_idle_group_from_coming_back) {
+TEST_F(mld_all_sources_join, empty_pool_does_not_keep_an_idle_group_from_coming_back) {
   given_idle_group({"::"});
   given_pool_left(&MldRouter.free_groups, 0);
   when_joined("ff0e::1");

@@ -80,7 +80,7 @@ TEST_F(mld_group_leave, leave_of_an_unknown_group_is_only_logged) {
   EXPECT_EQ(br0->leave_count, 1u);
 }
 
-TEST_F(mld_group_leave, dry_query_pool_leaves_the_group_as_it_is) {
+TEST_F(mld_group_leave, empty_query_pool_leaves_the_group_as_it_is) {
   given_group(br0, "ff0e::1", {"::"});
   given_host(br0, "ff0e::1", "fe80::a", "::");
   given_pool_left(&MldRouter.free_queries, 0);
@@ -217,7 +217,7 @@ TEST_F(mld_group_leave, source_that_is_not_there_any_more_only_starts_the_querie
               {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .queries = 1}), slot_line("2001:db8::1", 0)});
 }
 
-TEST_F(mld_group_leave, dry_query_pool_does_not_bring_a_removed_source_back) {
+TEST_F(mld_group_leave, empty_query_pool_does_not_bring_a_removed_source_back) {
   given_group(br0, "ff0e::1", {"2001:db8::1", "2001:db8::2"});
   given_pool_left(&MldRouter.free_queries, 0);
   EXPECT_EQ(when_expired("2001:db8::1"), 0);

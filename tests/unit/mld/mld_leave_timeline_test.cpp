@@ -15,7 +15,7 @@ struct mld_leave_timeline : mld_report_fixture {
     then_anything();
   }
 
-  // Ticks, then tells what is left; queries sent are counted by their frames.
+  // Ticks, then says what is left; queries sent are counted by their frames.
   void when_passed(int ticks) {
     when_ticked_quietly(ticks);
     then_anything();
@@ -56,7 +56,7 @@ TEST_F(mld_leave_timeline, leave_that_nobody_contradicts_ends_in_the_twelfth_pas
        {logged_debug(retransmit, "Network:br0 Group:" + log_text("ff0e::1") + " State = No members present.")}}));
   then_groups(br0, {});
   EXPECT_EQ(Kernel.frames.size(), 1u);
-  then_leave_is_told(false); // only a group that times out is told of
+  then_leave_is_told(false); // only a group that times out leaves a record
 }
 
 TEST_F(mld_leave_timeline, answer_to_the_query_keeps_the_group) {
@@ -82,7 +82,7 @@ TEST_F(mld_leave_timeline, group_of_an_mldv1_host_that_is_left_sends_no_query) {
   then_groups(br0, {});
 }
 
-TEST_F(mld_leave_timeline, silent_group_ends_in_pass_351_and_the_snooping_program_is_told) {
+TEST_F(mld_leave_timeline, silent_group_ends_in_pass_351_and_the_snooping_program_is_signalled) {
   when_received(mldv1_message(131, "ff0e::1"), "fe80::a", 3);
   when_passed(349);
   EXPECT_EQ(br0->timeout_count, 0u);

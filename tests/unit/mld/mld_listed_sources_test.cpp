@@ -152,7 +152,7 @@ TEST_F(mld_listed_sources_join, refused_source_still_refreshes_the_group_and_lat
   EXPECT_EQ(group->sources[9].source_timer, 360);
 }
 
-TEST_F(mld_listed_sources_join, dry_pool_loses_the_record_at_its_first_source) {
+TEST_F(mld_listed_sources_join, empty_pool_loses_the_record_at_its_first_source) {
   given_pool_left(&MldRouter.free_groups, 0);
   when_joined({"2001:db8::1", "2001:db8::2"});
   then({logged_error(add_src, "No more free group available. Dropping membership request.")});
@@ -161,7 +161,7 @@ TEST_F(mld_listed_sources_join, dry_pool_loses_the_record_at_its_first_source) {
   EXPECT_EQ(br0->join_count, 1u);
 }
 
-TEST_F(mld_listed_sources_join, dry_host_pool_does_not_keep_a_source_from_being_joined) {
+TEST_F(mld_listed_sources_join, empty_host_pool_does_not_keep_a_source_from_being_joined) {
   given_hosts_left(1);
   when_joined({"2001:db8::1", "2001:db8::2"});
   then(together({source_recorded_and_joined("2001:db8::1"),

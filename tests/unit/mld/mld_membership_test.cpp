@@ -76,7 +76,7 @@ TEST_F(mld_membership, upstream_interface_is_never_an_output) {
   then(after({join, joined}, forwarded));
 }
 
-// The rewrite tells that the group is wanted, the request that the MIF is not an output.
+// The rewrite shows that the group is wanted, the request that the MIF is not an output.
 TEST_F(mld_membership, interface_beyond_the_outputs_still_wants_its_group) {
   given_group(lan1, "ff0e::1");
   for (const std::uint32_t vif_index : {32u, UINT32_MAX}) {
@@ -201,7 +201,7 @@ TEST_F(mld_membership, refused_source_join_ends_without_forwarding) {
         logged_error(add_source, "setsockopt MCAST_JOIN_SOURCE_GROUP fail!!!")});
 }
 
-TEST_F(mld_membership, refused_forwarding_of_a_source_is_told_by_the_level_alone) {
+TEST_F(mld_membership, refused_forwarding_of_a_source_shows_only_in_the_level) {
   mld_group *group = given_group(br0, "ff0e::1", {"2001:db8::1"});
   given_failure("setsockopt(mld, MRT6_ADD_MFC)", ENFILE);
   when([&] { mldv2_add_src_membership(group, address("2001:db8::1")); });

@@ -211,7 +211,7 @@ TEST_F(mld_query_frame, hardware_address_is_of_the_group_or_of_all_nodes) {
   EXPECT_EQ(mld_query_destination(address("ff3e::8765:4321")), (mac_address{0x33, 0x33, 0x87, 0x65, 0x43, 0x21}));
 }
 
-// Hosts may answer after up to two seconds, whatever the caller or the pending query has in mind.
+// Hosts may take up to two seconds to answer, no matter what the caller or the pending query asks for.
 TEST_F(mld_query_frame, response_time_of_the_caller_is_not_sent) {
   for (const std::uint8_t max_resp : byte_string{0, 10, 100, 255}) {
     when([&] { mld_router_v2_send_query(br0, max_resp, In6AddrAny); });

@@ -50,7 +50,7 @@ struct mld_query_sending : mld_fixture {
     return next;
   }
 
-  // Whatever came of it, the query is used up and the next step is timed.
+  // Whether it was sent or not, the query is used up and the timer for the next step is set.
   void then_query_is_used_up(const mld_group *group, int queries_left, int retransmit_timer) {
     EXPECT_EQ(length(group->queries), queries_left);
     EXPECT_EQ(length(MldRouter.free_queries), MLD_QUERY_POOL_SIZE - queries_left);

@@ -88,7 +88,7 @@ TEST_F(mld_receive, election_compares_addresses_byte_by_byte_unsigned) {
       {"ff00::", 0, 1, 1, 0},          // the same in the first byte
       {"fe80::2", 1, 1, 1, 0},         // set to stay querier
       {"fe80::2", 1, 0, 1, 0},         // set so while another one was
-      {"fe80::2", 2, 1, 0, 300, 0},    // only 1 tells so
+      {"fe80::2", 2, 1, 0, 300, 0},    // only 1 counts
   };
   for (const row &given : rows) {
     SCOPED_TRACE(testing::Message() << given.sender << " " << given.non_querier << " " << given.querier_before);

@@ -18,7 +18,7 @@ constexpr char drop[] = "mld_proxy_drop_membership";
 struct mld_retransmission : mld_fixture {
   mld_retransmission() { lan1->query_timer = br0->query_timer = 124; }
 
-  // A group whose queries are all sent; its slots have so many seconds left.
+  // A group whose queries are all sent; its slots have that many seconds left.
   mld_group *given_asked(const lines &sources = {}, const std::vector<int> &timers = {}) {
     mld_group *group = given_group(br0, "ff0e::1", sources);
     for (std::size_t i = 0; i < timers.size(); ++i) {

@@ -117,8 +117,8 @@ TEST_F(mld_shutdown, group_of_two_interfaces_is_left_with_the_second) {
                 started("br0") + dropped("ff0e::1") + started("wan0"));
 }
 
-// A stop asks no list whether it lets go: a group that stayed would be lost with its record and its queries.
-TEST_F(mld_shutdown, groups_are_left_although_records_refuse_to_leave_their_list) {
+// A stop does not check whether unlinking works: a group that stayed would be lost with its record and its queries.
+TEST_F(mld_shutdown, groups_are_left_upstream_although_unlinking_fails) {
   given_group(br0, "ff0e::2");
   given_group(br0, "ff0e::1");
   UnlinksToFail = 1;

@@ -56,7 +56,7 @@ TEST_F(mld_snooping, second_leave_overwrites_the_first) {
   then_record_is("grp=ff0e::4\n");
 }
 
-// The snooping program's record has room for 15 characters.
+// Kept for compatibility.
 TEST_F(mld_snooping, addresses_over_fifteen_characters_leave_their_lines_empty) {
   struct row {
     const char *source;

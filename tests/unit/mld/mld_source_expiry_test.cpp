@@ -39,7 +39,7 @@ TEST_F(mld_source_expiry, wanted_source_that_ran_out_is_asked_for) {
   then(together({{source_expired("2001:db8::1")}, asked_for("2001:db8::1"), {checking_started()}}));
   then_groups(br0, {group_line({.group = "ff0e::1", .state = 2, .timer = 2, .retransmit = 1, .queries = 1}),
                     slot_line("2001:db8::1", 0), slot_line("2001:db8::2", 359)});
-  then_hosts(br0, {"ff0e::1 fe80::b 2001:db8::1"}); // the first that reported it is forgotten, whoever it was
+  then_hosts(br0, {"ff0e::1 fe80::b 2001:db8::1"}); // the first host that reported it is forgotten
   EXPECT_EQ(mld_tmp_origin, address("2001:db8::1"));
   EXPECT_EQ(br0->timeout_count, 1u);
   EXPECT_EQ(br0->leave_count, 0u);
@@ -136,7 +136,7 @@ TEST_F(mld_source_expiry, all_slots_may_run_out_in_one_pass) {
     }
     when_ticked_quietly();
     then_anything();
-    // Removed one by one, every second slot is passed over; asked for, all stay.
+    // When slots are removed one by one, every second one is skipped; when they are asked for, all stay.
     EXPECT_EQ(group->source_count, forward == 0 ? 5 : 10);
     EXPECT_EQ(length(group->queries), forward == 0 ? 5 : 10);
     mld_unlink_group(br0, group);

@@ -17,7 +17,7 @@ constexpr char block[] = "mld_router_v2_block_old_sources";
 struct mld_source_timers : mld_fixture {
   mld_source_timers() { lan1->query_timer = br0->query_timer = 124; }
 
-  // A group whose slots have so many seconds left.
+  // A group whose slots have that many seconds left.
   mld_group *given_sources(const lines &sources, const std::vector<int> &timers) {
     mld_group *group = given_group(br0, "ff0e::1", sources);
     for (std::size_t i = 0; i < timers.size(); ++i) {

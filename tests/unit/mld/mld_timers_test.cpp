@@ -128,8 +128,8 @@ TEST_F(mld_timers, querier_role_comes_back_301_passes_after_the_last_foreign_que
   then_anything();
 }
 
-// Only 0 keeps a query back; only 1 runs the timer of the next one. `run`, not `when`: no code sets such a role, and
-// the invariants say so.
+// Only role 0 holds back the queries of a leave; only role 1 runs the timer of the general query. `run`, not `when`: no
+// code sets another role, and the invariants would complain.
 TEST_F(mld_timers, querier_role_other_than_0_and_1_waits_like_a_non_querier_and_answers_leaves) {
   given_silence();
   br0->is_querier = 2;
@@ -225,7 +225,7 @@ lines expired_on_br0(const std::string &group) {
   };
 }
 
-TEST_F(mld_timers, group_whose_timer_ran_out_is_left_and_the_snooping_program_told) {
+TEST_F(mld_timers, group_whose_timer_ran_out_is_left_and_the_snooping_program_signalled) {
   given_silence();
   mld_group *group = given_group(br0, "ff0e::1");
   group->group_timer = 0;
@@ -290,7 +290,7 @@ TEST_F(mld_timers, queries_of_a_group_that_runs_out_go_back_in_either_state) {
   then_anything();
 }
 
-TEST_F(mld_timers, group_ends_although_the_snooping_program_cannot_be_told) {
+TEST_F(mld_timers, group_ends_although_the_snooping_program_cannot_be_signalled) {
   given_silence();
   given_group(br0, "ff0e::1")->group_timer = 0;
   given_failure("open(", EROFS);

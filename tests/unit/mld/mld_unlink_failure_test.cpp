@@ -1,4 +1,4 @@
-// A record that cannot be taken off its list: the step ends there, says so, and nothing is lost.
+// A record cannot be taken off its list: the step ends there and says so, and nothing is lost.
 #include "fixture.h"
 #include "mld/mld_host.h"
 #include "mld/mld_join.h"

@@ -81,7 +81,7 @@ TEST_F(mld_v1_report, queries_of_a_group_with_members_stay_with_it) {
   then_groups(br0, {group_line({.group = "ff0e::1", .queries = 2})});
 }
 
-TEST_F(mld_v1_report, report_is_lost_when_the_group_pool_is_dry) {
+TEST_F(mld_v1_report, report_is_lost_when_the_group_pool_is_empty) {
   given_group(br0, "ff0e::1");
   given_pool_left(&MldRouter.free_groups, 0);
   when_reported(br0, "ff0e::2");

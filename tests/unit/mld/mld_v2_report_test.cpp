@@ -77,7 +77,7 @@ TEST_F(mld_v2_report, leave_of_an_unknown_group_creates_nothing) {
 
 // What a record does to a group of two sources, one of which it names; the trace line apart, types 1 and 3 are alike,
 // and so are 2 and 4.
-TEST_F(mld_v2_report, every_type_takes_its_road) {
+TEST_F(mld_v2_report, every_type_takes_its_path) {
   const struct {
     int type;
     lines sources;
@@ -303,7 +303,7 @@ TEST_F(mld_v2_report, record_cut_before_its_first_source_changes_no_group) {
   }
 }
 
-TEST_F(mld_v2_report, address_that_is_no_multicast_group_is_recorded_but_not_joined_by_source) {
+TEST_F(mld_v2_report, address_that_is_not_a_multicast_group_is_recorded_but_not_joined_by_source) {
   when_received(mldv2_report({{3, "2001:db8::99", {"2001:db8::1"}}}), "fe80::a", 3);
   then(together({received_report("fe80::a", 3, 1),
                  record_traced("2001:db8::99", 1, "MLD2_CHANGE_TO_INCLUDE"),

@@ -14,10 +14,10 @@ considered_interface given_interface(const interface_name &name, std::uint32_t i
   considered_interface given{};
   given.name = name;
   given.is_there = true;
-  given.facts.name = name;
-  given.facts.index = index;
-  given.facts.hardware = ARPHRD_ETHER;
-  std::string(kind).copy(given.facts.kind.data(), given.facts.kind.size() - 1);
+  given.carrier.link.name = name;
+  given.carrier.link.index = index;
+  given.carrier.link.hardware = ARPHRD_ETHER;
+  std::string(kind).copy(given.carrier.link.kind.data(), given.carrier.link.kind.size() - 1);
   return given;
 }
 
@@ -64,7 +64,7 @@ TEST(network_choice, another_multicast_router_speaks_against_the_host) {
 
 TEST(network_choice, point_to_point_upstream_speaks_against_the_private_network) {
   considered_interface upstream = given_interface({"pppoe-wan"}, 9);
-  upstream.facts.hardware = ARPHRD_PPP;
+  upstream.carrier.link.hardware = ARPHRD_PPP;
   EXPECT_EQ(against(judge_private_network, given_host(upstream, given_interface({"br0"}, 4, "bridge"))),
             texts{"pppoe-wan cannot carry a macvlan: it is not an Ethernet interface (PPPoE and tunnels are not); "
                   "use --network=host"});
@@ -72,14 +72,25 @@ TEST(network_choice, point_to_point_upstream_speaks_against_the_private_network)
 
 TEST(network_choice, port_of_a_bridge_carries_nothing) {
   considered_interface port = given_interface({"lan1"}, 4);
-  port.master = given_interface({"br-lan"}, 5, "bridge").facts;
+  port.carrier.master = given_interface({"br-lan"}, 5, "bridge").carrier.link;
   EXPECT_EQ(against(judge_private_network, given_host(given_interface({"wan0"}, 3), port)),
             texts{"lan1 cannot carry a macvlan: it is a port of br-lan; name br-lan instead, or use --network=host"});
 }
 
+TEST(network_choice, wireless_station_carries_an_ipvlan_at_most) {
+  considered_interface station = given_interface({"wlan0"}, 4);
+  station.carrier.is_wireless_station = true;
+  considered_host host = given_host(station, given_interface({"br0"}, 5, "bridge"));
+  EXPECT_EQ(against(judge_private_network, host),
+            texts{"wlan0 cannot carry a macvlan: the access point of a Wi-Fi station takes frames of one MAC address "
+                  "only; use --network=host, or --upstream-link=ipvlan"});
+  host.upstream_link = upstream_link_kind::ipvlan;
+  EXPECT_EQ(against(judge_private_network, host), texts{});
+}
+
 TEST(network_choice, member_of_a_vrf_carries_a_link) {
   considered_interface member = given_interface({"lan1"}, 4);
-  member.master = given_interface({"red"}, 5, "vrf").facts;
+  member.carrier.master = given_interface({"red"}, 5, "vrf").carrier.link;
   EXPECT_EQ(against(judge_private_network, given_host(given_interface({"wan0"}, 3), member)), texts{});
 }
 

@@ -82,7 +82,7 @@ std::vector<std::string> page_of(moment &shown, bool is_utf8 = false) {
   return lines;
 }
 
-TEST(status_report, groups_and_streams_stand_aligned_under_their_headings) {
+TEST(status_report, groups_and_streams_are_aligned_under_their_headings) {
   moment shown;
   given_two_streams(shown);
   const std::vector<std::string> expected{
@@ -103,7 +103,7 @@ TEST(status_report, groups_and_streams_stand_aligned_under_their_headings) {
   EXPECT_EQ(page_of(shown), expected);
 }
 
-TEST(status_report, interfaces_of_a_private_network_stand_beside_the_hosts_names) {
+TEST(status_report, interfaces_of_a_private_network_are_shown_with_the_hosts_names) {
   moment shown;
   parse_mif_table(shown.now.mifs, " 2 up0 0 0 0 0 00000\n 3 down0 0 0 0 0 00000\n");
   shown.now.mifs.first[0].host_name = {"eth0.2"};
@@ -141,7 +141,7 @@ TEST(status_report, group_without_entry_sends_the_reader_to_the_log) {
   EXPECT_EQ(lines.back(), "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.");
 }
 
-TEST(status_report, entry_whose_listener_is_gone_and_waiting_packets_are_told_apart) {
+TEST(status_report, entry_whose_listener_is_gone_and_waiting_packets_are_distinguished) {
   moment shown;
   given_mifs(shown);
   given_state(shown, three_interfaces, "");
@@ -291,7 +291,7 @@ TEST(status_report, pool_of_groups_is_told_when_nearly_full_and_when_full) {
   }
 }
 
-TEST(status_json, every_figure_stands_in_one_object) {
+TEST(status_json, every_figure_is_in_one_object) {
   moment shown;
   given_two_streams(shown);
   page_of(shown);

@@ -67,7 +67,7 @@ TEST(status_state_files, groups_are_read_with_interface_and_average) {
   free_rows(groups);
 }
 
-TEST(status_kernel_tables, heading_is_no_interface) {
+TEST(status_kernel_tables, heading_is_not_an_interface) {
   rows_of<mif_row> mifs;
   parse_mif_table(mifs, mif_table);
   ASSERT_EQ(mifs.count, 2U);
@@ -94,6 +94,14 @@ TEST(status_kernel_tables, entry_is_read_with_short_addresses_and_outputs) {
   EXPECT_EQ(entries.first[0].bytes, 42616U);
   EXPECT_EQ(entries.first[0].wrong_interface, 5U);
   EXPECT_EQ(entries.first[0].outputs, 1U << 2 | 1U << 31);
+  free_rows(entries);
+}
+
+TEST(status_kernel_tables, shield_is_passed_over) {
+  rows_of<cache_row> entries =
+      entries_of("ff0e:0000:0000:0000:0000:0000:0000:0101 0000:0000:0000:0000:0000:0000:0000:0000 0"
+                 "          0        0        0\n");
+  EXPECT_EQ(entries.count, 0U);
   free_rows(entries);
 }
 
@@ -136,7 +144,7 @@ TEST(status_daemon_process, name_with_blanks_and_brackets_is_read_to_its_last_br
   EXPECT_EQ(facts.start_ticks, 98765U);
 }
 
-TEST(status_daemon_process, stat_that_makes_no_sense_is_refused) {
+TEST(status_daemon_process, malformed_stat_is_refused) {
   process_facts facts{};
   EXPECT_FALSE(parse_process_stat(facts, ""));
   EXPECT_FALSE(parse_process_stat(facts, "7 )tarnwick("));
