@@ -1,5 +1,6 @@
 #include "status/check_kernel.h"
 
+#include "status/cure.h"
 #include "status/raw_socket.h"
 
 #include <cerrno>
@@ -35,6 +36,7 @@ void read_other_holder(kernel_facts &facts, pid_t daemon) {
   list_socket_holders(holders, inodes);
   for (const process_facts &holder : all_rows(holders)) {
     if (!is_ours(holder)) {
+      ++facts.holder_count;
       facts.holder = holder.pid;
       facts.name = holder.name;
     }
@@ -62,11 +64,13 @@ void check_holder(check_list &list, const check_subject &subject, const kernel_f
   } else if (facts.mc_forwarding == 0 && subject.has_daemon) {
     add_check(list, check_result::no, place, "tarnwick (process %d) runs, but nobody holds the routing socket",
               static_cast<int>(subject.daemon.pid));
-    add_cure(list, "systemctl restart tarnwick");
+    add_cure(list, "%s", restart_command());
   } else if (facts.mc_forwarding != 0 && !subject.has_daemon && facts.holder > 0) {
-    add_check(list, check_result::no, place, "another program holds the routing socket: %s (process %d)",
-              facts.name.data(), static_cast<int>(facts.holder));
-    add_cure(list, "kill %d", static_cast<int>(facts.holder));
+    add_check(list, check_result::no, place, "another program holds the routing socket: %s%s (process %d)",
+              facts.holder_count > 1 ? "one of several, perhaps " : "", facts.name.data(),
+              static_cast<int>(facts.holder));
+    add_cure(list, facts.holder_count > 1 ? "ss -6 -w -p # which one routes multicast? Not surely %d" : "kill %d",
+             static_cast<int>(facts.holder));
   } else if (facts.mc_forwarding != 0 && subject.has_daemon) {
     add_check(list, check_result::ok, place, "the routing socket is held (mc_forwarding is %d)", facts.mc_forwarding);
   }

@@ -10,6 +10,7 @@ struct check_subject {
   process_facts daemon;
   bool has_daemon;
   bool has_state;                  // the daemon answered, and `snapshot` holds what it said
+  state_answer answer;             // how the daemon answered; `fresh` while it was not asked
   const struct snapshot *snapshot; // with rates over CHECK_SAMPLE_SECONDS
   text problem;                    // why there is no daemon, or no state; one line or several
 };

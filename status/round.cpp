@@ -172,8 +172,8 @@ bool take_sample(status_round &round, text &problem) {
 }
 
 bool take_snapshot(status_round &round, text &problem) {
-  const state_answer answer = ask_for_state(round.state, round.daemon);
-  if (!say_answer(problem, round.state, answer, errno, round.daemon)) {
+  round.answer = ask_for_state(round.state, round.daemon);
+  if (!say_answer(problem, round.state, round.answer, errno, round.daemon)) {
     return false;
   }
   if (!confirm_state(round.state, problem, round.daemon.pid)) {
