@@ -24,7 +24,7 @@ _tarnwick_values() {
 _tarnwick_options() {
   case $1 in
     tarnwick) echo -v -b -u -d -q -m ;;
-    tarnwick-assist) echo -u --upstream -d --downstream -h --help --version ;;
+    tarnwick-assist) echo -u --upstream -d --downstream --without= -h --help --version ;;
     tarnwick-run)
       echo -u --upstream -d --downstream --network= --upstream-link= --log= --log-file= --log-file-size= --nvram=
       echo --runtime-folder= --preload= --no-assist --assist-options= --explain -h --help --version
