@@ -93,7 +93,7 @@ void say_port(check_list &list, const link_row &port) {
     add_cure(list, "bridge -d link show dev %s", name);
   } else {
     add_check(list, check_result::no, place, "port %s has the group and sends 0 packets of it", name);
-    add_cure(list, "tc -s qdisc show dev %s; bridge -d link show dev %s", name, name);
+    add_cure(list, "nft list ruleset bridge; bridge vlan show dev %s; tc -s qdisc show dev %s", name, name);
   }
 }
 
@@ -147,7 +147,7 @@ void say_no_port(check_list &list, const path_facts &facts, const link_row &brid
     add_cure(list, "ip link set %s type bridge mcast_snooping 0", bridge.name.data());
   } else {
     add_check(list, check_result::no, place, "no port of bridge %s sends the stream", bridge.name.data());
-    add_cure(list, "bridge -d link show # a port needs to be up, forwarding and with mcast_flood on");
+    add_cure(list, "bridge -d link show; bridge vlan show # a port has to be up, forwarding and in the VLAN");
   }
 }
 

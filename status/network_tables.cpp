@@ -66,10 +66,6 @@ void read_port(link_row &link, netlink_bytes data) {
   while (next_attribute(data, attribute)) {
     if (attribute.type == IFLA_BRPORT_STATE) {
       link.port_state = number_in<std::uint8_t>(attribute);
-    } else if (attribute.type == IFLA_BRPORT_MULTICAST_ROUTER) {
-      link.router = number_in<std::uint8_t>(attribute);
-    } else if (attribute.type == IFLA_BRPORT_MCAST_FLOOD) {
-      link.floods = number_in<std::uint8_t>(attribute) != 0;
     }
   }
 }
@@ -98,7 +94,6 @@ bool read_link(link_row &link, netlink_bytes payload) {
   link = link_row{};
   link.index = static_cast<std::uint32_t>(header.ifi_index);
   link.flags = header.ifi_flags;
-  link.floods = true;
   std::uint32_t master = 0;
   netlink_attribute attribute;
   while (next_attribute(payload, attribute)) {

@@ -21,8 +21,6 @@ struct link_row {
   std::uint64_t querier_total_centiseconds; // what that began with
   std::uint32_t bridge;                     // of a bridge's port: index of the bridge; 0: is not a port
   std::uint8_t port_state;                  // of a port: BR_STATE_... (linux/if_bridge.h)
-  std::uint8_t router;                      // of a port: 0 never, 1 learned, 2 always
-  bool floods;                              // of a port: sends groups that nobody has asked for
 };
 
 struct link_local_row {

@@ -88,7 +88,7 @@ bool may_be_replaced(int reason) {
 }
 
 // Reads again when another dump began under the reader's hands.
-state_answer wait_and_read(daemon_state &state, int notifications, uid_t user, const timespec &asked) {
+state_answer wait_and_read(daemon_state &state, int notifications, const process_facts &daemon, const timespec &asked) {
   file_progress progress{false, false};
   int last_reason = 0;
   const std::int64_t deadline = monotonic_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;
@@ -102,10 +102,14 @@ state_answer wait_and_read(daemon_state &state, int notifications, uid_t user, c
       continue;
     }
     progress.is_changed = false;
-    const state_answer answer = read_state(state, user, asked);
+    const state_answer answer = read_state(state, daemon.user, asked);
     const int reason = errno;
     drain_notifications(notifications, progress);
     if (answer == state_answer::unreadable && may_be_replaced(reason)) {
+      // The daemon forgets a request that comes while it writes for somebody else.
+      if (reason == ESTALE && kill(daemon.pid, SIGUSR1) != 0) {
+        return state_answer::cannot_signal;
+      }
       last_reason = reason;
       progress.is_whole = false;
     } else if (!progress.is_changed) {
@@ -126,7 +130,7 @@ state_answer signal_and_read(daemon_state &state, const process_facts &daemon, i
   if (kill(daemon.pid, SIGUSR1) != 0) {
     return state_answer::cannot_signal;
   }
-  return wait_and_read(state, notifications, daemon.user, asked);
+  return wait_and_read(state, notifications, daemon, asked);
 }
 
 } // namespace

@@ -97,7 +97,6 @@ struct check_judgement : testing::Test {
     row.index = index;
     row.flags = static_cast<std::uint32_t>(IFF_UP) | static_cast<std::uint32_t>(IFF_LOWER_UP);
     row.name = interface(name);
-    row.floods = true;
     return add_row(facts.network.links, row);
   }
 
