@@ -101,17 +101,12 @@ state_answer wait_and_read(daemon_state &state, int notifications, const process
     if (!progress.is_whole) {
       continue;
     }
-    progress.is_changed = false;
+    progress = {false, false}; // what comes from here on belongs to another dump
     const state_answer answer = read_state(state, daemon.user, asked);
     const int reason = errno;
     drain_notifications(notifications, progress);
     if (answer == state_answer::unreadable && may_be_replaced(reason)) {
-      // The daemon forgets a request that comes while it writes for somebody else.
-      if (reason == ESTALE && kill(daemon.pid, SIGUSR1) != 0) {
-        return state_answer::cannot_signal;
-      }
       last_reason = reason;
-      progress.is_whole = false;
     } else if (!progress.is_changed) {
       errno = reason;
       return answer;
