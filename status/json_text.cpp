@@ -21,7 +21,8 @@ bool is_code_point(std::uint32_t value, std::uint32_t smallest) {
   return value >= smallest && value <= largest && !is_surrogate;
 }
 
-// Bytes of the character that begins here; 0 if it is not UTF-8 (RFC 3629).
+} // namespace
+
 std::size_t utf8_length(const char *bytes) {
   constexpr unsigned continuation_bits = 6;
   constexpr unsigned char continuation_mask = 0x3f;
@@ -42,8 +43,6 @@ std::size_t utf8_length(const char *bytes) {
   }
   return 0;
 }
-
-} // namespace
 
 void add_json_text(text &json, const char *bytes) {
   constexpr unsigned char first_printable = 0x20;

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <getopt.h>
 
-const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -c [group[,source]]] [-j] [-p pid]\n"
+const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -c [group[,source]] | -P] [-j] [-p pid]\n"
                             "Shows what tarnwick is doing: interfaces, groups and their streams.\n"
                             "\n"
                             "-o, --once             Show it once (the default)\n"
@@ -17,22 +17,21 @@ const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -c [gro
                             "                       Follow a stream's path and say where it stops\n"
                             "-W, --wait             With --check: again until the verdict changes\n"
                             "-j, --json             As JSON, for programs; not with --watch\n"
+                            "-P, --prometheus[=file]\n"
+                            "                       As metrics, to a file that is replaced as a whole\n"
                             "-p, --pid pid          Process of the daemon, if several run\n"
                             "-h, --help             Show this text\n"
                             "-V, --version          Show the version\n";
 
 namespace {
 
-constexpr char option_letters[] = "ow::c::Wjp:hV";
-constexpr option long_options[] = {{"once", no_argument, nullptr, 'o'},
-                                   {"watch", optional_argument, nullptr, 'w'},
-                                   {"check", optional_argument, nullptr, 'c'},
-                                   {"wait", no_argument, nullptr, 'W'},
-                                   {"json", no_argument, nullptr, 'j'},
-                                   {"pid", required_argument, nullptr, 'p'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {nullptr, 0, nullptr, 0}};
+constexpr char option_letters[] = "ow::c::WjP::p:hV";
+constexpr option long_options[] = {
+    {"once", no_argument, nullptr, 'o'},        {"watch", optional_argument, nullptr, 'w'},
+    {"check", optional_argument, nullptr, 'c'}, {"wait", no_argument, nullptr, 'W'},
+    {"json", no_argument, nullptr, 'j'},        {"prometheus", optional_argument, nullptr, 'P'},
+    {"pid", required_argument, nullptr, 'p'},   {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},     {nullptr, 0, nullptr, 0}};
 
 // Returns -1 for anything but a whole number from 1 to `largest`.
 int parse_number(const char *written, int largest) {
@@ -119,6 +118,10 @@ bool apply_option(status_options &options, int letter, int argc, char **argv) {
   case 'j':
     options.is_json = true;
     return true;
+  case 'P':
+    options.mode = status_mode::prometheus;
+    options.metrics_file = optarg;
+    return true;
   case 'p':
     return set_pid(options, optarg);
   case 'h':
@@ -152,8 +155,8 @@ bool parse_status_options(status_options &options, int argc, char **argv) {
     std::fputs("tarnwick-status: --wait needs --check\n", stderr);
     return false;
   }
-  if (options.is_json && options.mode == status_mode::watch) {
-    std::fputs("tarnwick-status: --json does not go with --watch\n", stderr);
+  if (options.is_json && (options.mode == status_mode::watch || options.mode == status_mode::prometheus)) {
+    std::fputs("tarnwick-status: --json does not go with --watch or --prometheus\n", stderr);
     return false;
   }
   if (optind < argc) {

@@ -64,3 +64,17 @@ void list_socket_holders(rows_of<process_facts> &holders, const rows_of<std::uin
   }
   closedir(folder);
 }
+
+bool holds_raw_icmpv6_socket(pid_t pid) {
+  std::array<char, 64> path;
+  std::snprintf(path.data(), path.size(), "/proc/%d/net/raw6", static_cast<int>(pid));
+  text table;
+  rows_of<std::uint64_t> inodes;
+  if (read_file(table, path.data())) {
+    parse_raw_icmpv6_sockets(inodes, text_of(table));
+  }
+  const bool is_holder = inodes.count > 0 && holds_one_of(pid, inodes);
+  free_rows(table);
+  free_rows(inodes);
+  return is_holder;
+}
