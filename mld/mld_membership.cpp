@@ -86,7 +86,7 @@ collected_outputs collect_outputs(log_site site, const mld_group *group, outputs
   return collected;
 }
 
-// The (::, G) entry is not deleted: it stays in the kernel until MRT6_DONE, and a stream that still arrives goes on.
+// Only the entries of the group's own slots go. Where no slot stands for every source, (::, G) stays until MRT6_DONE.
 void leave_upstream(mld_group *group) {
   kernel_request(DROP_HERE, request_log::both, mld_upstream().socket, MLD_OPTION_IPV6_DROP_MEMBERSHIP,
                  membership_request(group->group));
