@@ -6,6 +6,7 @@
 
 #include "mcast_socket.h"
 
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <unistd.h>
@@ -68,6 +69,18 @@ void pause_between(long per_second) {
   nanosleep(&gap, nullptr);
 }
 
+// An address that was just added is refused until the kernel has looked for duplicates.
+void bind_when_ready(int sender, const socket_address &source) {
+  constexpr int most_tries = 500;
+  constexpr long tries_per_second = 100;
+  for (int i = 0; bind(sender, generic(source), source.length) == -1; ++i) {
+    if (errno != EADDRNOTAVAIL || i == most_tries) {
+      give_up("bind");
+    }
+    pause_between(tries_per_second);
+  }
+}
+
 void send_through(int sender, const socket_address &group, unsigned interface, int hop_limit) {
   if (protocol_of(group) == IPPROTO_IPV6) {
     set_option(sender, IPPROTO_IPV6, IPV6_MULTICAST_IF, &interface, sizeof interface, "IPV6_MULTICAST_IF");
@@ -92,9 +105,7 @@ int main(int argc, char **argv) {
   send_through(sender, group, interface, wanted.hop_limit);
   if (wanted.source != nullptr) {
     const socket_address source = to_socket_address(wanted.source, 0, 0);
-    if (bind(sender, generic(source), source.length) == -1) {
-      give_up("bind");
-    }
+    bind_when_ready(sender, source);
   }
   std::signal(SIGTERM, stop);
   long sent = 0;
