@@ -87,10 +87,10 @@ def test_any_source_viewer_goes_on_watching_when_another_lan_asks_for_one_source
     lost_when_healed, lost_when_narrowed = lost(healed), lost(narrowed)
     record_property("lost", f"{lost_when_healed}, without the remedy {lost_when_narrowed} of {PER_SECOND * VIEWING_S}")
     assert kinds_said_upstream(healed)[-1] in ("TO_EX", "IS_EX")
+    # How long the other stays dark depends on when its host reports again: from nothing to the next general query.
     assert "TO_IN" in kinds_said_upstream(narrowed)
     # The kernel reports what it has within a few milliseconds; a busy machine may let TO_IN out before the membership.
     assert lost_when_healed <= PER_SECOND // 2
-    assert lost_when_narrowed > PER_SECOND
 
 
 def test_membership_upstream_ends_with_the_daemons_group(make_lab):
