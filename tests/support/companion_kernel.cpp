@@ -281,7 +281,7 @@ ssize_t __wrap_recvmsg(int, msghdr *header, int flags) {
   std::memcpy(header->msg_name, &from, sizeof(from));
   header->msg_namelen = sizeof(from);
   const std::size_t length = std::min(header->msg_iov[0].iov_len, message.bytes.size());
-  std::memcpy(header->msg_iov[0].iov_base, message.bytes.data(), length);
+  std::copy_n(message.bytes.data(), length, static_cast<std::uint8_t *>(header->msg_iov[0].iov_base));
   write_controls(message, *header);
   return static_cast<ssize_t>(length);
 }
