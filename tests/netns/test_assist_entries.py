@@ -134,7 +134,7 @@ def test_refresh_of_an_any_source_group_loses_nothing(lab, record_property):
     record_property("sent", sent)
     record_property("lost", lost)
     assert kernel_view.shields(lab) == {ANY, GROUP}
-    assert lost <= 2  # a busy machine may let two refreshes come before the shield stands again
+    assert lost <= 2  # one was lost once on a busy machine; why is not known
 
 
 def test_refresh_cuts_the_stream_without_the_shield(lab, record_property):
