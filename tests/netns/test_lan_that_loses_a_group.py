@@ -17,7 +17,7 @@ from traffic import (MLD_V1_REPORT, capture, listen, mld_messages, mute, queries
 BOTH = {ANY: {"br0", "lan1"}}
 OTHER_LAN = {ANY: {"lan1"}}
 PER_SECOND = 50
-SENT = 40 * PER_SECOND
+SENT = 30 * PER_SECOND
 MOST_LOST = 2 * PER_SECOND + 3  # two seconds, and a datagram in each refresh
 ENDED_ON_BR0 = re.compile(r"on interface lan1 still there\. Not dropping\.")
 
@@ -68,14 +68,17 @@ def test_version_1_viewer_stays_on_a_lan_that_loses_the_group(make_lab, record_p
     untouched = start_version_1_viewing(make_lab, "ask-after-leave", "ask-after-end", "add-outputs")
     for lab in (healed, untouched):
         stop(lab.leaver)
-    for lab in (healed, untouched):
+    for lab in (untouched, healed):
         wait_for(lambda lab=lab: ends_on_br0(lab) > lab.ends, END_DEADLINE_S, "end on br0")
+        if lab is untouched:
+            mute(lab, "host1")  # the daemon's next general query would bring its group back
     for lab in (healed, untouched):
         send_frame(lab, "host3", "eth0", frames.report("host3", [("IS_EX", GROUP, ())]))
     wait_for_outputs(untouched, OTHER_LAN)
     lost_when_healed, lost_when_untouched = lost(healed), lost(untouched)
     record_property("lost", f"{lost_when_healed}, without the remedies {lost_when_untouched} of {SENT}")
     assert lost_when_healed <= MOST_LOST
+    assert lost_when_untouched >= SENT // 2
     assert kernel_view.forwarding_of(healed, GROUP) == BOTH
 
 
@@ -110,4 +113,5 @@ def test_lan_that_was_taken_out_is_asked_who_still_listens(make_lab, record_prop
     assert asked_since(untouched, untouched.ended) == []
     lost_when_healed, lost_when_untouched = lost(healed), lost(untouched)
     record_property("lost", f"{lost_when_healed}, without the remedy {lost_when_untouched} of {SENT}")
-    assert lost_when_healed <= MOST_LOST
+    # On a busy machine the output is taken out before the viewer is heard again, and the second question counts.
+    assert lost_when_healed <= MOST_LOST + PER_SECOND
