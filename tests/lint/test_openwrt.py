@@ -50,6 +50,10 @@ def test_one_instance_runs_the_supervisor_and_is_started_again(router):
     assert not [line for line in lines if line.startswith(("set stdout", "set stderr"))], "its log has levels of its own"
 
 
+def test_procd_runs_it_late_in_the_boot(router):
+    assert router.run("echo $START $STOP $USE_PROCD") == (0, ["95 10 1"])
+
+
 def test_networks_stand_for_their_devices_and_each_device_is_watched(router):
     lines = router.start(networks={"wan": "pppoe-w", "lan": "br-lan"}, upstream="wan", downstream="lan eth3")
     assert command(lines)[1:5] == ["-u", "pppoe-w", "-d", "br-lan,eth3"]
@@ -212,6 +216,22 @@ def test_settings_file_starts_nothing_and_is_right_once_it_is_enabled(router):
     networks = {"wan": "eth1", "lan": "br-lan"}
     assert "open " not in router.run("start_service", networks=networks, **settings)[1]
     assert command(router.start(networks=networks, **settings | {"enabled": "1"}))[1:5] == ["-u", "eth1", "-d", "br-lan"]
+
+
+def test_page_about_openwrt_explains_every_option_and_quotes_what_the_script_says(router):
+    page = (FOLDER.parents[1] / "docs" / "openwrt.md").read_text()
+    [table] = re.findall(r"^\| Option \|.*?\n\n", page, re.M | re.S)
+    explained = [name for row in table.strip().splitlines()[2:]
+                 for name in re.findall(r"`(\w+)`", row.split("|")[1])]
+    assert sorted(explained) == sorted(options_of_settings_file())
+    quoted = re.findall(r"^\| `/etc/config/tarnwick: (.*?)`", page, re.M)
+    said = [message for _settings, message in WRONG]
+    _status, lines = router.run("start_service", networks={"lan": "br-lan"}, enabled="1", upstream="eth0",
+                                downstream="br-lan lan")
+    said += [message.removeprefix("/etc/config/tarnwick: ") for message in messages(lines)]
+    assert len(quoted) >= 2 and set(quoted) <= set(said)
+    waiting = router.start(networks={"lan": "br-lan"}, defined="wan", upstream="wan", downstream="lan")
+    assert f"| `{messages(waiting, 'notice')[0]}` |" in page
 
 
 def test_scripts_are_clean():
