@@ -8,6 +8,7 @@ FOLDER = pathlib.Path(__file__).parents[2] / "packaging" / "openwrt"
 INIT = FOLDER / "files" / "tarnwick.init"
 SETTINGS = FOLDER / "files" / "tarnwick.config"
 STUBS = pathlib.Path(__file__).parent / "openwrt" / "stubs.sh"
+NETWORK_STUBS = STUBS.with_name("network.sh")
 SHELLS = [["dash"], ["busybox", "ash"]]
 COMMANDS = ("mkdir", "tr")
 USUAL = {"enabled": "1", "upstream": "eth0.2", "downstream": "br-lan br-iptv"}
@@ -21,7 +22,7 @@ class Router:
         self.shell = subprocess.check_output(["which", shell[0]], text=True).split() + shell[1:]
         self.folder = folder
         self.places = {"RUNTIME_FOLDER": folder / "run" / "tarnwick", "NVRAM_FILE": folder / "etc" / "nvram",
-                       "NETWORK_FUNCTIONS": "/dev/null", "UJAIL": folder / "ujail", "CAPABILITIES": folder / "powers"}
+                       "NETWORK_FUNCTIONS": NETWORK_STUBS, "UJAIL": folder / "ujail", "CAPABILITIES": folder / "powers"}
         (folder / "bin").mkdir()
         for command in COMMANDS:
             (folder / "bin" / command).symlink_to("/bin/busybox")

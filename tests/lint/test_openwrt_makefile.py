@@ -54,21 +54,32 @@ def version():
 def test_package_has_the_projects_version_and_says_what_the_feed_asks_for(settings):
     assert settings["PKG_VERSION"] == version()
     assert settings["PKG_SOURCE"] == f"tarnwick-{version()}.tar.gz"
-    assert settings["PKG_SOURCE_URL"] == f"file://{FOLDER}"
+    assert (settings["PKG_SOURCE_URL"], settings["PKG_HASH"]) == (f"file://{FOLDER}", "skip")
     assert settings["PKG_RELEASE"].isdigit()
     assert re.fullmatch(r"\S.* <\S+@\S+>", settings["PKG_MAINTAINER"])
     assert settings["URL"].startswith("https://")
     assert settings["PKG_LICENSE"] == "MIT" and (PROJECT / settings["PKG_LICENSE_FILES"]).is_file()
-    assert len(settings["TITLE"]) < 60 and (settings["SECTION"], settings["CATEGORY"]) == ("net", "Network")
+    assert 0 < len(settings["TITLE"]) < 60
+    assert (settings["SECTION"], settings["CATEGORY"]) == ("net", "Network")
+    assert settings["SUBMENU"] == "Routing and Redirection"
+    for line in ("Joins IPv6 multicast groups", "so that IPTV streams", "needs kmod-macvlan and kmod-veth."):
+        assert line in make("--dry-run")
+
+
+def test_package_needs_a_kernel_that_routes_multicast_and_no_other_package(settings):
+    assert settings["DEPENDS"] == "@IPV6 @KERNEL_IPV6_MROUTE"
 
 
 def test_flags_of_the_compiler_are_the_build_roots(settings):
     assert settings["PKG_BUILD_FLAGS"] == "gc-sections lto"
     assert settings["CMAKE_OPTIONS"].split() == ["-DTARNWICK_FIRMWARE=file"]
-    assert "CONFIG_TARNWICK_FIRMWARE_LIBS" in (FOLDER / "Makefile").read_text()
+    assert settings["PKG_INSTALL"] == "1"
 
 
-def test_firmwares_libraries_can_be_chosen():
+def test_firmwares_libraries_can_be_chosen(settings):
+    assert settings["PKG_CONFIG_DEPENDS"] == "CONFIG_TARNWICK_FIRMWARE_LIBS"
+    choice = r"^  config TARNWICK_FIRMWARE_LIBS\n    bool \".+\"\n    depends on PACKAGE_tarnwick\n    default n$"
+    assert re.search(choice, make("--dry-run"), re.M)
     assert "CMAKE_OPTIONS=-DTARNWICK_FIRMWARE=libs\n" in make("--dry-run", "CONFIG_TARNWICK_FIRMWARE_LIBS=y")
 
 
@@ -140,6 +151,8 @@ def test_feeds_scripts_refuse_programs_that_do_not_work(feed_test, tmp_path):
     assert status == 1
     for complaint in ("cannot be preloaded", "does not refuse a command line", "--explain says"):
         assert complaint in said
+    killed = broken_programs(tmp_path / "killed", **programs | {"tarnwick_run": "echo --network=private would; exit 9"})
+    assert "--explain fails" in feed_test("test.sh", programs=killed)[1]
 
 
 def test_scripts_of_the_feed_are_clean():

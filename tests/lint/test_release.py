@@ -113,8 +113,8 @@ def test_archive_holds_the_committed_files_of_nobody_in_particular(sources):
 def test_checksums_and_changes_belong_to_the_release(sources):
     assert release(sources) == (0, "")
     output = sources / "build" / f"release-{VERSION}"
-    done = subprocess.run(["sha256sum", "--check", "--strict", "SHA256SUMS"], cwd=output, capture_output=True, text=True,
-                          check=False)
+    done = subprocess.run(["sha256sum", "--check", "--strict", "SHA256SUMS"], cwd=output, capture_output=True,
+                          text=True, check=False)
     assert (done.returncode, done.stdout.count(": OK")) == (0, 2)
     assert (output / f"tarnwick-{VERSION}-changes.md").read_text() == "## 1.2.3, 1 March\n\n- The one that counts.\n"
 

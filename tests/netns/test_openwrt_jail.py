@@ -9,6 +9,7 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import subprocess
 import sys
 
@@ -19,11 +20,12 @@ import supervisor
 from laboratory import PROGRAMS, PROGRAMS_IN_ROUTER, child_of, log_of, run, send_signal, start, wait_for, wait_for_end
 from traffic import listen, received, send_stream
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "lint"))
+sys.path.append(str(pathlib.Path(__file__).parents[1] / "lint"))
 from openwrt_router import FOLDER, SHELLS, Router  # noqa: E402
 
 GROUP = "ff0e::1:2:3"
 DEADLINE_S = 80
+FEW_LINES = 20
 # Bits of linux/capability.h: SETPCAP, NET_ADMIN, NET_RAW, and SYS_PTRACE, SYS_ADMIN.
 HOST_POWERS = 1 << 8 | 1 << 12 | 1 << 13
 PRIVATE_POWERS = HOST_POWERS | 1 << 19 | 1 << 21
@@ -48,6 +50,11 @@ mount --bind $jail/proc/sys $jail/proc/sys
 mount -o remount,bind,ro $jail/proc/sys
 show /dev/null /dev/null
 exec chroot $jail "$@"
+"""
+# procd gives a service that asks for nothing else /dev/null; then the log goes to syslog.
+SHOW_SYSTEM_LOG = """
+show /tmp/log /dev/log
+exec 2>/dev/null
 """
 
 
@@ -95,7 +102,7 @@ def capability_options(lines):
             "--ambient-caps=" + kind("ambient"), "--no-new-privs"]
 
 
-def jail_script(lines, left_out=()):
+def jail_script(lines, left_out=(), before_start=""):
     shown = [line for line in lines if line.startswith("jail ")]
     assert shown == ["jail tarnwick log procfs"]
     program = words_after(lines, "set command")[0]
@@ -104,16 +111,16 @@ def jail_script(lines, left_out=()):
         steps += [f"show_for_reading {place_in_router(path)} {path}"] if path not in left_out else []
     for path in words_after(lines, "mount_rw"):
         steps += [f"show {place_in_router(path)} {path}"] if path not in left_out else []
-    setpriv = "/usr/bin/setpriv"
-    for path in sorted({setpriv, *libraries_of(PROGRAMS / "tarnwick-run"), *libraries_of(setpriv)}):
+    setpriv, suppressions = "/usr/bin/setpriv", f"{PROGRAMS_IN_ROUTER}/lsan.supp"  # what only the test needs
+    for path in sorted({setpriv, suppressions, *libraries_of(PROGRAMS / "tarnwick-run"), *libraries_of(setpriv)}):
         steps.append(f"show_for_reading {os.path.realpath(path)} {path}")
-    return "\n".join(steps) + MAKE_PROC
+    return "\n".join(steps) + before_start + MAKE_PROC
 
 
-def start_jailed(lab, lines, left_out=()):
+def start_jailed(lab, lines, **differences):
     command = words_after(lines, "set command") + words_after(lines, "append command")
     return start(lab, "router", "unshare", "--mount", "--pid", "--fork", "--kill-child", "--propagation", "private",
-                 "sh", "-c", jail_script(lines, left_out), "sh", "setpriv", *capability_options(lines), *command,
+                 "sh", "-c", jail_script(lines, **differences), "sh", "setpriv", *capability_options(lines), *command,
                  environment=supervisor.ENVIRONMENT | {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
 
 
@@ -141,6 +148,18 @@ def test_everything_works_with_what_the_jail_shows(lab, asked):
     assert wait_for_end(jailed, DEADLINE_S) == 0
     assert kernel_view.multicast_interfaces(lab) == {}
     assert list((lab.router_tmp / "run" / "tarnwick").iterdir()) == []
+
+
+def test_its_log_comes_out_of_the_jail_by_syslog(lab, asked):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as system_log:
+        system_log.bind(str(lab.router_tmp / "log"))
+        system_log.settimeout(DEADLINE_S)
+        start_jailed(lab, asked(), before_start=SHOW_SYSTEM_LOG)
+        lines = [""]
+        while "Streams from wan0 can flow to br0" not in lines[-1]:
+            lines.append(system_log.recv(2048).decode())
+            assert re.match(r"<\d+>.* tarnwick-run\[\d+\]: (?![DI]:)", lines[-1]), "only the daemon's errors"
+            assert len(lines) < FEW_LINES, lines
 
 
 @pytest.mark.parametrize("missing, complaint", [

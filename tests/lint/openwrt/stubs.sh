@@ -1,6 +1,6 @@
-# Stands in for the parts of OpenWrt's rc.common, functions.sh, network.sh, procd.sh, jshn.sh and validate.sh that the
-# init script calls. Settings come from variables CONFIG_<section>_<option>, devices of networks from DEVICE_<network>,
-# the networks of /etc/config/network from NETWORKS. Every request is printed.
+# Stands in for the parts of OpenWrt's rc.common, functions.sh, procd.sh, jshn.sh and validate.sh that the init script
+# calls. Settings come from variables CONFIG_<section>_<option>, the networks of /etc/config/network from NETWORKS.
+# Every request is printed.
 # shellcheck shell=dash disable=SC3043,SC2034
 
 config_load() { echo "config_load $1"; }
@@ -63,18 +63,6 @@ uci_load_validate() {
 		fi
 	done
 	"$callback" "$section" "$result"
-}
-
-network_flush_cache() { echo network_flush_cache; }
-
-network_get_device() {
-	local found=
-	case "$2" in
-	*[!A-Za-z0-9_]*) ;;
-	*) eval "found=\${DEVICE_$2:-}" ;;
-	esac
-	unset "$1"
-	[ -n "$found" ] && eval "$1=\$found"
 }
 
 uci() {
