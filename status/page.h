@@ -25,6 +25,7 @@ enum class alignment { left, right };
 struct column {
   const char *heading;
   alignment side;
+  int leave_out{}; // where the table is too wide: 1 goes first, 2 next; 0 never goes
 };
 
 // Cells are added row by row, as many as there are columns.
@@ -40,7 +41,7 @@ void add_cell(table &table, const char *cell);
 void add_number_cell(table &table, unsigned long long number);
 
 // Adds the heading and the rows, every column as wide as its widest cell, no blanks at line ends. A table without rows
-// adds nothing.
-void add_table(page &page, const table &table);
+// adds nothing. One that is wider than `columns` (0: unlimited) loses columns that it can do without, until it fits.
+void add_table(page &page, const table &table, std::size_t columns);
 
 void free_table(table &table);

@@ -12,12 +12,14 @@ struct traffic_sample {
   std::int64_t milliseconds; // monotonic_milliseconds() at the reading
   rows_of<mif_row> mifs;
   rows_of<cache_row> entries;
+  rows_of<device_row> devices;
 };
 
 struct interface_row {
   interface_counters counters;
   bool is_upstream;
-  const mif_row *mif; // null: the kernel has no such MIF
+  const mif_row *mif;  // null: the kernel has no such MIF
+  bool is_made_anew{}; // the kernel's interface of this name has another index than the MIF
 };
 
 enum class stream_kind {
@@ -33,6 +35,19 @@ struct stream_row {
   const cache_row *entry; // null for no_entry
   double bits_per_second;
   double packets_per_second;
+  std::uint64_t packets{}; // since the first look; an entry that was made anew goes on counting
+  std::uint64_t bytes{};
+  std::uint32_t silent_outputs{}; // bit n: MIF n, to which the kernel forwards but which does not transmit
+};
+
+// What a stream's earlier entries had counted when they were made anew.
+struct stream_total {
+  group_text group;
+  group_text origin;
+  std::uint64_t packets; // of the newest entry
+  std::uint64_t bytes;
+  std::uint64_t carried_packets; // of those before it
+  std::uint64_t carried_bytes;
 };
 
 // One line per group that the daemon holds or the kernel forwards, with its interfaces and streams.
@@ -44,12 +59,15 @@ struct group_row {
   std::size_t stream_count;
 };
 
+inline constexpr std::size_t MOST_TOTALS = 1024;
+
 struct snapshot {
   process_facts daemon;
   rows_of<interface_row> interfaces;
   rows_of<group_line> listeners; // ordered by group
   rows_of<stream_row> streams;   // ordered by group
   rows_of<group_row> groups;     // by address, the static tree last
+  rows_of<stream_total> totals;  // over all looks at this daemon, at most MOST_TOTALS
   const rows_of<mif_row> *mifs;  // of the newer sample
   bool has_rates;                // there was an earlier moment to compare with
   double sample_seconds;         // between the two moments
