@@ -27,10 +27,10 @@ void end_value(json_document &document, std::size_t index, const char *place) {
 bool parse_string(json_document &document, const char *&place) {
   const std::size_t index = begin_value(document, json_kind::string, ++place);
   while (*place != '"') {
-    place += place[0] == '\\' && place[1] != '\0' ? 2 : 1;
     if (*place == '\0') {
       return false;
     }
+    place += place[0] == '\\' && place[1] != '\0' ? 2 : 1;
   }
   end_value(document, index, place++);
   return true;
