@@ -118,7 +118,7 @@ void build_watched_page(page &page, text &problem, status_round &round, const st
   }
   line_buffer line;
   for (const char *place = text_of(problem); next_line(line, place);) {
-    add_line(page, line_style::warning, line.data());
+    add_paragraph(page, line_style::warning, line.data(), screen.table_columns);
   }
 }
 

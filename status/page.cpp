@@ -102,6 +102,23 @@ void add_line(page &page, line_style style, const char *line) {
   add_bytes(page.bytes, "", 1);
 }
 
+void add_paragraph(page &page, line_style style, const char *line, std::size_t columns) {
+  const char *rest = line;
+  while (columns > 0 && columns_of(rest) > columns) {
+    std::size_t length = bytes_of_columns(rest, columns);
+    while (length > 0 && rest[length] != ' ') {
+      --length;
+    }
+    length = length > 0 ? length : bytes_of_columns(rest, columns);
+    text part;
+    add_bytes(part, rest, length);
+    add_line(page, style, text_of(part));
+    free_rows(part);
+    rest += length + std::strspn(rest + length, " ");
+  }
+  add_line(page, style, rest);
+}
+
 const char *line_text(const page &page, const page_line &line) { return page.bytes.first + line.offset; }
 
 void begin_row(table &table, line_style style) { add_row(table.row_styles, style); }

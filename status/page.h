@@ -18,6 +18,10 @@ struct page {
 void clear_page(page &page);
 void free_page(page &page);
 void add_line(page &page, line_style style, const char *line);
+
+// The same, broken at blanks into lines of at most `columns` (0: unlimited).
+void add_paragraph(page &page, line_style style, const char *line, std::size_t columns);
+
 const char *line_text(const page &page, const page_line &line);
 
 enum class alignment { left, right };

@@ -24,7 +24,7 @@ constexpr std::array group_columns{column{"GROUP", alignment::left},          co
 
 bool has_host_name(const interface_row &row) { return row.mif != nullptr && row.mif->host_name[0] != '\0'; }
 
-void add_title(page &page, const snapshot &snapshot) {
+void add_title(page &page, const snapshot &snapshot, std::size_t columns) {
   std::size_t held = 0;
   std::size_t entries = 0;
   for (const group_row &group : all_rows(snapshot.groups)) {
@@ -45,7 +45,7 @@ void add_title(page &page, const snapshot &snapshot) {
   }
   add_text(title, ": %zu interface%s, %zu group%s, %zu forwarding entr%s", snapshot.interfaces.count,
            snapshot.interfaces.count == 1 ? "" : "s", held, held == 1 ? "" : "s", entries, entries == 1 ? "y" : "ies");
-  add_line(page, line_style::plain, text_of(title));
+  add_paragraph(page, line_style::plain, text_of(title), columns);
   free_rows(title);
 }
 
@@ -60,18 +60,49 @@ void add_interface_name(table &table, const interface_row &row) {
   free_rows(name);
 }
 
-const char *note_of(const interface_row &row) {
+// What keeps the daemon from serving the interface; "" if nothing does.
+const char *fault_of(const interface_row &row) {
   if (std::strcmp(row.counters.name.data(), GONE_INTERFACE) == 0) {
-    return "interface is gone: restart";
+    return "interface is gone";
   }
   if (row.mif == nullptr) {
-    return "not in the kernel's routing: restart";
+    return "not in the kernel's routing";
   }
-  return row.is_made_anew ? "made anew, other index: restart" : "";
+  return row.is_made_anew ? "made anew, other index" : "";
 }
 
-void add_interface(table &table, const interface_row &row) {
-  begin_row(table, note_of(row)[0] != '\0' ? line_style::warning : line_style::plain);
+// Upstream nobody asks in the place of the provider's router.
+void add_interface_note(text &note, const snapshot &snapshot, const interface_row &row) {
+  const char *fault = fault_of(row);
+  if (fault[0] != '\0') {
+    add_text(note, "%s: %s", fault, snapshot.daemon.supervisor_network != 0 ? "tarnwick-run sees to it" : "restart");
+  } else if (!row.is_upstream && row.querier == other_querier::silent) {
+    add_text(note, "other querier lost: silent for %s", duration_text(row.silent_seconds).data());
+  } else if (!row.is_upstream && row.querier == other_querier::asks) {
+    add_text(note, "another querier asks");
+  }
+}
+
+bool needs_attention(const interface_row &row) {
+  return fault_of(row)[0] != '\0' || (!row.is_upstream && row.querier == other_querier::silent);
+}
+
+void add_traffic_cells(table &table, const mif_row *mif) {
+  constexpr int cells = 4;
+  if (mif == nullptr) {
+    for (int missing = 0; missing < cells; ++missing) {
+      add_cell(table, "-");
+    }
+    return;
+  }
+  add_number_cell(table, mif->packets_in);
+  add_cell(table, bytes_text(mif->bytes_in).data());
+  add_number_cell(table, mif->packets_out);
+  add_cell(table, bytes_text(mif->bytes_out).data());
+}
+
+void add_interface(table &table, const snapshot &snapshot, const interface_row &row) {
+  begin_row(table, needs_attention(row) ? line_style::warning : line_style::plain);
   add_interface_name(table, row);
   add_cell(table, row.is_upstream ? "upstream" : "downstream");
   if (row.mif != nullptr) {
@@ -83,24 +114,17 @@ void add_interface(table &table, const interface_row &row) {
        {row.counters.queries, row.counters.joins, row.counters.leaves, row.counters.timeouts}) {
     add_number_cell(table, static_cast<std::uint32_t>(counter));
   }
-  if (row.mif == nullptr) {
-    for (int missing = 0; missing < 4; ++missing) {
-      add_cell(table, "-");
-    }
-    add_cell(table, note_of(row));
-    return;
-  }
-  add_number_cell(table, row.mif->packets_in);
-  add_cell(table, bytes_text(row.mif->bytes_in).data());
-  add_number_cell(table, row.mif->packets_out);
-  add_cell(table, bytes_text(row.mif->bytes_out).data());
-  add_cell(table, note_of(row));
+  add_traffic_cells(table, row.mif);
+  text note;
+  add_interface_note(note, snapshot, row);
+  add_cell(table, text_of(note));
+  free_rows(note);
 }
 
 void add_interfaces(page &page, const snapshot &snapshot, std::size_t columns) {
   table table{interface_columns, {}, {}, {}};
   for (const interface_row &row : all_rows(snapshot.interfaces)) {
-    add_interface(table, row);
+    add_interface(table, snapshot, row);
   }
   add_table(page, table, columns);
   free_table(table);
@@ -185,7 +209,7 @@ const stream_row *find_static_tree(const snapshot &snapshot) {
 }
 
 // Not a group: it takes what no entry of a group takes.
-void add_static_tree(page &page, const snapshot &snapshot) {
+void add_static_tree(page &page, const snapshot &snapshot, std::size_t columns) {
   const stream_row *tree = find_static_tree(snapshot);
   if (tree == nullptr) {
     return;
@@ -196,7 +220,7 @@ void add_static_tree(page &page, const snapshot &snapshot) {
     add_text(line, ", %s now", rate_text(tree->bits_per_second).data());
   }
   add_line(page, line_style::plain, "");
-  add_line(page, line_style::faint, text_of(line));
+  add_paragraph(page, line_style::faint, text_of(line), columns);
   free_rows(line);
 }
 
@@ -210,13 +234,18 @@ void add_groups(page &page, const snapshot &snapshot, bool is_utf8, std::size_t 
   add_table(page, table, columns);
   free_table(table);
   if (snapshot.groups.count == 0) {
-    add_line(page, line_style::plain, "No group has a listener, and the kernel forwards nothing.");
+    add_paragraph(page, line_style::plain, "No group has a listener, and the kernel forwards nothing.", columns);
   }
-  add_static_tree(page, snapshot);
+  add_static_tree(page, snapshot, columns);
+}
+
+void add_hint(page &page, const char *hint, std::size_t columns) {
+  add_line(page, line_style::plain, "");
+  add_paragraph(page, line_style::warning, hint, columns);
 }
 
 // The daemon forwards no further group once its pool is empty.
-void add_pool_note(page &page, const snapshot &snapshot) {
+void add_pool_note(page &page, const snapshot &snapshot, std::size_t columns) {
   constexpr std::size_t pool_size = 128; // records of groups, one for each group on each interface
   constexpr std::size_t nearly_full = 116;
   const std::size_t used = snapshot.listeners.count;
@@ -227,8 +256,7 @@ void add_pool_note(page &page, const snapshot &snapshot) {
   add_text(line, "%zu of %zu group records are in use: %s", used, pool_size,
            used >= pool_size ? "no further group is forwarded until hosts leave some."
                              : "soon no further group will be forwarded.");
-  add_line(page, line_style::plain, "");
-  add_line(page, line_style::warning, text_of(line));
+  add_hint(page, text_of(line), columns);
   free_rows(line);
 }
 
@@ -238,22 +266,25 @@ bool has_stream(const snapshot &snapshot, stream_kind kind) {
 }
 
 // An any-source entry forwards only along the static tree.
-void add_hints(page &page, const snapshot &snapshot) {
+void add_hints(page &page, const snapshot &snapshot, std::size_t columns) {
   const std::span<stream_row> streams = all_rows(snapshot.streams);
   const bool needs_tree = std::any_of(streams.begin(), streams.end(), [](const stream_row &stream) {
     return stream.kind == stream_kind::wanted && std::strcmp(stream.entry->origin.data(), "::") == 0;
   });
   if (needs_tree && !has_stream(snapshot, stream_kind::static_tree)) {
-    add_line(page, line_style::plain, "");
-    add_line(page, line_style::warning,
-             "The static tree is missing, so any-source groups do not flow on a mainline kernel: "
-             "start tarnwick-assist.");
+    text hint;
+    add_text(hint, "The static tree is missing, so any-source groups do not flow on a mainline kernel: ");
+    if (snapshot.companion == 0) {
+      add_text(hint, "start tarnwick-assist.");
+    } else {
+      add_text(hint, "tarnwick-assist runs (process %d): look at its log.", static_cast<int>(snapshot.companion));
+    }
+    add_hint(page, text_of(hint), columns);
+    free_rows(hint);
   }
-  add_pool_note(page, snapshot);
+  add_pool_note(page, snapshot, columns);
   if (has_stream(snapshot, stream_kind::no_entry)) {
-    add_line(page, line_style::plain, "");
-    add_line(page, line_style::warning,
-             "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.");
+    add_hint(page, "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.", columns);
   }
 }
 
@@ -291,10 +322,10 @@ void add_output_names(text &names, std::uint32_t outputs, const rows_of<mif_row>
 }
 
 void add_report(page &page, const snapshot &snapshot, bool is_utf8, std::size_t columns) {
-  add_title(page, snapshot);
+  add_title(page, snapshot, columns);
   add_line(page, line_style::plain, "");
   add_interfaces(page, snapshot, columns);
   add_line(page, line_style::plain, "");
   add_groups(page, snapshot, is_utf8, columns);
-  add_hints(page, snapshot);
+  add_hints(page, snapshot, columns);
 }

@@ -188,5 +188,6 @@ bool take_snapshot(status_round &round, text &problem) {
   round.sampled_daemon = round.daemon.pid;
   join_snapshot(round.joined, round.daemon, round.state, round.samples[is_comparable ? older : round.newest],
                 round.samples[round.newest]);
+  find_companion(round.joined);
   return true;
 }

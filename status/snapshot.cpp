@@ -89,11 +89,40 @@ bool is_made_anew(const traffic_sample &now, const mif_row *mif) {
   return device != nullptr && device->index != 0 && device->index != mif->number;
 }
 
+heard_queries &heard_on(snapshot &joined, const interface_counters &counters) {
+  for (heard_queries &heard : all_rows(joined.heard)) {
+    if (is_same(heard.interface, counters.name) && is_same(heard.protocol, counters.protocol)) {
+      return heard;
+    }
+  }
+  return add_row(joined.heard, heard_queries{counters.name, counters.protocol, counters.queries, -1});
+}
+
+void watch_querier(snapshot &joined, interface_row &row, const traffic_sample &now) {
+  constexpr std::int64_t milliseconds_per_second = 1000;
+  constexpr long missed_seconds = 125 + 10; // query interval and response interval, RFC 3810 sections 9.2 and 9.3
+  constexpr long taken_back_seconds = 300;  // MLD_OTHER_QUERIER_INTERVAL_S of mld/mld_timing.h
+  heard_queries &heard = heard_on(joined, row.counters);
+  if (heard.count != row.counters.queries) {
+    heard.count = row.counters.queries;
+    heard.heard_at = now.milliseconds;
+  }
+  if (heard.heard_at < 0) {
+    return;
+  }
+  row.silent_seconds = static_cast<long>((now.milliseconds - heard.heard_at) / milliseconds_per_second);
+  if (row.silent_seconds <= missed_seconds) {
+    row.querier = other_querier::asks;
+  } else if (row.silent_seconds <= taken_back_seconds) {
+    row.querier = other_querier::silent;
+  }
+}
+
 // The daemon lists its upstream interface last.
 void join_interfaces(snapshot &joined, const daemon_state &state, const traffic_sample &now) {
   for (const interface_counters &counters : all_rows(state.interfaces)) {
     const mif_row *mif = mif_of(now, counters.name);
-    add_row(joined.interfaces, interface_row{counters, false, mif, is_made_anew(now, mif)});
+    watch_querier(joined, add_row(joined.interfaces, interface_row{counters, false, mif, is_made_anew(now, mif)}), now);
   }
   if (joined.interfaces.count > 0) {
     joined.interfaces.first[joined.interfaces.count - 1].is_upstream = true;
@@ -246,6 +275,7 @@ void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_s
                    const traffic_sample &before, const traffic_sample &now) {
   if (joined.daemon.pid != daemon.pid || joined.daemon.start_ticks != daemon.start_ticks) {
     clear_rows(joined.totals);
+    clear_rows(joined.heard);
   }
   joined.daemon = daemon;
   clear_rows(joined.interfaces);
@@ -263,4 +293,16 @@ void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_s
     join_streams(joined, state, before, now, group);
   }
   find_silent_outputs(joined, before, now);
+}
+
+void find_companion(snapshot &joined) {
+  joined.companion = 0;
+  rows_of<process_facts> companions;
+  list_processes(companions, COMPANION_NAME);
+  for (const process_facts &companion : all_rows(companions)) {
+    if (is_trusted(companion) && companion.network == joined.daemon.network) {
+      joined.companion = companion.pid;
+    }
+  }
+  free_rows(companions);
 }

@@ -84,8 +84,8 @@ def test_ctrl_z_gives_the_terminal_back_until_it_goes_on(lab):
 def test_resize_draws_the_page_again(lab):
     terminal = Terminal(lab, columns=30)
     terminal.wait_for(b"tarnwick does not run here", "first page")
-    assert b"systemctl start" not in terminal.shown
+    assert b"tarnwick does not run here: start" not in terminal.shown  # broken at blanks
     fcntl.ioctl(terminal.master, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 200, 0, 0))
-    terminal.wait_for(b"systemctl start", "wider page")
+    terminal.wait_for(b"tarnwick does not run here: start it, for example with 'systemctl start", "wider page")
     os.write(terminal.master, b"q")
     assert terminal.wait_for_end() == 0

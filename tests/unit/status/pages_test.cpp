@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,6 +31,8 @@ struct moment {
     free_rows(joined.listeners);
     free_rows(joined.streams);
     free_rows(joined.groups);
+    free_rows(joined.totals);
+    free_rows(joined.heard);
   }
 };
 
@@ -132,6 +135,16 @@ TEST(status_report, missing_static_tree_is_named_as_the_reason) {
                                    "start tarnwick-assist.");
 }
 
+TEST(status_report, missing_static_tree_beside_a_companion_that_runs_sends_the_reader_to_its_log) {
+  moment shown;
+  given_mifs(shown);
+  given_state(shown, three_interfaces, "ifname: br0 group: ff0e::101 average: 1\n");
+  given_entries(shown.now, 11000, std::string(any_entry) + "0 0 0 3:1\n");
+  shown.joined.companion = 4712;
+  EXPECT_EQ(page_of(shown).back(), "The static tree is missing, so any-source groups do not flow on a mainline kernel: "
+                                   "tarnwick-assist runs (process 4712): look at its log.");
+}
+
 TEST(status_report, group_without_entry_sends_the_reader_to_the_log) {
   moment shown;
   given_mifs(shown);
@@ -207,9 +220,33 @@ TEST(status_report, tables_fit_eighty_columns_without_the_least_needed_ones) {
 TEST(status_report, note_and_name_stay_in_the_narrowest_window) {
   moment shown;
   given_two_streams(shown);
-  const std::vector<std::string> lines = page_in(shown, 1);
-  EXPECT_EQ(lines[2], "INTERFACE  NOTE");
-  EXPECT_EQ(lines[7], "GROUP         NOTE");
+  const std::vector<std::string> lines = page_in(shown, 12);
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "INTERFACE  NOTE"), lines.end());
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "GROUP         NOTE"), lines.end());
+}
+
+TEST(status_report, hints_and_title_are_broken_at_blanks_and_lose_nothing) {
+  moment shown;
+  given_mifs(shown);
+  given_state(shown, three_interfaces, "ifname: br0 group: ff0e::101 average: 1\n");
+  given_entries(shown.now, 11000, std::string(any_entry) + "0 0 0 3:1\n");
+  const std::vector<std::string> lines = page_in(shown, 40);
+  const std::vector<std::string> title{"tarnwick 4711, up 0 s: 3 interfaces, 1", "group, 1 forwarding entry"};
+  const std::vector<std::string> hint{"The static tree is missing, so", "any-source groups do not flow on a",
+                                      "mainline kernel: start tarnwick-assist."};
+  EXPECT_EQ(std::vector(lines.begin(), lines.begin() + 2), title);
+  EXPECT_EQ(std::vector(lines.end() - 3, lines.end()), hint);
+}
+
+TEST(status_page, word_that_is_wider_than_the_window_is_cut) {
+  page built;
+  add_paragraph(built, line_style::plain, "ab cdefgh  i", 3);
+  std::string lines;
+  for (const page_line &line : all_rows(built.lines)) {
+    lines += std::string(line_text(built, line)) + "|";
+  }
+  EXPECT_EQ(lines, "ab|cde|fgh|i|");
+  free_page(built);
 }
 
 TEST(status_report, longest_addresses_leave_room_for_the_note) {
@@ -264,6 +301,41 @@ TEST(status_report, interface_made_anew_is_told_from_its_mif) {
   EXPECT_FALSE(lines[3].ends_with("restart")) << lines[3];
   EXPECT_TRUE(lines[4].ends_with("made anew, other index: restart")) << lines[4];
   free_rows(shown.now.devices);
+}
+
+TEST(status_report, what_a_supervisor_sees_to_is_left_to_it) {
+  moment shown;
+  shown.daemon.supervisor_network = 1;
+  given_state(shown, "[MLD]ifname: wan0 query: 0 join: 0 leave: 0 timeout: 0\n", "");
+  EXPECT_TRUE(page_of(shown)[3].ends_with("not in the kernel's routing: tarnwick-run sees to it"));
+}
+
+// br0's row after a look in which so many queries of others had been counted there.
+std::string row_of_br0(moment &shown, int queries, std::int64_t milliseconds) {
+  clear_rows(shown.state.interfaces);
+  const std::string counters = " join: 0 leave: 0 timeout: 0\n";
+  const std::string all = "[MLD]ifname: br0 query: " + std::to_string(queries) + counters +
+                          "[MLD]ifname: wan0 query: " + std::to_string(queries) + counters;
+  parse_type_messages(shown.state.interfaces, all.c_str());
+  shown.now.milliseconds = milliseconds;
+  const std::vector<std::string> lines = page_of(shown);
+  EXPECT_TRUE(lines[3].ends_with("0 B")) << lines[3]; // upstream nothing is said
+  return lines[4];
+}
+
+TEST(status_report, querier_is_told_while_it_asks_and_when_it_is_lost) {
+  moment shown;
+  given_mifs(shown);
+  EXPECT_TRUE(row_of_br0(shown, 7, 0).ends_with("1.50 MB")); // since when is not known
+  EXPECT_TRUE(row_of_br0(shown, 7, 2000).ends_with("1.50 MB"));
+  EXPECT_TRUE(row_of_br0(shown, 8, 4000).ends_with("another querier asks"));
+  EXPECT_TRUE(row_of_br0(shown, 8, 139999).ends_with("another querier asks"));
+  EXPECT_TRUE(row_of_br0(shown, 8, 140000).ends_with("other querier lost: silent for 2 min 16 s"));
+  EXPECT_TRUE(row_of_br0(shown, 8, 304000).ends_with("other querier lost: silent for 5 min 0 s"));
+  EXPECT_TRUE(row_of_br0(shown, 8, 305000).ends_with("1.50 MB")); // the daemon asks again
+  EXPECT_TRUE(row_of_br0(shown, 9, 306000).ends_with("another querier asks"));
+  shown.daemon.start_ticks -= 1; // another daemon
+  EXPECT_TRUE(row_of_br0(shown, 9, 307000).ends_with("1.50 MB"));
 }
 
 TEST(status_report, interface_that_is_gone_is_told) {
