@@ -8,12 +8,13 @@
 
 namespace {
 
+constexpr char usual_place[] = "/tmp/tarnwick_type_messages"; // as the daemon itself calls it
+
 void say_none(text &problem) {
   add_text(problem, "tarnwick does not run here: start it, for example with 'systemctl start tarnwick'");
-  const long age = seconds_since_written(TYPE_MESSAGES_PATH, geteuid());
+  const long age = seconds_since_written(usual_place, geteuid());
   if (age >= 0) {
-    add_text(problem, "\n(%s is %s old and says nothing about the present)", TYPE_MESSAGES_PATH,
-             duration_text(age).data());
+    add_text(problem, "\n(%s is %s old and says nothing about the present)", usual_place, duration_text(age).data());
   }
 }
 
@@ -65,17 +66,18 @@ bool check_wanted(process_facts &daemon, text &problem, pid_t wanted) {
   return true;
 }
 
-void say_no_answer(text &problem, const process_facts &daemon) {
+void say_no_answer(text &problem, const state_paths &paths, const process_facts &daemon) {
   constexpr int milliseconds_per_second = 1000;
-  const long age = seconds_since_written(TYPE_MESSAGES_PATH, daemon.user);
+  const char *file = paths.type_messages.data();
+  const long age = seconds_since_written(file, daemon.user);
   add_text(problem, "tarnwick (process %d) wrote no state within %d s; ", static_cast<int>(daemon.pid),
            ANSWER_DEADLINE_MILLISECONDS / milliseconds_per_second);
   if (age >= 0) {
-    add_text(problem, "%s is stale, %s old\n", TYPE_MESSAGES_PATH, duration_text(age).data());
+    add_text(problem, "%s is stale, %s old\n", file, duration_text(age).data());
   } else {
-    add_text(problem, "there is no %s\n", TYPE_MESSAGES_PATH);
+    add_text(problem, "there is no %s\n", file);
   }
-  add_text(problem, "Its log says why (\"Create %s failed!\"), or it has a /tmp of its own.", TYPE_MESSAGES_PATH);
+  add_text(problem, "Its log says why (\"Create %s failed!\"), or it has a /tmp of its own.", usual_place);
 }
 
 void say_planted(text &problem, const daemon_state &state) {
@@ -92,7 +94,7 @@ bool say_answer(text &problem, const daemon_state &state, state_answer answer, i
   case state_answer::fresh:
     return true;
   case state_answer::cannot_watch:
-    add_text(problem, "cannot watch /tmp for the daemon's answer: %s", std::strerror(reason));
+    add_text(problem, "cannot watch %s for the daemon's answer: %s", state.paths.folder.data(), std::strerror(reason));
     return false;
   case state_answer::cannot_signal:
     if (reason == EPERM) {
@@ -103,7 +105,7 @@ bool say_answer(text &problem, const daemon_state &state, state_answer answer, i
     }
     return false;
   case state_answer::no_answer:
-    say_no_answer(problem, daemon);
+    say_no_answer(problem, state.paths, daemon);
     return false;
   case state_answer::planted:
     say_planted(problem, state);
@@ -111,10 +113,11 @@ bool say_answer(text &problem, const daemon_state &state, state_answer answer, i
   case state_answer::unreadable:
     if (reason == EPERM || reason == ELOOP || reason == ESTALE) {
       add_text(problem, "%s or %s is not what tarnwick (process %d) wrote: somebody has put another file there",
-               TYPE_MESSAGES_PATH, JOIN_STATE_PATH, static_cast<int>(daemon.pid));
+               state.paths.type_messages.data(), state.paths.join_state.data(), static_cast<int>(daemon.pid));
       return false;
     }
-    add_text(problem, "cannot read %s and %s: %s", TYPE_MESSAGES_PATH, JOIN_STATE_PATH, std::strerror(reason));
+    add_text(problem, "cannot read %s and %s: %s", state.paths.type_messages.data(), state.paths.join_state.data(),
+             std::strerror(reason));
     return false;
   }
   return false;

@@ -9,10 +9,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
-inline constexpr char TYPE_MESSAGES_PATH[] = "/tmp/tarnwick_type_messages";
-inline constexpr char JOIN_STATE_PATH[] = "/tmp/tarnwick_join_state";
-inline constexpr char HOST_IN_GROUP_PATH[] = "/tmp/tarnwick_host_in_group"; // written first, not read here
-
 using interface_text = std::array<char, IF_NAMESIZE>;
 using group_text = std::array<char, INET6_ADDRSTRLEN>;
 

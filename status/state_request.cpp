@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr char state_folder[] = "/tmp";
 constexpr char first_file[] = "tarnwick_join_state";
 constexpr char last_closed_file[] = "tarnwick_type_messages";
 
@@ -53,10 +52,12 @@ void drain_notifications(int notifications, file_progress &progress) {
 
 // Whether asking can do the daemon no harm. A planted thing that it cannot replace costs it descriptors at every dump.
 bool may_ask(daemon_state &state, uid_t user) {
-  for (const char *path : {HOST_IN_GROUP_PATH, TYPE_MESSAGES_PATH, JOIN_STATE_PATH}) {
-    const file_trust trust = look_at_state_file(path, user);
-    if (trust == file_trust::refused || (trust == file_trust::is_a_link && path != HOST_IN_GROUP_PATH)) {
-      state.planted_file = path;
+  const state_paths &paths = state.paths;
+  for (const state_path *path : {&paths.host_in_group, &paths.type_messages, &paths.join_state}) {
+    const file_trust trust = look_at_state_file(path->data(), user);
+    const bool is_read = path != &paths.host_in_group;
+    if (trust == file_trust::refused || (trust == file_trust::is_a_link && is_read)) {
+      state.planted_file = path->data();
       state.is_link = trust == file_trust::is_a_link;
       return false;
     }
@@ -68,11 +69,11 @@ state_answer read_state(daemon_state &state, uid_t user, const timespec &asked) 
   clear_rows(state.interfaces);
   clear_rows(state.groups);
   text content;
-  const bool has_interfaces = read_state_file(content, TYPE_MESSAGES_PATH, user, asked);
+  const bool has_interfaces = read_state_file(content, state.paths.type_messages.data(), user, asked);
   if (has_interfaces) {
     parse_type_messages(state.interfaces, text_of(content));
   }
-  const bool has_groups = has_interfaces && read_state_file(content, JOIN_STATE_PATH, user, asked);
+  const bool has_groups = has_interfaces && read_state_file(content, state.paths.join_state.data(), user, asked);
   if (has_groups) {
     parse_join_state(state.groups, text_of(content));
   }
@@ -117,7 +118,7 @@ state_answer wait_and_read(daemon_state &state, int notifications, const process
 }
 
 state_answer signal_and_read(daemon_state &state, const process_facts &daemon, int notifications) {
-  if (inotify_add_watch(notifications, state_folder, IN_CLOSE_WRITE | IN_MODIFY) < 0) {
+  if (inotify_add_watch(notifications, state.paths.folder.data(), IN_CLOSE_WRITE | IN_MODIFY) < 0) {
     return state_answer::cannot_watch;
   }
   timespec asked{};
@@ -131,6 +132,7 @@ state_answer signal_and_read(daemon_state &state, const process_facts &daemon, i
 } // namespace
 
 state_answer ask_for_state(daemon_state &state, const process_facts &daemon) {
+  find_state_paths(state.paths, daemon.pid);
   if (!may_ask(state, daemon.user)) {
     return state_answer::planted;
   }
