@@ -70,7 +70,8 @@ def group(address, *streams, listeners=("br-lan",)):
 
 def status(*groups):
     return {"pid": 412, "running_seconds": 60, "sample_seconds": 1.0,
-            "interfaces": [interface("wan", "upstream", bytes_in=2_000_000), interface("br-lan", "downstream", joins=4)],
+            "interfaces": [interface("wan", "upstream", bytes_in=2_000_000),
+                           interface("br-lan", "downstream", joins=4, bytes_out=2_000_000)],
             "groups": list(groups)}
 
 
