@@ -49,11 +49,14 @@ sigset_t handled_signals() {
   return signals;
 }
 
-// Changing the terminal from the background would stop the program.
-bool is_in_foreground() { return isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp(); }
+// Changing the terminal from the background would stop the program. One whose session has ended has no foreground.
+bool may_change_terminal() {
+  const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+  return isatty(STDIN_FILENO) == 1 && (foreground == -1 || foreground == getpgrp());
+}
 
 void take_keys() {
-  HasKeys = measure_screen(true).is_terminal && is_in_foreground() && tcgetattr(STDIN_FILENO, &Original) == 0;
+  HasKeys = measure_screen(true).is_terminal && may_change_terminal() && tcgetattr(STDIN_FILENO, &Original) == 0;
   if (HasKeys) {
     termios single = Original;
     single.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
@@ -64,7 +67,7 @@ void take_keys() {
 }
 
 void give_keys_back() {
-  if (HasKeys && is_in_foreground()) {
+  if (HasKeys && may_change_terminal()) {
     tcsetattr(STDIN_FILENO, TCSADRAIN, &Original);
   }
   HasKeys = false;
