@@ -67,8 +67,11 @@ bool is_in_sticky_folder(const char *path) {
   return is_sticky;
 }
 
-int replace(const char *path) {
-  return unlink(path) == 0 ? open(path, for_writing | O_EXCL | O_NOFOLLOW, readable_by_all) : -1;
+// `is_raced`: whether it failed because what stands there has changed meanwhile.
+int replace(const char *path, bool &is_raced) {
+  const int file = unlink(path) == 0 ? open(path, for_writing | O_EXCL | O_NOFOLLOW, readable_by_all) : -1;
+  is_raced = file < 0 && (errno == ENOENT || errno == EEXIST);
+  return file;
 }
 
 // Whether a failed open may be due to what stands there, and not to the disk or to the process: a link, a FIFO without
@@ -76,17 +79,20 @@ int replace(const char *path) {
 bool is_about_the_thing(int reason) { return reason == ELOOP || reason == ENXIO || reason == EACCES; }
 
 // Where the plain way has failed: whatever stands there, it is not a file of the daemon's own.
-int open_in_place_of(const char *path) {
+// `reason` is the plain way's errno, 0 if it led to a file.
+int open_in_place_of(const char *path, int reason, bool &is_raced) {
   switch (kind_at(path)) {
   case thing::trusted_link:
     return open(path, for_writing, readable_by_all);
   case thing::foreign_file:
-    return replace(path);
+    return replace(path, is_raced);
   case thing::planted:
-    return is_in_sticky_folder(path) ? replace(path) : -1;
+    return is_in_sticky_folder(path) ? replace(path, is_raced) : -1;
+  case thing::nothing:
+    is_raced = reason != EACCES && errno == ENOENT; // it has gone meanwhile; EACCES may be about the folder
+    return -1;
   case thing::own_file:
   case thing::trusted_other:
-  case thing::nothing:
     return -1;
   }
   return -1;
@@ -97,12 +103,24 @@ bool is_regular(int descriptor) {
   return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+int open_own_file(const char *path, bool &is_raced) {
+  const int file = open(path, for_writing | O_NOFOLLOW, readable_by_all);
+  const int reason = file < 0 ? errno : 0;
+  if (file < 0 ? is_about_the_thing(reason) : kind_of(file) != thing::own_file) {
+    close_if_open(file);
+    return open_in_place_of(path, reason, is_raced);
+  }
+  return file;
+}
+
 // An empty regular file, or -1.
 int open_empty_file(const char *path) {
-  int file = open(path, for_writing | O_NOFOLLOW, readable_by_all);
-  if (file < 0 ? is_about_the_thing(errno) : kind_of(file) != thing::own_file) {
-    close_if_open(file);
-    file = open_in_place_of(path);
+  constexpr int most_attempts = 8; // against a user who plants again and again
+  int file = -1;
+  bool is_raced = true;
+  for (int attempt = 0; attempt < most_attempts && is_raced; ++attempt) {
+    is_raced = false;
+    file = open_own_file(path, is_raced);
   }
   if (file >= 0 && (!is_regular(file) || ftruncate(file, 0) != 0)) {
     close(file);

@@ -121,6 +121,53 @@ TEST_F(state_file, file_of_another_user_is_replaced_and_not_emptied) {
   EXPECT_EQ(status.st_uid, geteuid());
 }
 
+TEST_F(state_file, thing_that_is_planted_again_at_the_last_moment_is_replaced_once_more) {
+  given_sticky_folder();
+  ASSERT_EQ(mkfifo(real_path.c_str(), 0600), 0);
+  given_of_nobody(real_path);
+  int planted = 0;
+  Kernel.on_request = [&](const std::string &request) {
+    if (request == replaced[1] && ++planted == 1) {
+      ASSERT_EQ(mkfifo(real_path.c_str(), 0600), 0);
+      given_of_nobody(real_path);
+    }
+  };
+  const lines once = behind({look, look_at_folder}, replaced);
+  EXPECT_TRUE(when_written("x", behind(behind(once, {plain_open}), once)));
+  EXPECT_EQ(file_contents(path), "x");
+}
+
+TEST_F(state_file, thing_that_vanishes_before_it_is_replaced_leaves_room_for_a_new_file) {
+  given_sticky_folder();
+  ASSERT_EQ(mkfifo(real_path.c_str(), 0600), 0);
+  given_of_nobody(real_path);
+  Kernel.on_request = [&](const std::string &request) {
+    if (request == replaced[0]) {
+      std::filesystem::remove(real_path);
+    }
+  };
+  EXPECT_TRUE(when_written("x", {look, look_at_folder, replaced[0], plain_open}));
+}
+
+TEST_F(state_file, daemon_gives_up_when_somebody_plants_for_ever) {
+  given_sticky_folder();
+  Kernel.on_request = [&](const std::string &request) {
+    if (request == plain_open || request == replaced[1]) {
+      std::filesystem::remove(real_path);
+      ASSERT_EQ(mkfifo(real_path.c_str(), 0600), 0);
+      given_of_nobody(real_path);
+    }
+  };
+  constexpr int attempts = 8;
+  const lines each = behind({plain_open, look, look_at_folder}, replaced);
+  lines all = each;
+  for (int attempt = 1; attempt < attempts; ++attempt) {
+    all = behind(all, each);
+  }
+  all.erase(all.begin());
+  EXPECT_FALSE(when_written("x", all));
+}
+
 TEST_F(state_file, second_hard_link_is_left_with_its_contents) {
   std::ofstream(victim) << "precious\n";
   std::filesystem::create_hard_link(victim, real_path);
