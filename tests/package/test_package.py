@@ -34,6 +34,8 @@ HELD = {
     "./usr/share/doc/tarnwick/CHANGELOG.md",
     "./usr/share/doc/tarnwick/copyright",
     "./usr/share/doc/tarnwick/examples/private-state.conf",
+    "./usr/share/doc/tarnwick/examples/tarnwick-metrics.service",
+    "./usr/share/doc/tarnwick/examples/tarnwick-metrics.timer",
     "./usr/share/doc/tarnwick/examples/tarnwick.nft",
     "./usr/share/man/man5/tarnwick-nvram.5",
     "./usr/share/man/man8/tarnwick-assist.8",
@@ -183,8 +185,8 @@ def test_state_files_can_stand_where_no_user_reaches_them(box):
     planted = "/tmp/tarnwick_type_messages /tmp/tarnwick_join_state"
     debian_box.run(debian, "setpriv", "--reuid=65534", "--clear-groups", "sh", "-c", f"mkdir {planted}")
     assert re.search(r"^br0 +downstream ", debian_box.run(debian, "tarnwick-status").stdout, re.M)
-    written = debian_box.run(debian, "sh", "-c", "stat -c '%n %U %F' /run/tarnwick/state/*").stdout
-    assert "/run/tarnwick/state/tarnwick_type_messages root regular file" in written
+    written = debian_box.run(debian, "sh", "-c", "stat -c '%n %U %F' /run/tarnwick/*").stdout
+    assert "/run/tarnwick/tarnwick_type_messages root regular file" in written
     assert debian_box.run(debian, "sh", "-c", f"stat -c %F {planted}").stdout == "directory\ndirectory\n"
     debian_box.run(debian, "systemctl", "stop", "tarnwick")
     assert not [path for path in debian_box.files(debian) if path.startswith("/run/tarnwick")]
