@@ -295,6 +295,15 @@ void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_s
   find_silent_outputs(joined, before, now);
 }
 
+void free_snapshot(snapshot &joined) {
+  free_rows(joined.interfaces);
+  free_rows(joined.listeners);
+  free_rows(joined.streams);
+  free_rows(joined.groups);
+  free_rows(joined.totals);
+  free_rows(joined.heard);
+}
+
 void find_companion(snapshot &joined) {
   joined.companion = 0;
   rows_of<process_facts> companions;

@@ -100,5 +100,7 @@ bool read_traffic(traffic_sample &sample, pid_t daemon);
 void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_state &state,
                    const traffic_sample &before, const traffic_sample &now);
 
+void free_snapshot(snapshot &joined);
+
 // Looks for the companion of the joined daemon.
 void find_companion(snapshot &joined);

@@ -12,11 +12,7 @@ struct status_metrics : testing::Test {
     free_rows(state.groups);
     free_rows(now.mifs);
     free_rows(now.entries);
-    free_rows(joined.interfaces);
-    free_rows(joined.listeners);
-    free_rows(joined.streams);
-    free_rows(joined.groups);
-    free_rows(joined.totals);
+    free_snapshot(joined);
   }
 
   std::string metrics() {

@@ -27,12 +27,7 @@ struct moment {
       free_rows(sample->mifs);
       free_rows(sample->entries);
     }
-    free_rows(joined.interfaces);
-    free_rows(joined.listeners);
-    free_rows(joined.streams);
-    free_rows(joined.groups);
-    free_rows(joined.totals);
-    free_rows(joined.heard);
+    free_snapshot(joined);
   }
 };
 
