@@ -1,0 +1,82 @@
+#include "status/check_hosts.h"
+
+#include "status/number_text.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+
+namespace {
+
+constexpr char place[] = "hosts";
+
+// ff3x::/32, RFC 4607 section 1.
+bool is_source_specific(const group_text &group) {
+  in6_addr address{};
+  inet_pton(AF_INET6, group.data(), &address);
+  return address.s6_addr[0] == 0xff && (address.s6_addr[1] & 0xf0) == 0x30 && address.s6_addr[2] == 0 &&
+         address.s6_addr[3] == 0;
+}
+
+// The bridge's port behind which a host wants the group; null if it knows none.
+const link_row *port_with_group(const check_subject &subject, const path_facts &facts) {
+  for (const bridge_group_row &row : all_rows(facts.network.groups)) {
+    if (row.port != row.bridge && row.group == subject.group) {
+      return find_link(facts.network, row.port);
+    }
+  }
+  return nullptr;
+}
+
+bool has_sources(const check_subject &subject, const path_facts &facts) {
+  const std::span<group_source_row> rows = all_rows(facts.group_sources);
+  return std::any_of(rows.begin(), rows.end(),
+                     [&](const group_source_row &row) { return row.group == subject.group && row.included > 0; });
+}
+
+bool arrives_somewhere(const path_facts &facts) {
+  const std::span<group_capture> captures = all_rows(facts.captures);
+  return std::any_of(captures.begin(), captures.end(), [](const group_capture &each) { return each.arrived > 0; });
+}
+
+void say_nobody(check_list &list, const check_subject &subject, const path_facts &facts) {
+  const link_row *port = port_with_group(subject, facts);
+  if (port != nullptr) {
+    add_check(list, check_result::no, place, "a host behind port %s wants %s, and tarnwick has not heard of it",
+              port->name.data(), subject.group.data());
+    add_cure(list, "nft list ruleset");
+    return;
+  }
+  add_check(list, check_result::no, place, "no host wants %s (0 reports stand)", subject.group.data());
+  add_cure(list, "ip -6 maddress show # on the host: the player has to join the group");
+}
+
+} // namespace
+
+bool has_listeners(const check_subject &subject, const interface_text &lan) {
+  const std::span<group_line> lines = all_rows(subject.snapshot->listeners);
+  return std::any_of(lines.begin(), lines.end(), [&](const group_line &line) {
+    return std::strcmp(line.group.data(), subject.group.data()) == 0 &&
+           std::strcmp(line.interface.data(), lan.data()) == 0;
+  });
+}
+
+void check_hosts(check_list &list, const check_subject &subject, const path_facts &facts) {
+  bool is_wanted = false;
+  for (const group_line &line : all_rows(subject.snapshot->listeners)) {
+    if (std::strcmp(line.group.data(), subject.group.data()) == 0) {
+      is_wanted = true;
+      add_check(list, check_result::ok, place, "hosts on %s want %s (counted %s)", line.interface.data(),
+                subject.group.data(), duration_text(line.average_seconds).data());
+    }
+  }
+  if (!is_wanted) {
+    say_nobody(list, subject, facts);
+    return;
+  }
+  // Providers route such groups for named sources only.
+  if (is_source_specific(subject.group) && !has_sources(subject, facts) && !arrives_somewhere(facts)) {
+    add_check(list, check_result::no, place,
+              "%s needs a source, and the hosts name none, as MLDv1 hosts do (0 sources joined)", subject.group.data());
+    add_cure(list, "sysctl -w net.ipv6.conf.all.force_mld_version=0 # on the host; the player has to name the source");
+  }
+}

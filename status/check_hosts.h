@@ -1,0 +1,10 @@
+// The hosts' part: who wants the group.
+#pragma once
+
+#include "status/check_list.h"
+#include "status/path_facts.h"
+
+void check_hosts(check_list &list, const check_subject &subject, const path_facts &facts);
+
+// Whether the LAN interface has hosts that want the subject's group, by what the daemon says.
+bool has_listeners(const check_subject &subject, const interface_text &lan);

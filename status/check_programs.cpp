@@ -1,0 +1,98 @@
+#include "status/check_programs.h"
+
+#include "status/cure.h"
+#include "status/number_text.h"
+
+namespace {
+
+constexpr char place[] = "programs";
+
+void add_running(check_list &list, const process_facts &process) {
+  const long running = seconds_running(process);
+  add_check(list, check_result::ok, place, "%s runs (process %d, up %s)", process.name.data(),
+            static_cast<int>(process.pid), running >= 0 ? duration_text(running).data() : "?");
+}
+
+// A line for each: "ok" would be wrong where the daemon is stopped and cannot answer.
+void check_answer(check_list &list, const check_subject &subject, const process_room &room) {
+  const int daemon = static_cast<int>(subject.daemon.pid);
+  if (room.is_stopped) {
+    add_check(list, check_result::no, place, "tarnwick (process %d) is stopped by a signal", daemon);
+    add_cure(list, "kill -CONT %d", daemon);
+  } else if (subject.answer == state_answer::no_answer) {
+    add_check(list, check_result::no, place, "tarnwick (process %d) does not answer: it hangs, or cannot write to /tmp",
+              daemon);
+    add_cure(list, "%s", restart_command());
+  } else if (!subject.has_state) {
+    add_check(list, check_result::unknown, place, "%s", text_of(subject.problem));
+  }
+}
+
+// Each query opens one.
+void check_descriptors(check_list &list, const process_room &room) {
+  constexpr long fewest_free = 2; // a query's and a state file's
+  if (room.descriptors_used < 0 || room.descriptors_most < 0) {
+    add_check(list, check_result::unknown, place, "how many descriptors tarnwick has left");
+    return;
+  }
+  const bool has_enough = room.descriptors_most - room.descriptors_used >= fewest_free;
+  add_check(list, has_enough ? check_result::ok : check_result::no, place, "tarnwick has %ld of %ld descriptors open%s",
+            room.descriptors_used, room.descriptors_most, has_enough ? "" : ", and cannot send queries");
+  if (!has_enough) {
+    add_cure(list, "%s", restart_command());
+  }
+}
+
+// The daemon's pool is one for all interfaces.
+void check_pool(check_list &list, const check_subject &subject) {
+  constexpr std::size_t pool_groups = 128; // MLD_GROUP_POOL_SIZE of mld/mld_router.h
+  const std::size_t used = subject.snapshot->listeners.count;
+  const bool has_room = used < pool_groups;
+  add_check(list, has_room ? check_result::ok : check_result::no, place, "%zu of %zu groups are in use%s", used,
+            pool_groups, has_room ? "" : ": further ones are dropped");
+  if (!has_room) {
+    add_cure(list, "tarnwick-status # which hosts' groups are they?");
+  }
+}
+
+} // namespace
+
+void read_program_facts(program_facts &facts, const process_facts &daemon) {
+  facts = program_facts{};
+  if (daemon.pid > 0 && (!read_process(facts.supervisor, daemon.parent) ||
+                         std::strcmp(facts.supervisor.name.data(), SUPERVISOR_NAME) != 0)) {
+    facts.supervisor = process_facts{};
+  }
+  rows_of<process_facts> companions;
+  list_processes(companions, COMPANION_NAME);
+  for (const process_facts &companion : all_rows(companions)) {
+    if (companion.network == daemon.network) {
+      facts.companion = companion;
+    }
+  }
+  free_rows(companions);
+}
+
+void check_programs(check_list &list, const check_subject &subject, const program_facts &facts,
+                    const process_room &room) {
+  if (!subject.has_daemon) {
+    add_check(list, check_result::no, place, "%s", text_of(subject.problem));
+    add_cure(list, "%s", restart_command());
+    return;
+  }
+  if (facts.supervisor.pid != 0) {
+    add_running(list, facts.supervisor);
+  }
+  add_running(list, subject.daemon);
+  check_descriptors(list, room);
+  check_answer(list, subject, room);
+  if (facts.companion.pid == 0) {
+    add_check(list, check_result::no, place, "%s does not run beside the daemon", COMPANION_NAME);
+    add_cure(list, "%s", restart_command());
+  } else {
+    add_running(list, facts.companion);
+  }
+  if (subject.has_state) {
+    check_pool(list, subject);
+  }
+}

@@ -1,0 +1,5 @@
+// Commands that several cures have in common, as they fit the system.
+#pragma once
+
+// Starts the programs anew: by systemd where it runs, by the init script elsewhere.
+const char *restart_command();
