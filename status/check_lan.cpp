@@ -2,6 +2,7 @@
 
 #include "status/cure.h"
 #include "status/number_text.h"
+#include "status/saved_rules.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -115,6 +116,11 @@ constexpr std::array<mld_kind, 3> mld_kinds{{{"mld2-listener-report", 143, mldv2
 void say_dropped(check_list &list, const char *name, const mld_kind &kind, const firewall_place &where) {
   add_check(list, check_result::no, place, "the firewall drops ICMPv6 type %d (%s) from %s: %s %s %s", kind.number,
             kind.type, name, where.family.data(), where.table.data(), where.chain.data());
+  if (std::strcmp(where.family.data(), SAVED_FAMILY) == 0) {
+    add_cure(list, "ip6tables -t %s -I %s -i %s -p ipv6-icmp --icmpv6-type %d -j ACCEPT", where.table.data(),
+             where.chain.data(), name, kind.number);
+    return;
+  }
   add_cure(list,
            "nft insert rule %s %s %s icmpv6 type '{ mld-listener-query, mld-listener-report, mld-listener-done, "
            "mld2-listener-report }' accept",
@@ -126,7 +132,7 @@ void check_input_firewall(check_list &list, const path_facts &facts, const char 
   for (const mld_kind &kind : mld_kinds) {
     const test_packet packet{"input", name, "", "ipv6-icmp", kind.type, "hopopt", "untracked", kind.group, "fe80::1"};
     firewall_place where{};
-    const firewall_answer answer = ask_firewall(facts.rules, packet, where);
+    const firewall_answer answer = ask_rules(facts.rules, packet, where);
     if (answer == firewall_answer::dropped) {
       say_dropped(list, name, kind, where);
       return;
@@ -153,11 +159,13 @@ void check_lan(check_list &list, const check_subject &subject, const path_facts 
     check_report_membership(list, facts, *link);
     check_querier(list, row, *link);
     check_bridge(list, facts, *link);
-    if (facts.has_rules) {
+    if (facts.rules.is_read) {
       check_input_firewall(list, facts, link->name.data());
     }
   }
-  if (!facts.has_rules) {
-    add_check(list, check_result::unknown, place, "the firewall's rules cannot be read: 'nft -j list ruleset' fails");
+  if (!facts.rules.is_read) {
+    add_check(list, check_result::unknown, place,
+              "the firewall's rules cannot be read: 'nft -j list ruleset' and "
+              "'ip6tables-save' fail");
   }
 }

@@ -43,6 +43,9 @@ const char *cure_of(const check_list &list, const check_step &step);
 // The first step that says NO; null if none does.
 const check_step *verdict_of(const check_list &list);
 
+// Of the whole: `unknown` where no step says NO and one could not look.
+check_result result_of(const check_list &list);
+
 // Whether two lists come to the same verdict: the same first NO, or none in both.
 bool is_same_verdict(const check_list &left, const check_list &right);
 

@@ -74,7 +74,7 @@ struct check_judgement : testing::Test {
     add_row(facts.captures, group_capture{lan_index, 0, 0, 100, -1, {}});
     add_row(facts.captures, group_capture{port_index, 0, 0, 100, -1, {}});
     add_text(facts.lan_mac, "02:00:00:00:01:fe");
-    facts.has_rules = true;
+    facts.rules.is_read = true;
   }
 
   void TearDown() override {
@@ -88,7 +88,7 @@ struct check_judgement : testing::Test {
     free_rows(facts.group_sources);
     free_rows(facts.captures);
     free_rows(facts.lan_mac);
-    free_rows(facts.rules.values);
+    free_rows(facts.rules.nft.values);
     free_rows(subject.problem);
   }
 
@@ -105,7 +105,7 @@ struct check_judgement : testing::Test {
   // The finding of the first NO; "" if there is none.
   std::string verdict() {
     clear_checks(list);
-    parse_json(facts.rules, rules.c_str());
+    parse_json(facts.rules.nft, rules.c_str());
     program_facts programs{};
     programs.companion.pid = 413;
     check_programs(list, subject, programs, facts.room);
@@ -127,7 +127,7 @@ TEST_F(check_judgement, healthy_router_is_all_ok) {
 }
 
 TEST_F(check_judgement, what_could_not_be_looked_at_has_a_status_of_its_own) {
-  facts.has_rules = false;
+  facts.rules.is_read = false;
   EXPECT_EQ(verdict(), "");
   EXPECT_EQ(check_status(list), CHECK_COULD_NOT_LOOK);
   facts.captures.first[0].arrived = 0;
