@@ -69,6 +69,7 @@ void run_check(check_list &list, status_round &round, const status_options &opti
     return;
   }
   read_program_facts(Programs, Subject.daemon);
+  Path.has_heard = read_heard(Path.heard, Programs.companion.pid);
   check_kernel(list, Subject, Kernel);
   check_programs(list, Subject, Programs, Path.room);
   if (!Subject.has_state) {

@@ -38,6 +38,41 @@ bool arrives_somewhere(const path_facts &facts) {
   return std::any_of(captures.begin(), captures.end(), [](const group_capture &each) { return each.arrived > 0; });
 }
 
+bool is_report(const heard_line &line) {
+  return line.kind == heard_kind::mldv1_report || line.kind == heard_kind::mldv2_report;
+}
+
+struct reporters {
+  std::size_t count;
+  bool has_mldv2;
+  const heard_line *last;
+};
+
+reporters find_reporters(const path_facts &facts, std::uint32_t index, const group_text &group) {
+  reporters found{};
+  for (const heard_line &line : all_rows(facts.heard)) {
+    if (line.index == index && is_report(line) && line.group == group) {
+      ++found.count;
+      found.has_mldv2 = found.has_mldv2 || line.kind == heard_kind::mldv2_report;
+      found.last = found.last == nullptr || line.seconds_ago < found.last->seconds_ago ? &line : found.last;
+    }
+  }
+  return found;
+}
+
+// Who: the companion has heard the same reports as the daemon, which keeps no names.
+void add_reporters(check_list &list, const path_facts &facts, const link_row &lan, const group_text &group) {
+  const reporters found = find_reporters(facts, lan.index, group);
+  if (found.last == nullptr) {
+    return;
+  }
+  const int version = found.last->kind == heard_kind::mldv1_report ? 1 : 2;
+  add_check(list, check_result::ok, place, "%zu host%s on %s reported %s, %s %s ago (MLDv%d)%s", found.count,
+            found.count == 1 ? "" : "s", lan.name.data(), group.data(), found.last->host.data(),
+            duration_text(found.last->seconds_ago).data(), version,
+            found.has_mldv2 ? "" : ": only MLDv1 hosts hold it, whose leaves are not heard");
+}
+
 void say_nobody(check_list &list, const check_subject &subject, const path_facts &facts) {
   const link_row *port = port_with_group(subject, facts);
   if (port != nullptr) {
@@ -67,6 +102,9 @@ void check_hosts(check_list &list, const check_subject &subject, const path_fact
       is_wanted = true;
       add_check(list, check_result::ok, place, "hosts on %s want %s (counted %s)", line.interface.data(),
                 subject.group.data(), duration_text(line.average_seconds).data());
+      if (const link_row *lan = find_link(facts.network, line.interface.data()); lan != nullptr) {
+        add_reporters(list, facts, *lan, subject.group);
+      }
     }
   }
   if (!is_wanted) {

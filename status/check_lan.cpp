@@ -81,6 +81,23 @@ void check_querier(check_list &list, const interface_row &row, const link_row &l
   }
 }
 
+// The newest query on the LAN, whoever sent it. The daemon's own ones are not noted.
+void add_last_query(check_list &list, const path_facts &facts, const link_row &link) {
+  const heard_line *last = nullptr;
+  for (const heard_line &line : all_rows(facts.heard)) {
+    const bool is_query = line.kind == heard_kind::own_query || line.kind == heard_kind::other_query;
+    if (is_query && line.index == link.index && (last == nullptr || line.seconds_ago < last->seconds_ago)) {
+      last = &line;
+    }
+  }
+  if (last != nullptr) {
+    add_check(list, check_result::ok, place, "the last query on %s was %s %s %s ago", link.name.data(),
+              last->kind == heard_kind::own_query ? "sent by" : "heard from",
+              last->kind == heard_kind::own_query ? COMPANION_NAME : last->host.data(),
+              duration_text(last->seconds_ago).data());
+  }
+}
+
 void check_bridge(check_list &list, const path_facts &facts, const link_row &link) {
   if (!link.is_bridge) {
     return;
@@ -158,6 +175,7 @@ void check_lan(check_list &list, const check_subject &subject, const path_facts 
     }
     check_report_membership(list, facts, *link);
     check_querier(list, row, *link);
+    add_last_query(list, facts, *link);
     check_bridge(list, facts, *link);
     if (facts.rules.is_read) {
       check_input_firewall(list, facts, link->name.data());
