@@ -5,13 +5,14 @@ import threading
 
 import kernel_faults
 import kernel_view
-from check_lab import (FROM_LAN, LAST_HOP, LONG, QUIET, STREAM, WITHOUT_SOURCE, Fault, companion_of, kill, restart,
-                       router, send, stopped)
+from check_lab import (FROM_LAN, LAST_HOP, LONG, QUIET, STREAM, WITHOUT_SOURCE, Fault, check, companion_of, findings, kill,
+                       restart, router, send, stopped)
 from kernel_faults import MCAST_JOIN_GROUP, MCAST_LEAVE_GROUP, MRT6_ADD_MFC, MRT6_DEL_MFC
 from laboratory import BR0_LINK_LOCAL, wait_for
 from router_faults import rules, saved_forward_drop
 
 MOST_COPIES = 8
+AGAIN_AFTER_S = 0.2
 
 
 @contextlib.contextmanager
@@ -20,22 +21,33 @@ def nothing(_lab):
 
 
 @contextlib.contextmanager
-def not_joined(lab):
-    """Over and over: the hosts' next report makes the daemon join again."""
+def over_and_over(action):
+    """Since the hosts' next reports would mend it."""
     is_over = threading.Event()
 
-    def leave():
-        while not is_over.wait(0.2):
-            with contextlib.suppress(AssertionError, OSError):  # it is not joined now, or the daemon has ended
-                kernel_faults.change_membership(lab, lab.daemon, MCAST_LEAVE_GROUP, "wan0", STREAM)
+    def repeat():
+        while not is_over.wait(AGAIN_AFTER_S):
+            with contextlib.suppress(AssertionError, OSError):  # nothing to undo now, or the daemon has ended
+                action()
 
-    leaver = threading.Thread(target=leave)
-    leaver.start()
+    repeater = threading.Thread(target=repeat)
+    action()
+    repeater.start()
     try:
         yield
     finally:
         is_over.set()
-        leaver.join()
+        repeater.join()
+
+
+@contextlib.contextmanager
+def not_joined(lab):
+    def leave():
+        with contextlib.suppress(AssertionError):  # it is not joined now
+            kernel_faults.change_membership(lab, lab.daemon, MCAST_LEAVE_GROUP, "wan0", STREAM)
+
+    with over_and_over(leave):
+        yield
     with contextlib.suppress(AssertionError):  # it has been joined already
         kernel_faults.change_membership(lab, lab.daemon, MCAST_JOIN_GROUP, "wan0", STREAM)
 
@@ -58,45 +70,49 @@ def last_hop(lab):
 # --- entry: the companion, which mends it, is stopped meanwhile
 
 
-def delete_entries(lab, group):
+def delete_entries(lab, group, upstream):
     """With the copies that shield it."""
-    upstream = kernel_faults.index_of(lab, "wan0")
     with contextlib.suppress(FileNotFoundError):
         for _ in range(MOST_COPIES):
             kernel_faults.change_entry(lab, MRT6_DEL_MFC, group, upstream)
 
 
-def has_entries(lab):
-    return all(kernel_view.forwarding_of(lab, group) for group in (kernel_view.ANY, STREAM))
+def is_served(lab):
+    """Daemon and companion have done their work since their start."""
+    return (any(finding.startswith("hosts on br0 want") for finding in findings(check(lab, STREAM)[1], "hosts")) and
+            all(kernel_view.forwarding_of(lab, group) for group in (kernel_view.ANY, STREAM)))
 
 
 @contextlib.contextmanager
-def entry_missing(lab, group=STREAM):
-    wait_for(lambda: has_entries(lab), 60, "work of a companion that has just been started")
-    with stopped(companion_of(lab)):
-        delete_entries(lab, group)
+def entry_changed(lab, group, parent=None, outputs=()):
+    """Without a parent there is no entry."""
+    wait_for(lambda: is_served(lab), 60, "work of programs that have just been started")
+    numbers = {name: kernel_faults.index_of(lab, name) for name in ("wan0", "br0")}
+
+    def change():
+        delete_entries(lab, group, numbers["wan0"])
+        if parent:
+            kernel_faults.change_entry(lab, MRT6_ADD_MFC, group, numbers[parent], [numbers[name] for name in outputs])
+
+    with stopped(companion_of(lab)), over_and_over(change):
         yield
     restart(lab)
 
 
 def tree_missing(lab):
-    return entry_missing(lab, "::")
+    return entry_changed(lab, "::")
 
 
-@contextlib.contextmanager
-def entry_changed(lab, parent, outputs):
-    numbers = {name: kernel_faults.index_of(lab, name) for name in ("wan0", "br0")}
-    with entry_missing(lab):
-        kernel_faults.change_entry(lab, MRT6_ADD_MFC, STREAM, numbers[parent], [numbers[name] for name in outputs])
-        yield
+def entry_missing(lab):
+    return entry_changed(lab, STREAM)
 
 
 def output_missing(lab):
-    return entry_changed(lab, "wan0", [])
+    return entry_changed(lab, STREAM, "wan0")
 
 
 def wrong_parent(lab):
-    return entry_changed(lab, "br0", ["br0"])
+    return entry_changed(lab, STREAM, "br0", ["br0"])
 
 
 # --- output
