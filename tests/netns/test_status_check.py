@@ -11,12 +11,15 @@ import sys
 import time
 
 import pytest
+from scapy.layers.inet6 import ICMPv6MLQuery, IPv6, IPv6ExtHdrHopByHop, RouterAlert
+from scapy.layers.l2 import Ether
 
 import check_lab
 import laboratory
 import private_network
 import router_faults
 import supervisor
+import traffic
 from router_faults import INTERFACE_FAULTS, LAN_FAULTS, PROGRAM_FAULTS
 from stream_faults import OUTPUT_FAULTS, STREAM_FAULTS
 
@@ -155,6 +158,38 @@ def test_reason_of_the_last_failed_start_is_told(lab):
     check_lab.wait_for_health(lab, check_lab.STREAM)
     reason = r"\d+ starts failed, the last one .* ago: tarnwick ended: another multicast router holds the routing socket"
     check_lab.wait_for_finding(lab, reason)
+
+
+def test_hosts_that_report_are_told_with_their_version(lab):
+    check_lab.start_programs(lab)
+    laboratory.run(lab, "host2", "sysctl", "-q", "net.ipv6.conf.eth0.force_mld_version=1")
+    traffic.listen(lab, "host2", check_lab.STREAM)
+    only_v1 = rf"1 host on br0 reported {check_lab.STREAM}, {laboratory.HOST_LINK_LOCAL['host2']} .* \(MLDv1\): only MLDv1"
+    check_lab.wait_for_finding(lab, only_v1, check_lab.STREAM)
+    traffic.listen(lab, "host1", check_lab.STREAM)
+    both = rf"2 hosts on br0 reported {check_lab.STREAM}, {laboratory.HOST_LINK_LOCAL['host1']} .* \(MLDv2\)$"
+    check_lab.wait_for_finding(lab, both, check_lab.STREAM)
+
+
+def test_queries_are_told_with_their_sender(lab):
+    check_lab.start_programs(lab)
+    check_lab.wait_for_finding(lab, "the last query on br0 was sent by tarnwick-assist")
+    other, provider = "fe80::ff:fe00:a", "fe80::ff:fe00:201"
+    for node, interface, sender in (("host2", "eth0", other), ("source", "src0", provider)):
+        query = (Ether(src="02:00:00:00:09:09", dst="33:33:00:00:00:01") / IPv6(src=sender, dst="ff02::1", hlim=1) /
+                 IPv6ExtHdrHopByHop(options=[RouterAlert()]) / ICMPv6MLQuery(mrd=100))
+        traffic.send_frame(lab, node, interface, query)
+    check_lab.wait_for_finding(lab, f"the last query on br0 was heard from {other}")
+    check_lab.wait_for_finding(lab, "1 queries of the provider were heard on wan0")
+    check_lab.wait_for_finding(lab, f"querier {other} heard on br0")
+
+
+def test_what_is_planted_in_place_of_the_answer_is_not_called_a_fault_of_the_daemon(lab):
+    check_lab.start_programs(lab)
+    (lab.router_tmp / "tarnwick_type_messages").mkdir()
+    status, answer = check_lab.check(lab)
+    assert (status, answer["verdict"]) == (3, None)
+    assert any("remove what stands there" in finding for finding in check_lab.findings(answer, "programs"))
 
 
 def test_wait_ends_when_the_verdict_changes(lab):

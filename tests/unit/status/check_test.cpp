@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <linux/if.h>
 #include <linux/if_bridge.h>
 #include <string>
@@ -88,6 +89,8 @@ struct check_judgement : testing::Test {
     free_rows(facts.group_sources);
     free_rows(facts.captures);
     free_rows(facts.lan_mac);
+    free_rows(facts.served);
+    free_rows(facts.heard);
     free_rows(facts.rules.nft.values);
     free_rows(subject.problem);
   }
@@ -148,6 +151,30 @@ TEST_F(check_judgement, registered_index_is_compared_with_that_of_today) {
   EXPECT_EQ(verdict(), "br0 was made anew: it has index 9 now and is registered as 2");
   shown.interfaces.first[1].mif = nullptr;
   EXPECT_EQ(verdict(), "br0 was made anew: it has index 9 now and is not registered");
+}
+
+TEST_F(check_judgement, interface_that_is_gone_is_named_by_the_command_line) {
+  shown.interfaces.first[1].counters.name = interface(GONE_INTERFACE);
+  EXPECT_EQ(verdict(), "an interface that tarnwick serves is gone");
+  add_row(facts.served, interface("wan0"));
+  add_row(facts.served, interface("br7"));
+  EXPECT_EQ(verdict(), "br7 is gone");
+}
+
+TEST_F(check_judgement, hosts_are_told_by_version) {
+  const auto has_finding = [&](const char *wanted) {
+    const std::span<check_step> steps = all_rows(list.steps);
+    return std::any_of(steps.begin(), steps.end(),
+                       [&](const check_step &step) { return std::strcmp(finding_of(list, step), wanted) == 0; });
+  };
+  add_row(facts.heard, heard_line{heard_kind::mldv1_report, lan_index, subject.group, address("fe80::5"), 7});
+  add_row(facts.heard, heard_line{heard_kind::mldv2_report, port_index, subject.group, address("fe80::6"), 6});
+  EXPECT_EQ(verdict(), "");
+  EXPECT_TRUE(has_finding("1 host on br0 reported ff0e::1, fe80::5 7 s ago (MLDv1): only MLDv1 hosts hold it, whose "
+                          "leaves are not heard"));
+  add_row(facts.heard, heard_line{heard_kind::mldv2_report, lan_index, subject.group, address("fe80::7"), 6});
+  EXPECT_EQ(verdict(), "");
+  EXPECT_TRUE(has_finding("2 hosts on br0 reported ff0e::1, fe80::7 6 s ago (MLDv2)"));
 }
 
 TEST_F(check_judgement, address_that_is_younger_than_the_daemon_is_told) {
