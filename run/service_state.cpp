@@ -20,6 +20,7 @@ long long StateSince = 0;
 state_text Failure{};
 long long FailedAt = 0;
 unsigned Failures = 0;
+bool IsHostPoolFull = false;
 
 long long seconds_since_boot() {
   timespec now{};
@@ -34,7 +35,8 @@ void set_state(const char *text) {
 
 void write_state() {
   std::array<char, longest_file> content;
-  const int length = std::snprintf(content.data(), content.size(), "state %lld %s\n", StateSince, State.data());
+  const int length = std::snprintf(content.data(), content.size(), "state %lld %s\n%s", StateSince, State.data(),
+                                   IsHostPoolFull ? "hosts-full\n" : "");
   if (Failures > 0) {
     std::snprintf(&content[static_cast<std::size_t>(length)], content.size() - static_cast<std::size_t>(length),
                   "failed %lld %u %s\n", FailedAt, Failures, Failure.data());
@@ -47,6 +49,7 @@ void write_state() {
 void clear_service_state() {
   State = {};
   Failures = 0;
+  IsHostPoolFull = false;
 }
 
 void tell_state(const char *text) {
@@ -64,4 +67,11 @@ void tell_failed_start(const char *why) {
   FailedAt = StateSince;
   ++Failures;
   write_state();
+}
+
+void note_host_pool(bool is_full) {
+  if (IsHostPoolFull != is_full) {
+    IsHostPoolFull = is_full;
+    write_state();
+  }
 }

@@ -2,7 +2,8 @@
 #pragma once
 
 // The file's name. A line each, a blank between the words: "state SECONDS TEXT" and "failed SECONDS TIMES TEXT";
-// the seconds are CLOCK_BOOTTIME's. The second line is there once a start has failed.
+// the seconds are CLOCK_BOOTTIME's. The second line is there once a start has failed,
+// and "hosts-full" once the daemon has had no place left to note another host.
 inline constexpr char SERVICE_STATE_NAME[] = "state";
 
 // Forgets what an earlier supervision noted.
@@ -12,3 +13,6 @@ void clear_service_state();
 // text stays the same.
 void tell_state(const char *text);
 void tell_failed_start(const char *why);
+
+// From the daemon's log, and at its next start.
+void note_host_pool(bool is_full);

@@ -167,6 +167,7 @@ std::int64_t start_programs(std::int64_t now_ms) {
   std::array<interface_name, MOST_DOWNSTREAMS> names;
   program_start start = plan_start(names);
   Supervisor.has_been_started = true;
+  note_host_pool(false);
   enter(supervisor_phase::starting, now_ms);
   if (!start_pair(start, now_ms)) {
     pace_after_end(Supervisor.pace, now_ms, now_ms);

@@ -28,9 +28,11 @@ const link_row *port_with_group(const check_subject &subject, const path_facts &
 }
 
 bool has_sources(const check_subject &subject, const path_facts &facts) {
-  const std::span<group_source_row> rows = all_rows(facts.group_sources);
-  return std::any_of(rows.begin(), rows.end(),
-                     [&](const group_source_row &row) { return row.group == subject.group && row.included > 0; });
+  rows_of<group_text> sources;
+  list_wanted_sources(sources, subject, facts);
+  const bool has_any = sources.count > 0;
+  free_rows(sources);
+  return has_any;
 }
 
 bool arrives_somewhere(const path_facts &facts) {
@@ -93,6 +95,28 @@ bool has_listeners(const check_subject &subject, const interface_text &lan) {
     return std::strcmp(line.group.data(), subject.group.data()) == 0 &&
            std::strcmp(line.interface.data(), lan.data()) == 0;
   });
+}
+
+void list_wanted_sources(rows_of<group_text> &sources, const check_subject &subject, const path_facts &facts) {
+  constexpr char any_address[] = "::";
+  for (const group_source_row &row : all_rows(facts.group_sources)) {
+    if (row.group == subject.group && row.included > 0) {
+      add_row(sources, row.source);
+    }
+  }
+  if (sources.count > 0) {
+    return;
+  }
+  for (const stream_row &stream : all_rows(subject.snapshot->streams)) {
+    if (stream.entry == nullptr || stream.kind == stream_kind::unresolved || stream.entry->group != subject.group) {
+      continue;
+    }
+    if (std::strcmp(stream.entry->origin.data(), any_address) == 0) {
+      clear_rows(sources);
+      return;
+    }
+    add_row(sources, stream.entry->origin);
+  }
 }
 
 void check_hosts(check_list &list, const check_subject &subject, const path_facts &facts) {

@@ -43,6 +43,15 @@ void check_descriptors(check_list &list, const process_room &room) {
   }
 }
 
+// The daemon says that in its log alone. Streams flow all the same.
+void check_host_pool(check_list &list, const program_facts &facts) {
+  if (facts.supervisor.pid != 0 && facts.state.doing.count > 0) {
+    add_check(list, check_result::ok, place, "%s",
+              facts.state.is_host_pool_full ? "128 of 128 hosts are noted: further ones are not, which stops no stream"
+                                            : "there is room to note further hosts (fewer than 128 since the start)");
+  }
+}
+
 // The daemon's pool is one for all interfaces.
 void check_pool(check_list &list, const check_subject &subject) {
   constexpr std::size_t pool_groups = 128; // MLD_GROUP_POOL_SIZE of mld/mld_router.h
@@ -125,5 +134,6 @@ void check_programs(check_list &list, const check_subject &subject, const progra
   }
   if (subject.has_state) {
     check_pool(list, subject);
+    check_host_pool(list, facts);
   }
 }

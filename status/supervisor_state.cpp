@@ -59,11 +59,13 @@ bool read_own_file(text &content, const char *path, uid_t user) {
 void parse_supervisor_state(supervisor_state &state, const char *file, long now_seconds) {
   clear_rows(state.doing);
   clear_rows(state.failure);
+  state.is_host_pool_full = false;
   line_buffer line;
   while (next_line(line, file)) {
     long seconds = 0;
     int times = 0;
     int read = 0;
+    state.is_host_pool_full = state.is_host_pool_full || std::strcmp(line.data(), "hosts-full") == 0;
     if (std::sscanf(line.data(), "state %ld %n", &seconds, &read) == 1 && read > 0) {
       clear_rows(state.doing);
       add_text(state.doing, "%s", line.data() + read);

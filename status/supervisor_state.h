@@ -7,6 +7,7 @@ struct supervisor_state {
   text doing;              // "" if it could not be read
   text failure;            // why its last failed start failed; "" if none did
   long failed_seconds_ago; // meaningless without `failure`
+  bool is_host_pool_full;  // the daemon notes no further hosts
   int failures;            // since it was started
 };
 

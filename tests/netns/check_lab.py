@@ -19,6 +19,7 @@ FROM_LAN = "ff0e::103"
 LAST_HOP = "ff0e::104"
 LONG = "ff0e::105"  # longer packets than br0 takes once its MTU is changed
 NOT_HEARD = "ff0e::107"
+WITH_SOURCE = "ff3e::8000:1"  # of laboratory.S1
 WITHOUT_SOURCE = "ff3e::8000:2"
 TICKS_PER_SECOND = 5
 VERDICT_DEADLINE_S = 60
@@ -151,4 +152,5 @@ def build(lab):
     """A router whose LAN has listeners of every group here, and whose provider sends STREAM."""
     start_programs(lab)
     join_and_send(lab, (STREAM, QUIET, FROM_LAN, LAST_HOP, LONG, WITHOUT_SOURCE))
+    traffic.listen(lab, "host1", WITH_SOURCE, sources=(laboratory.S1,))
     wait_for_health(lab, STREAM)

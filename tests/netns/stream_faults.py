@@ -5,10 +5,10 @@ import threading
 
 import kernel_faults
 import kernel_view
-from check_lab import (FROM_LAN, LAST_HOP, LONG, QUIET, STREAM, WITHOUT_SOURCE, Fault, check, companion_of, findings, kill,
-                       restart, router, send, stopped)
+from check_lab import (FROM_LAN, LAST_HOP, LONG, QUIET, STREAM, WITH_SOURCE, WITHOUT_SOURCE, Fault, check,
+                       companion_of, findings, kill, restart, router, send, stopped)
 from kernel_faults import MCAST_JOIN_GROUP, MCAST_LEAVE_GROUP, MRT6_ADD_MFC, MRT6_DEL_MFC
-from laboratory import BR0_LINK_LOCAL, wait_for
+from laboratory import BR0_LINK_LOCAL, S1, S2, wait_for
 from router_faults import rules, saved_forward_drop
 
 MOST_COPIES = 8
@@ -168,6 +168,8 @@ def port_filtered(lab):
 STREAM_FAULTS = {
     "nobody wants it": Fault(nothing, "no host wants ff0e::999", "ff0e::999"),
     "no source named": Fault(nothing, f"{WITHOUT_SOURCE} needs a source", WITHOUT_SOURCE),
+    "joined for another source": Fault(nothing, f"{WITH_SOURCE} is joined on wan0 for {S1}, not for {S2}",
+                                       f"{WITH_SOURCE},{S2}"),
     "not joined": Fault(not_joined, f"{STREAM} is not joined on wan0"),
     "provider silent": Fault(nothing, f"the provider sends nothing to {QUIET}", QUIET),
     "wrong interface": Fault(from_lan, f"{FROM_LAN} arrives through br0, the wrong interface", FROM_LAN),

@@ -11,12 +11,14 @@ import sys
 import time
 
 import pytest
-from scapy.layers.inet6 import ICMPv6MLQuery, IPv6, IPv6ExtHdrHopByHop, RouterAlert
+from scapy.layers.inet6 import (ICMPv6MLDMultAddrRec, ICMPv6MLQuery, ICMPv6MLReport2, IPv6, IPv6ExtHdrHopByHop,
+                                RouterAlert)
 from scapy.layers.l2 import Ether
 
 import check_lab
 import laboratory
 import private_network
+import proxy
 import router_faults
 import supervisor
 import traffic
@@ -32,6 +34,7 @@ PAIRS = [("daemon stopped", "wrong MAC address"), ("companion ended", "forwardin
          ("output missing", "port blocked"), ("forwarding dropped by policy", "port filtered")]
 MOST_IN_A_LAB = 6
 LABS_AT_ONCE = 8
+TO_EXCLUDE = 4  # RFC 3810, section 5.2.12
 
 
 def in_portions(cases):
@@ -182,6 +185,21 @@ def test_queries_are_told_with_their_sender(lab):
     check_lab.wait_for_finding(lab, f"the last query on br0 was heard from {other}")
     check_lab.wait_for_finding(lab, "1 queries of the provider were heard on wan0")
     check_lab.wait_for_finding(lab, f"querier {other} heard on br0")
+
+
+def test_full_pool_of_hosts_is_told_and_is_not_a_fault(lab):
+    supervisor.start(lab)
+    check_lab.join_and_send(lab)
+    check_lab.wait_for_health(lab, check_lab.STREAM)
+    check_lab.wait_for_finding(lab, "there is room to note further hosts")
+    for number in range(1, 140):
+        report = (Ether(src="02:00:00:00:09:09", dst="33:33:00:00:00:16") /
+                  IPv6(src=f"fe80::9:{number:x}", dst=proxy.MLDV2_ROUTERS, hlim=1) /
+                  IPv6ExtHdrHopByHop(options=[RouterAlert()]) /
+                  ICMPv6MLReport2(records=[ICMPv6MLDMultAddrRec(rtype=TO_EXCLUDE, dst=check_lab.STREAM)]))
+        traffic.send_frame(lab, "host2", "eth0", report)
+    check_lab.wait_for_finding(lab, "128 of 128 hosts are noted")
+    check_lab.wait_for_health(lab, check_lab.STREAM)
 
 
 def test_what_is_planted_in_place_of_the_answer_is_not_called_a_fault_of_the_daemon(lab):

@@ -210,6 +210,16 @@ TEST_F(check_judgement, membership_for_other_sources_does_not_cover_the_wanted_o
   EXPECT_EQ(verdict(), "ff0e::1 is joined on wan0 for 2001:db8::1, not for 2001:db8::2");
 }
 
+TEST_F(check_judgement, entries_tell_the_sources_that_the_kernel_does_not_list) {
+  entry.origin = address("2001:db8::1");
+  subject.source = address("2001:db8::2");
+  EXPECT_EQ(verdict(), "ff0e::1 is joined on wan0 for 2001:db8::1, not for 2001:db8::2");
+  cache_row for_all = entry;
+  for_all.origin = address("::");
+  add_row(shown.streams, stream_row{stream_kind::wanted, &for_all, 0, 0});
+  EXPECT_EQ(verdict(), "") << "somebody wants all sources";
+}
+
 TEST_F(check_judgement, hop_limit_1_is_told_and_2_is_enough) {
   facts.captures.first[0].least_hop_limit = 2;
   EXPECT_EQ(verdict(), "");

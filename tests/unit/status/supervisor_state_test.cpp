@@ -12,6 +12,9 @@ TEST(supervisor_state, state_and_last_failure_are_read) {
   EXPECT_STREQ(text_of(state.failure), "tarnwick ended: no permission");
   EXPECT_EQ(state.failed_seconds_ago, 20);
   EXPECT_EQ(state.failures, 3);
+  EXPECT_FALSE(state.is_host_pool_full);
+  parse_supervisor_state(state, "state 100 Streams can flow\nhosts-full\n", 110);
+  EXPECT_TRUE(state.is_host_pool_full);
   parse_supervisor_state(state, "state 100 Streams from wan0 can flow to br0\n", 110);
   EXPECT_STREQ(text_of(state.failure), "");
   free_rows(state.doing);
