@@ -7,7 +7,7 @@
 #include <cstdint>
 
 inline constexpr char HEARD_TABLE_NAME[] = "tarnwick-heard";
-inline constexpr std::size_t HEARD_ROWS = 256;
+inline constexpr std::size_t HEARD_ROWS = 85; // as many as a page of memory holds
 
 enum class heard_kind : std::uint32_t {
   nothing, // the row is free
