@@ -100,7 +100,7 @@ void add_check(check_list &list, check_result result, const char *place, const c
   va_start(arguments, format);
   const std::size_t finding = add_terminated(list.bytes, format, arguments);
   va_end(arguments);
-  add_row(list.steps, check_step{result, place, finding, NO_CURE});
+  add_row(list.steps, check_step{result, place, format, finding, NO_CURE});
 }
 
 void add_cure(check_list &list, const char *format, ...) {
@@ -140,7 +140,8 @@ bool is_same_verdict(const check_list &left, const check_list &right) {
     return left_verdict == right_verdict;
   }
   return std::strcmp(left_verdict->place, right_verdict->place) == 0 &&
-         std::strcmp(finding_of(left, *left_verdict), finding_of(right, *right_verdict)) == 0;
+         std::strcmp(left_verdict->format, right_verdict->format) == 0 &&
+         std::strcmp(cure_of(left, *left_verdict), cure_of(right, *right_verdict)) == 0;
 }
 
 void add_check_page(page &page, const check_list &list) {

@@ -283,8 +283,10 @@ TEST(check_list, first_no_is_the_verdict_and_the_last_line) {
             std::string::npos);
   check_list other;
   EXPECT_FALSE(is_same_verdict(list, other));
-  add_check(other, check_result::no, "LAN", "broken 1");
-  EXPECT_TRUE(is_same_verdict(list, other));
+  add_check(other, check_result::no, "LAN", "broken %d", 7);
+  EXPECT_FALSE(is_same_verdict(list, other)) << "another cure";
+  add_cure(other, "mend %s", "it");
+  EXPECT_TRUE(is_same_verdict(list, other)) << "the figures do not count";
   free_page(page);
   free_rows(json);
   free_checks(list);
