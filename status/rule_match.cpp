@@ -111,7 +111,7 @@ rule_match match_prefix(const packet_field &field, std::string_view prefix, std:
 rule_match match_text(const packet_field &field, std::string_view wanted) {
   if (field.is_name && !wanted.empty() && wanted.back() == '*') {
     wanted.remove_suffix(1);
-    return match_if(field.value.substr(0, wanted.size()) == wanted);
+    return match_if(field.value.starts_with(wanted));
   }
   if (field.is_address) {
     return match_prefix(field, wanted, "128");
@@ -159,8 +159,9 @@ rule_match match_right(const json_document &rules, const packet_field &field, st
   if (text.empty()) {
     return is_kind(rules, right, json_kind::string) ? match_text(field, text) : rule_match::unclear;
   }
-  return text.front() == '@' ? match_any(rules, field, elements_of_set(rules, text.substr(1), rule), rule)
-                             : match_text(field, text);
+  return text.front() == '@'
+             ? match_any(rules, field, elements_of_set(rules, {text.data() + 1, text.size() - 1}, rule), rule)
+             : match_text(field, text);
 }
 
 } // namespace
