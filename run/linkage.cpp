@@ -1,5 +1,6 @@
 #include "run/linkage.h"
 
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <link.h>
@@ -9,7 +10,7 @@ namespace {
 
 constexpr int most_headers = 64; // a program has a dozen
 
-template <typename record> bool read_at(int file, ElfW(Off) offset, record &value) {
+template <typename record> bool read_at(int file, std::uint64_t offset, record &value) {
   return pread(file, &value, sizeof(value), static_cast<off_t>(offset)) == static_cast<ssize_t>(sizeof(value));
 }
 

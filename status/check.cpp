@@ -69,6 +69,7 @@ void run_check(check_list &list, status_round &round, const status_options &opti
     return;
   }
   read_program_facts(Programs, Subject.daemon);
+  Path.has_heard = read_heard(Path.heard, Programs.companion.pid);
   check_kernel(list, Subject, Kernel);
   check_programs(list, Subject, Programs, Path.room);
   if (!Subject.has_state) {
@@ -85,13 +86,13 @@ void run_check(check_list &list, status_round &round, const status_options &opti
 }
 
 int check_status(const check_list &list) {
-  if (verdict_of(list) != nullptr) {
+  switch (result_of(list)) {
+  case check_result::ok:
+    return CHECK_ALL_OK;
+  case check_result::no:
     return CHECK_SAYS_NO;
+  case check_result::unknown:
+    return CHECK_COULD_NOT_LOOK;
   }
-  for (const check_step &step : all_rows(list.steps)) {
-    if (step.result == check_result::unknown) {
-      return CHECK_COULD_NOT_LOOK;
-    }
-  }
-  return CHECK_ALL_OK;
+  return CHECK_COULD_NOT_LOOK;
 }

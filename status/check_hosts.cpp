@@ -28,14 +28,51 @@ const link_row *port_with_group(const check_subject &subject, const path_facts &
 }
 
 bool has_sources(const check_subject &subject, const path_facts &facts) {
-  const std::span<group_source_row> rows = all_rows(facts.group_sources);
-  return std::any_of(rows.begin(), rows.end(),
-                     [&](const group_source_row &row) { return row.group == subject.group && row.included > 0; });
+  rows_of<group_text> sources;
+  list_wanted_sources(sources, subject, facts);
+  const bool has_any = sources.count > 0;
+  free_rows(sources);
+  return has_any;
 }
 
 bool arrives_somewhere(const path_facts &facts) {
   const std::span<group_capture> captures = all_rows(facts.captures);
   return std::any_of(captures.begin(), captures.end(), [](const group_capture &each) { return each.arrived > 0; });
+}
+
+bool is_report(const heard_line &line) {
+  return line.kind == heard_kind::mldv1_report || line.kind == heard_kind::mldv2_report;
+}
+
+struct reporters {
+  std::size_t count;
+  bool has_mldv2;
+  const heard_line *last;
+};
+
+reporters find_reporters(const path_facts &facts, std::uint32_t index, const group_text &group) {
+  reporters found{};
+  for (const heard_line &line : all_rows(facts.heard)) {
+    if (line.index == index && is_report(line) && line.group == group) {
+      ++found.count;
+      found.has_mldv2 = found.has_mldv2 || line.kind == heard_kind::mldv2_report;
+      found.last = found.last == nullptr || line.seconds_ago < found.last->seconds_ago ? &line : found.last;
+    }
+  }
+  return found;
+}
+
+// Who: the companion has heard the same reports as the daemon, which keeps no names.
+void add_reporters(check_list &list, const path_facts &facts, const link_row &lan, const group_text &group) {
+  const reporters found = find_reporters(facts, lan.index, group);
+  if (found.last == nullptr) {
+    return;
+  }
+  const int version = found.last->kind == heard_kind::mldv1_report ? 1 : 2;
+  add_check(list, check_result::ok, place, "%zu host%s on %s reported %s, %s %s ago (MLDv%d)%s", found.count,
+            found.count == 1 ? "" : "s", lan.name.data(), group.data(), found.last->host.data(),
+            duration_text(found.last->seconds_ago).data(), version,
+            found.has_mldv2 ? "" : ": only MLDv1 hosts hold it, whose leaves are not heard");
 }
 
 void say_nobody(check_list &list, const check_subject &subject, const path_facts &facts) {
@@ -60,6 +97,28 @@ bool has_listeners(const check_subject &subject, const interface_text &lan) {
   });
 }
 
+void list_wanted_sources(rows_of<group_text> &sources, const check_subject &subject, const path_facts &facts) {
+  constexpr char any_address[] = "::";
+  for (const group_source_row &row : all_rows(facts.group_sources)) {
+    if (row.group == subject.group && row.included > 0) {
+      add_row(sources, row.source);
+    }
+  }
+  if (sources.count > 0) {
+    return;
+  }
+  for (const stream_row &stream : all_rows(subject.snapshot->streams)) {
+    if (stream.entry == nullptr || stream.kind == stream_kind::unresolved || stream.entry->group != subject.group) {
+      continue;
+    }
+    if (std::strcmp(stream.entry->origin.data(), any_address) == 0) {
+      clear_rows(sources);
+      return;
+    }
+    add_row(sources, stream.entry->origin);
+  }
+}
+
 void check_hosts(check_list &list, const check_subject &subject, const path_facts &facts) {
   bool is_wanted = false;
   for (const group_line &line : all_rows(subject.snapshot->listeners)) {
@@ -67,6 +126,9 @@ void check_hosts(check_list &list, const check_subject &subject, const path_fact
       is_wanted = true;
       add_check(list, check_result::ok, place, "hosts on %s want %s (counted %s)", line.interface.data(),
                 subject.group.data(), duration_text(line.average_seconds).data());
+      if (const link_row *lan = find_link(facts.network, line.interface.data()); lan != nullptr) {
+        add_reporters(list, facts, *lan, subject.group);
+      }
     }
   }
   if (!is_wanted) {

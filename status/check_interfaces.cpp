@@ -28,10 +28,23 @@ bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
   return false;
 }
 
-bool check_registration(check_list &list, const interface_row &row, const link_row *link) {
+// The daemon's own word for an interface that is not there is not shown; its command line tells the name.
+void say_gone(check_list &list, const path_facts &facts) {
+  text names;
+  for (const interface_text &name : all_rows(facts.served)) {
+    if (find_link(facts.network, name.data()) == nullptr) {
+      add_text(names, "%s%s", names.count > 0 ? ", " : "", name.data());
+    }
+  }
+  add_check(list, check_result::no, place, "%s is gone",
+            names.count > 0 ? text_of(names) : "an interface that tarnwick serves");
+  free_rows(names);
+}
+
+bool check_registration(check_list &list, const path_facts &facts, const interface_row &row, const link_row *link) {
   const char *name = row.counters.name.data();
   if (link == nullptr) {
-    add_check(list, check_result::no, place, "%s is gone", name);
+    say_gone(list, facts);
   } else if (row.mif == nullptr) {
     add_check(list, check_result::no, place, "%s was made anew: it has index %u now and is not registered", name,
               link->index);
@@ -85,7 +98,7 @@ void check_interfaces(check_list &list, const check_subject &subject, const path
   }
   for (const interface_row &row : all_rows(subject.snapshot->interfaces)) {
     const link_row *link = find_link(facts.network, row.counters.name.data());
-    if (check_registration(list, row, link) && check_link(list, *link)) {
+    if (check_registration(list, facts, row, link) && check_link(list, *link)) {
       check_address(list, facts, row, *link);
     }
   }

@@ -72,7 +72,8 @@ void check_holder(check_list &list, const check_subject &subject, const kernel_f
     add_cure(list, facts.holder_count > 1 ? "ss -6 -w -p # which one routes multicast? Not surely %d" : "kill %d",
              static_cast<int>(facts.holder));
   } else if (facts.mc_forwarding != 0 && subject.has_daemon) {
-    add_check(list, check_result::ok, place, "the routing socket is held (mc_forwarding is %d)", facts.mc_forwarding);
+    add_check(list, check_result::ok, place,
+              "multicast forwarding is on, and the routing socket is held (mc_forwarding is %d)", facts.mc_forwarding);
   }
 }
 

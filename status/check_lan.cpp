@@ -2,6 +2,7 @@
 
 #include "status/cure.h"
 #include "status/number_text.h"
+#include "status/saved_rules.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -80,6 +81,23 @@ void check_querier(check_list &list, const interface_row &row, const link_row &l
   }
 }
 
+// The newest query on the LAN, whoever sent it. The daemon's own ones are not noted.
+void add_last_query(check_list &list, const path_facts &facts, const link_row &link) {
+  const heard_line *last = nullptr;
+  for (const heard_line &line : all_rows(facts.heard)) {
+    const bool is_query = line.kind == heard_kind::own_query || line.kind == heard_kind::other_query;
+    if (is_query && line.index == link.index && (last == nullptr || line.seconds_ago < last->seconds_ago)) {
+      last = &line;
+    }
+  }
+  if (last != nullptr) {
+    add_check(list, check_result::ok, place, "the last query on %s was %s %s %s ago", link.name.data(),
+              last->kind == heard_kind::own_query ? "sent by" : "heard from",
+              last->kind == heard_kind::own_query ? COMPANION_NAME : last->host.data(),
+              duration_text(last->seconds_ago).data());
+  }
+}
+
 void check_bridge(check_list &list, const path_facts &facts, const link_row &link) {
   if (!link.is_bridge) {
     return;
@@ -115,6 +133,11 @@ constexpr std::array<mld_kind, 3> mld_kinds{{{"mld2-listener-report", 143, mldv2
 void say_dropped(check_list &list, const char *name, const mld_kind &kind, const firewall_place &where) {
   add_check(list, check_result::no, place, "the firewall drops ICMPv6 type %d (%s) from %s: %s %s %s", kind.number,
             kind.type, name, where.family.data(), where.table.data(), where.chain.data());
+  if (std::strcmp(where.family.data(), SAVED_FAMILY) == 0) {
+    add_cure(list, "ip6tables -t %s -I %s -i %s -p ipv6-icmp --icmpv6-type %d -j ACCEPT", where.table.data(),
+             where.chain.data(), name, kind.number);
+    return;
+  }
   add_cure(list,
            "nft insert rule %s %s %s icmpv6 type '{ mld-listener-query, mld-listener-report, mld-listener-done, "
            "mld2-listener-report }' accept",
@@ -126,7 +149,7 @@ void check_input_firewall(check_list &list, const path_facts &facts, const char 
   for (const mld_kind &kind : mld_kinds) {
     const test_packet packet{"input", name, "", "ipv6-icmp", kind.type, "hopopt", "untracked", kind.group, "fe80::1"};
     firewall_place where{};
-    const firewall_answer answer = ask_firewall(facts.rules, packet, where);
+    const firewall_answer answer = ask_rules(facts.rules, packet, where);
     if (answer == firewall_answer::dropped) {
       say_dropped(list, name, kind, where);
       return;
@@ -152,12 +175,15 @@ void check_lan(check_list &list, const check_subject &subject, const path_facts 
     }
     check_report_membership(list, facts, *link);
     check_querier(list, row, *link);
+    add_last_query(list, facts, *link);
     check_bridge(list, facts, *link);
-    if (facts.has_rules) {
+    if (facts.rules.is_read) {
       check_input_firewall(list, facts, link->name.data());
     }
   }
-  if (!facts.has_rules) {
-    add_check(list, check_result::unknown, place, "the firewall's rules cannot be read: 'nft -j list ruleset' fails");
+  if (!facts.rules.is_read) {
+    add_check(list, check_result::unknown, place,
+              "the firewall's rules cannot be read: 'nft -j list ruleset' and "
+              "'ip6tables-save' fail");
   }
 }

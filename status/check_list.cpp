@@ -2,12 +2,11 @@
 
 #include "status/json_text.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
 namespace {
-
-constexpr char all_well[] = "ok: nothing was found that stops a stream";
 
 const char *result_text(check_result result) {
   switch (result) {
@@ -19,6 +18,14 @@ const char *result_text(check_result result) {
     return "unknown";
   }
   return "";
+}
+
+const char *json_result(check_result result) { return result == check_result::no ? "no" : result_text(result); }
+
+std::size_t count_unknown(const check_list &list) {
+  const std::span<check_step> steps = all_rows(list.steps);
+  return static_cast<std::size_t>(std::count_if(
+      steps.begin(), steps.end(), [](const check_step &step) { return step.result == check_result::unknown; }));
 }
 
 line_style style_of(check_result result) {
@@ -54,7 +61,7 @@ void add_step_lines(page &page, const check_list &list, const check_step &step) 
 }
 
 void add_step_json(text &json, const check_list &list, const check_step &step) {
-  add_text(json, "{\"result\":\"%s\",\"place\":", step.result == check_result::no ? "no" : result_text(step.result));
+  add_text(json, "{\"result\":\"%s\",\"place\":", json_result(step.result));
   add_json_text(json, step.place);
   add_text(json, ",\"finding\":");
   add_json_text(json, finding_of(list, step));
@@ -63,6 +70,17 @@ void add_step_json(text &json, const check_list &list, const check_step &step) {
     add_json_text(json, cure_of(list, step));
   }
   add_text(json, "}");
+}
+
+void add_no_verdict_line(page &page, const check_list &list) {
+  const std::size_t unknown = count_unknown(list);
+  text line;
+  add_text(line, "%s: nothing was found that stops a stream", result_text(result_of(list)));
+  if (unknown > 0) {
+    add_text(line, ", but %zu of %zu steps could not be looked at", unknown, list.steps.count);
+  }
+  add_line(page, line_style::plain, text_of(line));
+  free_rows(line);
 }
 
 } // namespace
@@ -82,7 +100,7 @@ void add_check(check_list &list, check_result result, const char *place, const c
   va_start(arguments, format);
   const std::size_t finding = add_terminated(list.bytes, format, arguments);
   va_end(arguments);
-  add_row(list.steps, check_step{result, place, finding, NO_CURE});
+  add_row(list.steps, check_step{result, place, format, finding, NO_CURE});
 }
 
 void add_cure(check_list &list, const char *format, ...) {
@@ -108,6 +126,13 @@ const check_step *verdict_of(const check_list &list) {
   return nullptr;
 }
 
+check_result result_of(const check_list &list) {
+  if (verdict_of(list) != nullptr) {
+    return check_result::no;
+  }
+  return count_unknown(list) > 0 ? check_result::unknown : check_result::ok;
+}
+
 bool is_same_verdict(const check_list &left, const check_list &right) {
   const check_step *left_verdict = verdict_of(left);
   const check_step *right_verdict = verdict_of(right);
@@ -115,7 +140,8 @@ bool is_same_verdict(const check_list &left, const check_list &right) {
     return left_verdict == right_verdict;
   }
   return std::strcmp(left_verdict->place, right_verdict->place) == 0 &&
-         std::strcmp(finding_of(left, *left_verdict), finding_of(right, *right_verdict)) == 0;
+         std::strcmp(left_verdict->format, right_verdict->format) == 0 &&
+         std::strcmp(cure_of(left, *left_verdict), cure_of(right, *right_verdict)) == 0;
 }
 
 void add_check_page(page &page, const check_list &list) {
@@ -125,7 +151,7 @@ void add_check_page(page &page, const check_list &list) {
   const check_step *verdict = verdict_of(list);
   add_line(page, line_style::plain, "");
   if (verdict == nullptr) {
-    add_line(page, line_style::plain, all_well);
+    add_no_verdict_line(page, list);
     return;
   }
   text line;
@@ -139,7 +165,7 @@ void add_check_page(page &page, const check_list &list) {
 
 void add_check_json(text &json, const check_list &list) {
   const check_step *verdict = verdict_of(list);
-  add_text(json, "{\"result\":\"%s\",\"steps\":[", verdict == nullptr ? "ok" : "no");
+  add_text(json, "{\"result\":\"%s\",\"steps\":[", json_result(result_of(list)));
   for (std::size_t i = 0; i < list.steps.count; ++i) {
     add_text(json, "%s", i > 0 ? "," : "");
     add_step_json(json, list, list.steps.first[i]);

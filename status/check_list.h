@@ -14,6 +14,7 @@ enum class check_result {
 struct check_step {
   check_result result;
   const char *place;   // where on the path; a constant, for programs too
+  const char *format;  // of the finding: the same for all figures
   std::size_t finding; // offset into `bytes`
   std::size_t cure;    // offset into `bytes`; NO_CURE
 };
@@ -43,7 +44,11 @@ const char *cure_of(const check_list &list, const check_step &step);
 // The first step that says NO; null if none does.
 const check_step *verdict_of(const check_list &list);
 
-// Whether two lists come to the same verdict: the same first NO, or none in both.
+// Of the whole: `unknown` where no step says NO and one could not look.
+check_result result_of(const check_list &list);
+
+// Whether two lists come to the same verdict: the same first NO with the same cure, whatever its figures, or none in
+// both.
 bool is_same_verdict(const check_list &left, const check_list &right);
 
 // A line for each step, the cure below it, and the verdict as the last line.

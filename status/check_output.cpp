@@ -1,6 +1,7 @@
 #include "status/check_output.h"
 
 #include "status/check_hosts.h"
+#include "status/saved_rules.h"
 
 #include <algorithm>
 #include <linux/if.h>
@@ -27,8 +28,13 @@ void say_dropped(check_list &list, const char *upstream, const char *lan, const 
   }
   add_check(list, check_result::no, place, "the firewall drops streams from %s to %s behind routing: %s %s %s%s",
             upstream, lan, where.family.data(), where.table.data(), where.chain.data(), text_of(counter));
-  add_cure(list, "nft insert rule %s %s %s iifname %s oifname %s ip6 daddr ff00::/8 accept", where.family.data(),
-           where.table.data(), where.chain.data(), upstream, lan);
+  if (std::strcmp(where.family.data(), SAVED_FAMILY) == 0) {
+    add_cure(list, "ip6tables -t %s -I %s -i %s -o %s -d ff00::/8 -j ACCEPT", where.table.data(), where.chain.data(),
+             upstream, lan);
+  } else {
+    add_cure(list, "nft insert rule %s %s %s iifname %s oifname %s ip6 daddr ff00::/8 accept", where.family.data(),
+             where.table.data(), where.chain.data(), upstream, lan);
+  }
   free_rows(counter);
 }
 
@@ -38,7 +44,7 @@ bool check_forward_firewall(check_list &list, const check_subject &subject, cons
   const char *group = subject.group[0] != '\0' ? subject.group.data() : some_group;
   const test_packet packet{"forward", upstream, lan, "udp", "", "udp", "new", group, subject.source.data()};
   firewall_place where{};
-  const firewall_answer answer = ask_firewall(facts.rules, packet, where);
+  const firewall_answer answer = ask_rules(facts.rules, packet, where);
   if (answer == firewall_answer::dropped && !leaves) {
     say_dropped(list, upstream, lan, where);
     return false;
@@ -173,7 +179,8 @@ void check_lan_output(check_list &list, const check_subject &subject, const path
   const group_capture *in = find_capture(facts.captures, upstream.index);
   const group_capture *out = find_capture(facts.captures, lan.index);
   const bool leaves = out != nullptr && out->sent > 0;
-  if (facts.has_rules && !check_forward_firewall(list, subject, facts, upstream.name.data(), lan.name.data(), leaves)) {
+  if (facts.rules.is_read &&
+      !check_forward_firewall(list, subject, facts, upstream.name.data(), lan.name.data(), leaves)) {
     return;
   }
   if (subject.group[0] == '\0' || in == nullptr || !has_listeners(subject, lan.name)) {

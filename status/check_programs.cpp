@@ -43,6 +43,15 @@ void check_descriptors(check_list &list, const process_room &room) {
   }
 }
 
+// The daemon says that in its log alone. Streams flow all the same.
+void check_host_pool(check_list &list, const program_facts &facts) {
+  if (facts.supervisor.pid != 0 && facts.state.doing.count > 0) {
+    add_check(list, check_result::ok, place, "%s",
+              facts.state.is_host_pool_full ? "128 of 128 hosts are noted: further ones are not, which stops no stream"
+                                            : "there is room to note further hosts (fewer than 128 since the start)");
+  }
+}
+
 // The daemon's pool is one for all interfaces.
 void check_pool(check_list &list, const check_subject &subject) {
   constexpr std::size_t pool_groups = 128; // MLD_GROUP_POOL_SIZE of mld/mld_router.h
@@ -55,14 +64,45 @@ void check_pool(check_list &list, const check_subject &subject) {
   }
 }
 
+// The daemon's parent. Without a daemon one that runs in the caller's network namespace.
+void find_supervisor(process_facts &supervisor, const process_facts &daemon) {
+  supervisor = process_facts{};
+  rows_of<process_facts> running;
+  list_processes(running, SUPERVISOR_NAME);
+  for (const process_facts &process : all_rows(running)) {
+    const bool is_its_own = daemon.pid > 0 ? process.pid == daemon.parent : process.network == own_network_namespace();
+    if (is_its_own && is_trusted(process)) {
+      supervisor = process;
+    }
+  }
+  free_rows(running);
+}
+
+void say_no_daemon(check_list &list, const check_subject &subject, const program_facts &facts) {
+  if (facts.supervisor.pid == 0 || facts.state.doing.count == 0) {
+    add_check(list, check_result::no, place, "%s", text_of(subject.problem));
+    add_cure(list, "%s", restart_command());
+    return;
+  }
+  add_running(list, facts.supervisor);
+  add_check(list, check_result::no, place, "tarnwick does not run; %s (process %d) says: %s", SUPERVISOR_NAME,
+            static_cast<int>(facts.supervisor.pid), text_of(facts.state.doing));
+  add_cure(list, "%s", log_command());
+}
+
+void add_failure(check_list &list, const supervisor_state &state) {
+  if (state.failure.count > 0) {
+    add_check(list, check_result::ok, place, "%d starts failed, the last one %s ago: %s", state.failures,
+              duration_text(state.failed_seconds_ago).data(), text_of(state.failure));
+  }
+}
+
 } // namespace
 
 void read_program_facts(program_facts &facts, const process_facts &daemon) {
-  facts = program_facts{};
-  if (daemon.pid > 0 && (!read_process(facts.supervisor, daemon.parent) ||
-                         std::strcmp(facts.supervisor.name.data(), SUPERVISOR_NAME) != 0)) {
-    facts.supervisor = process_facts{};
-  }
+  facts.companion = process_facts{};
+  find_supervisor(facts.supervisor, daemon);
+  read_supervisor_state(facts.state, facts.supervisor);
   rows_of<process_facts> companions;
   list_processes(companions, COMPANION_NAME);
   for (const process_facts &companion : all_rows(companions)) {
@@ -76,12 +116,12 @@ void read_program_facts(program_facts &facts, const process_facts &daemon) {
 void check_programs(check_list &list, const check_subject &subject, const program_facts &facts,
                     const process_room &room) {
   if (!subject.has_daemon) {
-    add_check(list, check_result::no, place, "%s", text_of(subject.problem));
-    add_cure(list, "%s", restart_command());
+    say_no_daemon(list, subject, facts);
     return;
   }
   if (facts.supervisor.pid != 0) {
     add_running(list, facts.supervisor);
+    add_failure(list, facts.state);
   }
   add_running(list, subject.daemon);
   check_descriptors(list, room);
@@ -94,5 +134,6 @@ void check_programs(check_list &list, const check_subject &subject, const progra
   }
   if (subject.has_state) {
     check_pool(list, subject);
+    check_host_pool(list, facts);
   }
 }

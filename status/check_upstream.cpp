@@ -1,5 +1,6 @@
 #include "status/check_upstream.h"
 
+#include "status/check_hosts.h"
 #include "status/cure.h"
 #include "status/number_text.h"
 
@@ -36,14 +37,15 @@ void check_membership(check_list &list, const check_subject &subject, const path
     add_cure(list, "sysctl -w net.core.optmem_max=131072; %s", restart_command());
     return;
   }
+  rows_of<group_text> wanted;
+  list_wanted_sources(wanted, subject, facts);
   text sources;
   bool is_included = false;
-  for (const group_source_row &row : all_rows(facts.group_sources)) {
-    if (row.interface == link.index && row.group == subject.group && row.included > 0) {
-      add_text(sources, " %s", row.source.data());
-      is_included = is_included || row.source == subject.source;
-    }
+  for (const group_text &source : all_rows(wanted)) {
+    add_text(sources, " %s", source.data());
+    is_included = is_included || source == subject.source;
   }
+  free_rows(wanted);
   const bool lacks_source = subject.source[0] != '\0' && sources.count > 0 && !is_included;
   add_check(list, lacks_source ? check_result::no : check_result::ok, place, "%s is joined on %s for%s%s%s",
             subject.group.data(), link.name.data(), sources.count > 0 ? text_of(sources) : " all sources",

@@ -1,9 +1,9 @@
 #include "status/firewall.h"
 
 #include "status/rule_match.h"
+#include "status/saved_rules.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace {
 
@@ -157,7 +157,25 @@ verdict walk_chain(walk &walk, std::uint32_t table, std::string_view chain, int 
 
 bool is_base_chain(const json_document &rules, std::uint32_t chain, const char *hook) {
   const std::string_view family = text_in(rules, member_of(rules, chain, "family"));
-  return (family == "ip6" || family == "inet") && text_in(rules, member_of(rules, chain, "hook")) == hook;
+  return (family == "ip6" || family == "inet" || family == SAVED_FAMILY) &&
+         text_in(rules, member_of(rules, chain, "hook")) == hook;
+}
+
+// Whether `others` has the chain too, under the family that stands for ip6.
+bool is_chain_of(const json_document *others, const json_document &rules, std::uint32_t chain) {
+  if (others == nullptr || text_in(rules, member_of(rules, chain, "family")) != "ip6") {
+    return false;
+  }
+  const std::uint32_t items = member_of(*others, 0, "nftables");
+  for (std::uint32_t item = first_in(*others, items); item != NO_VALUE; item = next_in(*others, items, item)) {
+    const std::uint32_t other = member_of(*others, item, "chain");
+    if (other != NO_VALUE &&
+        text_in(*others, member_of(*others, other, "table")) == text_in(rules, member_of(rules, chain, "table")) &&
+        text_in(*others, member_of(*others, other, "name")) == text_in(rules, member_of(rules, chain, "name"))) {
+      return true;
+    }
+  }
+  return false;
 }
 
 firewall_answer ask_chain(const json_document &rules, std::uint32_t chain, const test_packet &packet,
@@ -180,12 +198,13 @@ firewall_answer ask_chain(const json_document &rules, std::uint32_t chain, const
 
 } // namespace
 
-firewall_answer ask_firewall(const json_document &ruleset, const test_packet &packet, firewall_place &place) {
+firewall_answer ask_firewall(const json_document &ruleset, const test_packet &packet, firewall_place &place,
+                             const json_document *others) {
   firewall_answer answer = firewall_answer::passes;
   const std::uint32_t items = member_of(ruleset, 0, "nftables");
   for (std::uint32_t item = first_in(ruleset, items); item != NO_VALUE; item = next_in(ruleset, items, item)) {
     const std::uint32_t chain = member_of(ruleset, item, "chain");
-    if (chain == NO_VALUE || !is_base_chain(ruleset, chain, packet.hook)) {
+    if (chain == NO_VALUE || !is_base_chain(ruleset, chain, packet.hook) || is_chain_of(others, ruleset, chain)) {
       continue;
     }
     const firewall_answer of_chain = ask_chain(ruleset, chain, packet, place);
@@ -195,19 +214,4 @@ firewall_answer ask_firewall(const json_document &ruleset, const test_packet &pa
     answer = of_chain == firewall_answer::unclear ? of_chain : answer;
   }
   return answer;
-}
-
-bool read_ruleset(text &ruleset) {
-  clear_rows(ruleset);
-  // With a path of its own: what the caller's PATH holds is not run.
-  FILE *output = popen("PATH=/usr/sbin:/sbin:/usr/bin:/bin exec nft -j list ruleset 2>/dev/null", "re");
-  if (output == nullptr) {
-    return false;
-  }
-  std::array<char, 4096> piece;
-  for (std::size_t got = 1; got > 0;) {
-    got = std::fread(piece.data(), 1, piece.size(), output);
-    add_bytes(ruleset, piece.data(), got);
-  }
-  return pclose(output) == 0;
 }

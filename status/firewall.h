@@ -36,7 +36,6 @@ struct firewall_place {
   long long packets; // its counter; -1: it has none
 };
 
-firewall_answer ask_firewall(const json_document &ruleset, const test_packet &packet, firewall_place &place);
-
-// Runs nft in the calling process's network namespace. Returns false if there is none or it may not be asked.
-bool read_ruleset(text &ruleset);
+// `others`: rules in which chains of family ip6 are looked at instead, where they have them.
+firewall_answer ask_firewall(const json_document &ruleset, const test_packet &packet, firewall_place &place,
+                             const json_document *others = nullptr);

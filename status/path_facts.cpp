@@ -42,10 +42,6 @@ void begin_captures(path_facts &facts, const check_subject &subject, const traff
   }
 }
 
-void read_rules(path_facts &facts) {
-  facts.has_rules = read_ruleset(facts.ruleset) && parse_json(facts.rules, text_of(facts.ruleset));
-}
-
 double seconds_of(clockid_t clock) {
   constexpr double nanoseconds_per_second = 1e9;
   timespec now{};
@@ -73,9 +69,10 @@ void begin_path_facts(path_facts &facts, const check_subject &subject, const tra
 void end_path_facts(path_facts &facts, const check_subject &subject) {
   end_captures(facts.captures);
   read_memberships(facts);
-  read_rules(facts);
+  read_firewall_rules(facts.rules);
   if (subject.has_daemon) {
     read_process_room(facts.room, subject.daemon.pid);
+    read_served_names(facts.served, subject.daemon.pid);
     read_setting(facts.lan_mac, subject.daemon.pid, "et0macaddr");
     facts.daemon_started_at_seconds = start_of(subject.daemon);
   }

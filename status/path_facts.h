@@ -2,8 +2,9 @@
 #pragma once
 
 #include "status/check_subject.h"
-#include "status/firewall.h"
+#include "status/firewall_rules.h"
 #include "status/group_capture.h"
+#include "status/heard.h"
 #include "status/memberships.h"
 #include "status/network_tables.h"
 #include "status/process_room.h"
@@ -13,10 +14,11 @@ struct path_facts {
   rows_of<membership_row> memberships;
   rows_of<group_source_row> group_sources;
   rows_of<group_capture> captures; // empty without a wanted group
-  text ruleset;
-  json_document rules;              // of `ruleset`
-  bool has_rules;                   // the firewall could be read
+  rows_of<heard_line> heard;       // what the companion has noted
+  bool has_heard;                  // that could be read
+  firewall_rules rules;
   process_room room;                // the daemon's
+  rows_of<interface_text> served;   // the interfaces that the daemon was started for
   text lan_mac;                     // its setting et0macaddr; "" if it has none
   double daemon_started_at_seconds; // CLOCK_MONOTONIC
 };

@@ -43,6 +43,20 @@ void read_settings(text &settings, pid_t daemon) {
   free_rows(path);
 }
 
+// Names between commas. What is too long for an interface is none.
+void add_names(rows_of<interface_text> &names, const char *list) {
+  while (*list != '\0') {
+    const std::size_t length = std::strcspn(list, ",");
+    interface_text name{};
+    if (length > 0 && length < name.size()) {
+      std::memcpy(name.data(), list, length);
+      add_row(names, name);
+    }
+    list += length;
+    list += *list == ',' ? 1 : 0;
+  }
+}
+
 } // namespace
 
 long parse_descriptor_limit(const char *limits) {
@@ -97,4 +111,27 @@ void read_setting(text &value, pid_t daemon, const char *key) {
   read_settings(settings, daemon);
   parse_setting(value, text_of(settings), key);
   free_rows(settings);
+}
+
+// "-u wan0" as well as "-uwan0".
+void parse_served_names(rows_of<interface_text> &names, const text &command_line) {
+  clear_rows(names);
+  bool is_value = false;
+  for (std::size_t offset = 0; offset < command_line.count; offset += std::strlen(command_line.first + offset) + 1) {
+    const char *word = command_line.first + offset;
+    const bool is_wanted = word[0] == '-' && (word[1] == 'u' || word[1] == 'd');
+    if (is_value) {
+      add_names(names, word);
+    } else if (is_wanted && word[2] != '\0') {
+      add_names(names, word + 2);
+    }
+    is_value = !is_value && is_wanted && word[2] == '\0';
+  }
+}
+
+void read_served_names(rows_of<interface_text> &names, pid_t daemon) {
+  text command_line;
+  read_file(command_line, path_of(daemon, "cmdline").data());
+  parse_served_names(names, command_line);
+  free_rows(command_line);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "status/daemon_process.h"
+#include "status/state_files.h"
 
 // Of /proc/PID/limits: how many descriptors it may open; -1 if the text does not say.
 long parse_descriptor_limit(const char *limits);
@@ -25,3 +26,7 @@ void read_setting(text &value, pid_t daemon, const char *key);
 
 // Of the settings file: "key=value" lines. "" if there is no such key.
 void parse_setting(text &value, const char *settings, const char *key);
+
+// The interfaces that the daemon was started for. Of /proc/PID/cmdline: the names behind "-u" and "-d".
+void read_served_names(rows_of<interface_text> &names, pid_t daemon);
+void parse_served_names(rows_of<interface_text> &names, const text &command_line);

@@ -113,7 +113,7 @@ rule_match match_prefix(const packet_field &field, std::string_view prefix, std:
 rule_match match_text(const packet_field &field, std::string_view wanted) {
   if (field.is_name && !wanted.empty() && wanted.back() == '*') {
     wanted.remove_suffix(1);
-    return match_if(first_part(field.value, wanted.size()) == wanted);
+    return match_if(field.value.starts_with(wanted));
   }
   if (field.is_address) {
     return match_prefix(field, wanted, "128");

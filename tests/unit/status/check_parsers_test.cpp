@@ -230,6 +230,43 @@ TEST(raw_socket, sockets_of_icmpv6_alone_are_taken) {
   free_rows(inodes);
 }
 
+TEST(process_room, interfaces_stand_behind_their_options) {
+  rows_of<interface_text> names;
+  text line;
+  for (const std::string &word : std::vector<std::string>{"tarnwick", "-u", "wan0", "-dbr0,,lan1", "-m", "6to6", "-d",
+                                                          "a-name-that-is-too-long,br7", "-d"}) {
+    add_bytes(line, word.c_str(), word.size() + 1);
+  }
+  parse_served_names(names, line);
+  ASSERT_EQ(names.count, 4U);
+  EXPECT_STREQ(names.first[0].data(), "wan0");
+  EXPECT_STREQ(names.first[1].data(), "br0");
+  EXPECT_STREQ(names.first[2].data(), "lan1");
+  EXPECT_STREQ(names.first[3].data(), "br7");
+  free_rows(names);
+  free_rows(line);
+}
+
+TEST(check_list, unknown_steps_are_counted_on_the_last_line) {
+  check_list list;
+  add_check(list, check_result::ok, "kernel", "fine");
+  page page;
+  add_check_page(page, list);
+  EXPECT_STREQ(line_text(page, page.lines.first[page.lines.count - 1]), "ok: nothing was found that stops a stream");
+  add_check(list, check_result::unknown, "LAN", "dark");
+  clear_page(page);
+  add_check_page(page, list);
+  EXPECT_STREQ(line_text(page, page.lines.first[page.lines.count - 1]),
+               "unknown: nothing was found that stops a stream, but 1 of 2 steps could not be looked at");
+  EXPECT_EQ(result_of(list), check_result::unknown);
+  text json;
+  add_check_json(json, list);
+  EXPECT_EQ(std::string(text_of(json)).find(R"({"result":"unknown")"), 0U);
+  free_page(page);
+  free_rows(json);
+  free_checks(list);
+}
+
 TEST(check_list, first_no_is_the_verdict_and_the_last_line) {
   check_list list;
   add_check(list, check_result::ok, "kernel", "fine");
@@ -246,8 +283,10 @@ TEST(check_list, first_no_is_the_verdict_and_the_last_line) {
             std::string::npos);
   check_list other;
   EXPECT_FALSE(is_same_verdict(list, other));
-  add_check(other, check_result::no, "LAN", "broken 1");
-  EXPECT_TRUE(is_same_verdict(list, other));
+  add_check(other, check_result::no, "LAN", "broken %d", 7);
+  EXPECT_FALSE(is_same_verdict(list, other)) << "another cure";
+  add_cure(other, "mend %s", "it");
+  EXPECT_TRUE(is_same_verdict(list, other)) << "the figures do not count";
   free_page(page);
   free_rows(json);
   free_checks(list);

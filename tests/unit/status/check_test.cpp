@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <linux/if.h>
 #include <linux/if_bridge.h>
 #include <string>
@@ -74,7 +75,7 @@ struct check_judgement : testing::Test {
     add_row(facts.captures, group_capture{lan_index, 0, 0, 100, -1, {}});
     add_row(facts.captures, group_capture{port_index, 0, 0, 100, -1, {}});
     add_text(facts.lan_mac, "02:00:00:00:01:fe");
-    facts.has_rules = true;
+    facts.rules.is_read = true;
   }
 
   void TearDown() override {
@@ -88,7 +89,9 @@ struct check_judgement : testing::Test {
     free_rows(facts.group_sources);
     free_rows(facts.captures);
     free_rows(facts.lan_mac);
-    free_rows(facts.rules.values);
+    free_rows(facts.served);
+    free_rows(facts.heard);
+    free_rows(facts.rules.nft.values);
     free_rows(subject.problem);
   }
 
@@ -105,7 +108,7 @@ struct check_judgement : testing::Test {
   // The finding of the first NO; "" if there is none.
   std::string verdict() {
     clear_checks(list);
-    parse_json(facts.rules, rules.c_str());
+    parse_json(facts.rules.nft, rules.c_str());
     program_facts programs{};
     programs.companion.pid = 413;
     check_programs(list, subject, programs, facts.room);
@@ -127,7 +130,7 @@ TEST_F(check_judgement, healthy_router_is_all_ok) {
 }
 
 TEST_F(check_judgement, what_could_not_be_looked_at_has_a_status_of_its_own) {
-  facts.has_rules = false;
+  facts.rules.is_read = false;
   EXPECT_EQ(verdict(), "");
   EXPECT_EQ(check_status(list), CHECK_COULD_NOT_LOOK);
   facts.captures.first[0].arrived = 0;
@@ -148,6 +151,30 @@ TEST_F(check_judgement, registered_index_is_compared_with_that_of_today) {
   EXPECT_EQ(verdict(), "br0 was made anew: it has index 9 now and is registered as 2");
   shown.interfaces.first[1].mif = nullptr;
   EXPECT_EQ(verdict(), "br0 was made anew: it has index 9 now and is not registered");
+}
+
+TEST_F(check_judgement, interface_that_is_gone_is_named_by_the_command_line) {
+  shown.interfaces.first[1].counters.name = interface(GONE_INTERFACE);
+  EXPECT_EQ(verdict(), "an interface that tarnwick serves is gone");
+  add_row(facts.served, interface("wan0"));
+  add_row(facts.served, interface("br7"));
+  EXPECT_EQ(verdict(), "br7 is gone");
+}
+
+TEST_F(check_judgement, hosts_are_told_by_version) {
+  const auto has_finding = [&](const char *wanted) {
+    const std::span<check_step> steps = all_rows(list.steps);
+    return std::any_of(steps.begin(), steps.end(),
+                       [&](const check_step &step) { return std::strcmp(finding_of(list, step), wanted) == 0; });
+  };
+  add_row(facts.heard, heard_line{heard_kind::mldv1_report, lan_index, subject.group, address("fe80::5"), 7});
+  add_row(facts.heard, heard_line{heard_kind::mldv2_report, port_index, subject.group, address("fe80::6"), 6});
+  EXPECT_EQ(verdict(), "");
+  EXPECT_TRUE(has_finding("1 host on br0 reported ff0e::1, fe80::5 7 s ago (MLDv1): only MLDv1 hosts hold it, whose "
+                          "leaves are not heard"));
+  add_row(facts.heard, heard_line{heard_kind::mldv2_report, lan_index, subject.group, address("fe80::7"), 6});
+  EXPECT_EQ(verdict(), "");
+  EXPECT_TRUE(has_finding("2 hosts on br0 reported ff0e::1, fe80::7 6 s ago (MLDv2)"));
 }
 
 TEST_F(check_judgement, address_that_is_younger_than_the_daemon_is_told) {
@@ -181,6 +208,16 @@ TEST_F(check_judgement, membership_for_other_sources_does_not_cover_the_wanted_o
   EXPECT_EQ(verdict(), "");
   subject.source = address("2001:db8::2");
   EXPECT_EQ(verdict(), "ff0e::1 is joined on wan0 for 2001:db8::1, not for 2001:db8::2");
+}
+
+TEST_F(check_judgement, entries_tell_the_sources_that_the_kernel_does_not_list) {
+  entry.origin = address("2001:db8::1");
+  subject.source = address("2001:db8::2");
+  EXPECT_EQ(verdict(), "ff0e::1 is joined on wan0 for 2001:db8::1, not for 2001:db8::2");
+  cache_row for_all = entry;
+  for_all.origin = address("::");
+  add_row(shown.streams, stream_row{stream_kind::wanted, &for_all, 0, 0});
+  EXPECT_EQ(verdict(), "") << "somebody wants all sources";
 }
 
 TEST_F(check_judgement, hop_limit_1_is_told_and_2_is_enough) {

@@ -81,6 +81,10 @@ function verdictNode(check) {
 		return E('div', { 'class': 'alert-message success', 'data-verdict': 'ok' },
 			[ _('Nothing was found that stops a stream.') ]);
 
+	if (!check.verdict && check.result == 'unknown')
+		return E('div', { 'class': 'alert-message notice', 'data-verdict': 'unknown' },
+			[ _('Nothing was found that stops a stream, but not everything could be looked at.') ]);
+
 	const verdict = check.verdict || {};
 	const lines = [ E('strong', {}, [ verdict.finding || '' ]) ];
 
