@@ -58,7 +58,10 @@ def daemon_stopped(lab):
 
 @contextlib.contextmanager
 def daemon_without_answer(lab):
-    router(lab, "mount", "-o", "remount,bind,ro", "/tmp")
+    remount = "mount -o remount,bind,ro /tmp && echo done"
+    # Refused while the daemon writes an earlier answer.
+    laboratory.wait_for(lambda: "done" in laboratory.run(lab, "router", "sh", "-c", remount, check=False),
+                        START_DEADLINE_S, "a /tmp that nobody writes to")
     yield
     router(lab, "mount", "-o", "remount,bind,rw", "/tmp")
 
