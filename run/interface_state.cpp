@@ -26,7 +26,7 @@ ifreq request_for(const interface_name &name) {
 }
 
 // One ioctl on a socket of its own. False with errno.
-bool ask(unsigned long what, ifreq &request) {
+bool ask(std::uint16_t what, ifreq &request) {
   const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const bool is_done = opened >= 0 && ioctl(opened, what, &request) == 0;
   if (opened >= 0) {
