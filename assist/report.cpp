@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -17,11 +18,14 @@ using line_text = std::array<char, longest_line>;
 void say(const char *format, ...) {
   const int reason = errno;
   line_text line;
+  std::array<char, longest_line + 32> written;
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(line.data(), line.size(), format, arguments);
   va_end(arguments);
-  std::fprintf(stderr, "tarnwick-assist: %s\n", line.data());
+  // By one request, since stderr would take 8 KiB of stack.
+  const int length = std::snprintf(written.data(), written.size(), "tarnwick-assist: %s\n", line.data());
+  (void)!write(STDERR_FILENO, written.data(), static_cast<std::size_t>(length));
   errno = reason;
 }
 

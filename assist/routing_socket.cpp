@@ -1,6 +1,7 @@
 #include "assist/routing_socket.h"
 
 #include "assist/report.h"
+#include "core/address.h" // its netinet/in.h must come before linux/mroute6.h, or both define in6_addr
 
 #include <cerrno>
 #include <linux/mroute6.h>

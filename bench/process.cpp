@@ -1,6 +1,6 @@
 // The daemon as a process: its memory at three points of its life, its idle load, and the time to its first query. And
 // the companion beside it: memory and idle load.
-// Usage: bench_process DAEMON COMPANION EMPTY_PROGRAM WAKING_PROGRAM
+// Usage: bench_process DAEMON COMPANION EMPTY_PROGRAM WAKING_PROGRAM STATIC_DAEMON STATIC_COMPANION
 
 #include "bench/figure.h"
 #include "bench/network.h"
@@ -244,9 +244,25 @@ void measure_idle_load(const process_lab &lab, const std::string &program, const
 
 } // namespace
 
+// Programs that bring their C library along: all of their memory is their own.
+void measure_static_programs(const process_lab &lab, const std::string &daemon_program, const std::string &program) {
+  const pid_t companion = start_program({program, "-u", "up0", "-d", "down0"});
+  const pid_t daemon = start_daemon(daemon_program);
+  wait_for_query(lab);
+  sleep(settling_seconds);
+  print_figure("memory", figure_subject{"static daemon, private dirty", "after start"}, "KiB",
+               static_cast<double>(memory_of(daemon).at("Private_Dirty")), 0, no_goal);
+  print_figure("memory", figure_subject{"static companion, private dirty", "after start"}, "KiB",
+               static_cast<double>(memory_of(companion).at("Private_Dirty")), 0, no_goal);
+  stop_program(daemon);
+  wait_for_mifs(0);
+  stop_program(companion);
+}
+
 int main(int argc, char **argv) {
-  if (argc != 5) {
-    std::fputs("Usage: bench_process DAEMON COMPANION EMPTY_PROGRAM WAKING_PROGRAM\n", stderr);
+  if (argc != 7) {
+    std::fputs("Usage: bench_process DAEMON COMPANION EMPTY_PROGRAM WAKING_PROGRAM STATIC_DAEMON STATIC_COMPANION\n",
+               stderr);
     return 2;
   }
   sync(); // pages of a program just built count as dirty until they are on the disk
@@ -255,5 +271,6 @@ int main(int argc, char **argv) {
   measure_idle_load(lab, argv[1], argv[4]);
   measure_memory(lab, argv[1], argv[3]);
   measure_companion(lab, argv[1], argv[2], argv[3]);
+  measure_static_programs(lab, argv[5], argv[6]);
   return 0;
 }

@@ -81,6 +81,8 @@ def size_figures(folder):
         return []
     limits = {("tarnwick", "mipsel"): ("value", 60), ("tarnwick", "x86-64"): ("nothing", 0),
               ("tarnwick-assist", "mipsel"): ("value", 40), ("tarnwick-assist", "x86-64"): ("nothing", 0)}
+    limits |= {(program, "static"): ("nothing", 0)
+               for program in ("tarnwick", "tarnwick-assist", "tarnwick-run", "tarnwick-status")}
     return [Figure("size", "file" if program == "tarnwick" else f"file of {program}", machine, 0, "KiB",
                    (folder / f"{program}.{machine}").stat().st_size / 1024, 0, judged, limit)
             for (program, machine), (judged, limit) in limits.items()]

@@ -15,7 +15,7 @@ namespace {
 
 // The device's private requests.
 struct napt_request {
-  unsigned long number;
+  std::uint16_t number;
   const char *failure; // what the log says when the device refuses
 };
 

@@ -1,5 +1,7 @@
 #include "run/interface_state.h"
 
+#include "run/table_lines.h"
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -12,7 +14,6 @@
 namespace {
 
 constexpr char address_table[] = "/proc/net/if_inet6";
-using table_line = std::array<char, 128>;
 
 // fe80::/10 (RFC 4291, section 2.5.6).
 bool is_link_local_unicast(const in6_addr &address) {
@@ -26,7 +27,7 @@ ifreq request_for(const interface_name &name) {
 }
 
 // One ioctl on a socket of its own. False with errno.
-bool ask(unsigned long what, ifreq &request) {
+bool ask(std::uint16_t what, ifreq &request) {
   const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const bool is_done = opened >= 0 && ioctl(opened, what, &request) == 0;
   if (opened >= 0) {
@@ -39,12 +40,11 @@ bool ask(unsigned long what, ifreq &request) {
 
 // A kernel without IPv6 has no such table, and no address.
 bool find_link_local(const interface_name &name, const in6_addr &preferred, interface_state &state) {
-  FILE *table = std::fopen(address_table, "re");
-  if (table == nullptr) {
+  table_lines table;
+  if (!open_table(table, address_table)) {
     return errno == ENOENT;
   }
-  table_line line;
-  while (std::fgets(line.data(), static_cast<int>(line.size()), table) != nullptr) {
+  for (table_line line; next_table_line(table, line);) {
     if_inet6_row row;
     if (!parse_if_inet6(line.data(), row) || !is_ready_link_local(row, name)) {
       continue;
@@ -58,7 +58,7 @@ bool find_link_local(const interface_name &name, const in6_addr &preferred, inte
       break;
     }
   }
-  std::fclose(table);
+  close_table(table);
   return true;
 }
 

@@ -26,10 +26,11 @@ static_assert(longest_line + longest_front < batch_bytes);
 
 enum class sink { standard_error, journal, system_log };
 
+// The counts stand in front: short texts then touch one page of memory and not two.
 struct line_batch {
-  std::array<char, batch_bytes> text;
   std::size_t length;
   std::uint64_t lines;
+  std::array<char, batch_bytes> text;
 };
 
 sink Sink = sink::standard_error;

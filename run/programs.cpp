@@ -58,6 +58,11 @@ void add_words(argument_list &list, char *text) {
 
 void find_flush_library(const run_options &options, std::string_view folder) {
   FlushLibrary = {};
+  const bool is_wanted = options.flush_library == nullptr || options.flush_library[0] != '\0';
+  if (is_wanted && !loads_libraries(DaemonProgram.data())) {
+    say("%s is linked statically: lines of the log come in blocks, and queries hold it", DaemonProgram.data());
+    return;
+  }
   if (options.flush_library != nullptr) {
     std::snprintf(FlushLibrary.data(), FlushLibrary.size(), "%s", options.flush_library);
     return;
@@ -107,10 +112,6 @@ bool find_programs(const run_options &options) {
     return false;
   }
   find_flush_library(options, folder);
-  if (FlushLibrary[0] != '\0' && !loads_libraries(DaemonProgram.data())) {
-    say("%s is linked statically: lines of the log come in blocks, and queries hold it", DaemonProgram.data());
-    FlushLibrary = {};
-  }
   return true;
 }
 

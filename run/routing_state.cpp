@@ -1,5 +1,7 @@
 #include "run/routing_state.h"
 
+#include "run/table_lines.h"
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -8,22 +10,20 @@
 namespace {
 
 constexpr char own_entries[] = "/proc/net/ip6_mr_cache";
-using table_line = std::array<char, 256>;
 
 // Calls `is_wanted` with each line of the table until it says yes. False if none is wanted or the table cannot be read.
 template <typename condition> bool any_line(pid_t pid, const char *table_name, condition is_wanted) {
   std::array<char, 64> path;
   std::snprintf(path.data(), path.size(), "/proc/%d/net/%s", static_cast<int>(pid), table_name);
-  FILE *table = std::fopen(path.data(), "re");
-  if (table == nullptr) {
+  table_lines table;
+  if (!open_table(table, path.data())) {
     return false;
   }
   bool is_found = false;
-  table_line line;
-  while (!is_found && std::fgets(line.data(), static_cast<int>(line.size()), table) != nullptr) {
+  for (table_line line; !is_found && next_table_line(table, line);) {
     is_found = is_wanted(line.data());
   }
-  std::fclose(table);
+  close_table(table);
   return is_found;
 }
 

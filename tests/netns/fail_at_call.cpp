@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
@@ -64,6 +65,14 @@ FAILING(pid_t, -1, fork, () noexcept, ())
 FAILING(int, -1, poll, (pollfd * watched, nfds_t count, int timeout), (watched, count, timeout))
 FAILING(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
 FAILING(ssize_t, -1, readlink, (const char *path, char *target, size_t size) noexcept, (path, target, size))
+
+int open(const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return is_chosen() ? -1 : real<int (*)(const char *, int, ...)>("open")(path, flags, mode);
+}
 
 int ioctl(int descriptor, unsigned long request, ...) noexcept {
   va_list arguments;

@@ -17,7 +17,7 @@ timeval hurried(const timeval &period, long per_second) {
 
 } // namespace
 
-extern "C" int setitimer(__itimer_which_t which, const itimerval *wanted, itimerval *previous) noexcept {
+extern "C" int setitimer(int which, const itimerval *wanted, itimerval *previous) noexcept {
   const char *text = std::getenv("FAST_TICK_PER_SECOND");
   const long per_second = text != nullptr ? std::atol(text) : 1;
   itimerval changed = *wanted;

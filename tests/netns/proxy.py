@@ -54,8 +54,11 @@ def flushing(environment):
 
 
 def preloading(library, environment):
-    """Words before a program that preload a library beside those that its environment names."""
-    libraries = [library] + [environment[name] for name in ("LD_PRELOAD",) if name in environment]
+    """Words before a program that preload a library beside those that its environment names.
+
+    Those go from the environment: `env` may have another C library than the program.
+    """
+    libraries = [library] + [environment.pop(name) for name in ("LD_PRELOAD",) if name in environment]
     return ("env", f"LD_PRELOAD={' '.join(libraries)}")
 
 

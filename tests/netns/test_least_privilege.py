@@ -17,7 +17,7 @@ import kernel_view
 from kernel_view import ANY
 from frames import report
 from laboratory import S1, S2, log_of, run, send_signal, start, stop, wait_for
-from proxy import COMPANION, DAEMON, TWO_CAPABILITIES, environment_of, start_snooping, wait_until_listening
+from proxy import COMPANION, DAEMON, TWO_CAPABILITIES, environment_of, flushing, start_snooping, wait_until_listening
 from traffic import listen, received, send_frame, send_stream
 
 GROUP = "ff0e::1:2:3"
@@ -34,8 +34,9 @@ SANDBOX = ("unshare", "--mount", "sh", "-c",
 
 
 def start_in_sandbox(lab, program, ticks_per_second=1):
-    return start(lab, "router", *SANDBOX, *TWO_CAPABILITIES, "stdbuf", "-oL", program, "-u", "wan0", "-d", "br0",
-                 environment=environment_of(ticks_per_second))
+    wanted = environment_of(ticks_per_second)
+    return start(lab, "router", *SANDBOX, *TWO_CAPABILITIES, *flushing(wanted), program, "-u", "wan0", "-d", "br0",
+                 environment=wanted)
 
 
 @pytest.fixture(name="router")

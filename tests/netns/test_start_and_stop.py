@@ -9,7 +9,7 @@ import kernel_view
 from kernel_view import ANY
 from laboratory import (BR0_LINK_LOCAL, S1, child_of, configure, has_ended, link_local_is_ready, log_of, run, send_signal,
                  start, stop, wait_for, wait_for_end)
-from proxy import DAEMON, ENVIRONMENT, start_companion, start_daemon, start_proxy
+from proxy import DAEMON, ENVIRONMENT, flushing, start_companion, start_daemon, start_proxy
 from traffic import capture, listen, queries, received, records, send_stream, start_stream, wait_until_all_is_said
 
 GROUP = "ff0e::1:2:3"
@@ -207,15 +207,15 @@ def test_interface_number_beyond_the_kernels_table_ends_the_start(lab):
 
 
 def test_start_without_permission_fails(lab):
-    daemon = start(lab, "router", "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "stdbuf", "-oL", DAEMON,
-                   "-u", "wan0", "-d", "br0", environment=ENVIRONMENT)
+    daemon = start(lab, "router", "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                   *flushing({}), DAEMON, "-u", "wan0", "-d", "br0", environment=ENVIRONMENT)
     assert wait_for_end(daemon) == START_FAILED
     assert "E:mld :init_mld_socket" in log_of(daemon)
 
 
 def test_two_permissions_are_enough(lab):
     """The daemon does not drop capabilities itself; an operator can start it with these two alone."""
-    daemon = start(lab, "router", "setpriv", "--bounding-set=-all,+net_admin,+net_raw", "stdbuf", "-oL", DAEMON,
+    daemon = start(lab, "router", "setpriv", "--bounding-set=-all,+net_admin,+net_raw", *flushing({}), DAEMON,
                    "-u", "wan0", "-d", "br0", environment=ENVIRONMENT)
     wait_for(lambda: set(kernel_view.multicast_interfaces(lab).values()) == {"wan0", "br0"})
     assert stop(daemon) == 0

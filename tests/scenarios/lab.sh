@@ -91,7 +91,10 @@ lab_start() {
 lab_start_in_router() {
   lab_log_name=$1
   shift
-  lab_stdbuf=$(command -v stdbuf || true)
+  case $1 in
+    tarnwick-*) lab_stdbuf= ;; # writes line by line itself
+    *) lab_stdbuf=$(command -v stdbuf || true) ;;
+  esac
   # shellcheck disable=SC2016,SC2154 # the inner shell expands them; `programs` is the caller's
   lab_start "$router" "$lab_log_name" sh -c '
     mount -o bind "$1" "$2/programs" && mount -o rbind "$2" /tmp || exit 1

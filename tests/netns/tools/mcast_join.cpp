@@ -9,6 +9,7 @@
 #include "mcast_socket.h"
 
 #include <csignal>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
