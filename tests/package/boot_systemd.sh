@@ -1,17 +1,15 @@
 #!/bin/sh
 # Runs as the first process of new mount, process and control-group namespaces: lays a writable layer over an unpacked
 # Debian and becomes its systemd. Everything vanishes with the process.
-#   boot_systemd.sh ROOT PACKAGE
+#   boot_systemd.sh ROOT
 set -eu
 
 below=$1
-package=$2
 
 mount -t tmpfs tmpfs /media
 mkdir /media/upper /media/work /media/root
 mount -t overlay overlay -o "lowerdir=$below,upperdir=/media/upper,workdir=/media/work" /media/root
 cd /media/root
-cp "$package" tarnwick.deb
 mount -t proc proc proc
 mount -t sysfs sysfs sys
 mount -t cgroup2 cgroup2 sys/fs/cgroup

@@ -34,11 +34,11 @@ def unpacked_root(folder):
     return root
 
 
-def boot(lab, root, package):
+def boot(lab, root):
     router = namespaces.path_of(lab.nodes["router"])
     process = subprocess.Popen(
         ["nsenter", f"--net={router}", "unshare", "--mount", "--pid", "--cgroup", "--uts", "--ipc", "--fork",
-         "--kill-child", "--propagation", "private", "sh", BOOT, root, package],
+         "--kill-child", "--propagation", "private", "sh", BOOT, root],
         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
         preexec_fn=lambda: namespaces.die_with_parent(signal.SIGKILL))
     box = Box(process, 0)
@@ -70,6 +70,12 @@ def run(box, *command, check=True):
     if check and done.returncode != 0:
         raise AssertionError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}{done.stderr}")
     return done
+
+
+def put(box, source, path):
+    """Copies a file, or a folder's contents, into the system."""
+    inside = f"/proc/{box.systemd}/root{path}"
+    subprocess.run(["cp", "-a", f"{source}/." if source.is_dir() else source, inside], check=True)
 
 
 def files(box):
