@@ -1,6 +1,7 @@
 #include "assist/options.h"
 
 #include "assist/report.h"
+#include "core/text_part.h"
 
 #include <algorithm>
 #include <cctype>
@@ -88,7 +89,7 @@ bool read_downstreams(std::string_view list, assist_options &options) {
       say("at most %zu downstream interfaces can be served", options.downstreams.size());
       return false;
     }
-    if (!read_name(list.substr(0, comma), options.downstreams[options.downstream_count])) {
+    if (!read_name(first_part(list, comma), options.downstreams[options.downstream_count])) {
       return false;
     }
     ++options.downstream_count;
@@ -102,7 +103,7 @@ bool read_downstreams(std::string_view list, assist_options &options) {
 bool read_without(std::string_view list, assist_options &options) {
   for (;;) {
     const std::size_t comma = list.find(',');
-    const std::string_view name = list.substr(0, comma);
+    const std::string_view name = first_part(list, comma);
     if (!switch_off(name, options.without)) {
       say("\"%.*s\" is not a remedy; --help lists them", static_cast<int>(name.size()), name.data());
       return false;

@@ -1,5 +1,7 @@
 #include "run/log_filter.h"
 
+#include "core/text_part.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -62,7 +64,7 @@ bool is_text(std::string_view message, std::string_view format) {
   const std::size_t last = format.rfind('%');
   std::string_view end = format;
   end.remove_prefix(last == std::string_view::npos ? format.size() : last + 2);
-  return message.starts_with(format.substr(0, first)) && message.ends_with(end) &&
+  return message.starts_with(first_part(format, first)) && message.ends_with(end) &&
          (message.size() == format.size() || last != std::string_view::npos);
 }
 

@@ -1,5 +1,6 @@
 #include "run/log_reader.h"
 
+#include "core/text_part.h"
 #include "run/log_filter.h"
 #include "run/log_line.h"
 #include "run/log_rate.h"
@@ -186,7 +187,7 @@ bool open_log_reader(log_reader &reader, log_origin origin, int &write_end) {
 
 void take_log_bytes(log_reader &reader, std::string_view bytes) {
   for (std::size_t end = bytes.find('\n'); end != std::string_view::npos; end = bytes.find('\n')) {
-    handle_end_of_line(reader, bytes.substr(0, end));
+    handle_end_of_line(reader, first_part(bytes, end));
     bytes.remove_prefix(end + 1);
   }
   keep(reader, bytes);

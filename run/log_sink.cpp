@@ -1,5 +1,6 @@
 #include "run/log_sink.h"
 
+#include "core/text_part.h"
 #include "run/log_file.h"
 #include "run/report.h"
 
@@ -147,7 +148,7 @@ bool open_log_sink(const run_options &options) {
 }
 
 void append_log_line(log_origin origin, log_priority priority, std::string_view line) {
-  const std::string_view shown = line.substr(0, longest_line);
+  const std::string_view shown = first_part(line, longest_line);
   if (Sink == sink::system_log) {
     send_to_system_log(priority, shown);
   } else {

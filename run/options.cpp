@@ -1,5 +1,6 @@
 #include "run/options.h"
 
+#include "core/text_part.h"
 #include "run/report.h"
 
 #include <algorithm>
@@ -114,7 +115,7 @@ bool read_downstreams(std::string_view list, run_options &options) {
       say_error("at most %zu downstream interfaces can be served", options.downstreams.size());
       return false;
     }
-    if (!read_name(list.substr(0, comma), options.downstreams[options.downstream_count])) {
+    if (!read_name(first_part(list, comma), options.downstreams[options.downstream_count])) {
       return false;
     }
     ++options.downstream_count;

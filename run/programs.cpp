@@ -1,5 +1,6 @@
 #include "run/programs.h"
 
+#include "core/text_part.h"
 #include "run/child_process.h"
 #include "run/linkage.h"
 #include "run/report.h"
@@ -93,7 +94,7 @@ bool find_programs(const run_options &options) {
     return false;
   }
   std::string_view folder = own.data();
-  folder = folder.substr(0, folder.rfind('/') + 1);
+  folder = first_part(folder, folder.rfind('/') + 1);
   const int length = static_cast<int>(folder.size());
   std::snprintf(DaemonProgram.data(), DaemonProgram.size(), "%.*starnwick", length, folder.data());
   std::snprintf(CompanionProgram.data(), CompanionProgram.size(), "%.*starnwick-assist", length, folder.data());

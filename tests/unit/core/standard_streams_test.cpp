@@ -109,6 +109,18 @@ TEST(standard_streams, reader_that_hangs_does_not_stop_the_writer_nor_change_the
   }));
 }
 
+TEST(standard_streams, pipe_holds_what_a_process_may_ask_for_without_privilege) {
+  EXPECT_TRUE(is_true_in_a_child([] {
+    constexpr int largest_pipe_bytes = 1 << 20; // /proc/sys/fs/pipe-max-size as the kernel sets it
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) {
+      return false;
+    }
+    protect_standard_streams();
+    return fcntl(STDOUT_FILENO, F_GETPIPE_SZ) == largest_pipe_bytes;
+  }));
+}
+
 TEST(standard_streams, socket_whose_reader_hangs_does_not_stop_the_writer) {
   EXPECT_TRUE(is_true_in_a_child([] {
     int ends[2];

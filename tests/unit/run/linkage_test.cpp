@@ -7,6 +7,7 @@
 #include <iterator>
 #include <link.h>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -16,7 +17,7 @@ std::string own_program() {
 }
 
 bool loads_libraries_as(const std::string &bytes) {
-  const std::string path = testing::TempDir() + "linkage_test_program";
+  const std::string path = testing::TempDir() + "linkage_test_program_" + std::to_string(getpid());
   std::ofstream(path, std::ios::binary) << bytes;
   const bool does = loads_libraries(path.c_str());
   std::remove(path.c_str());
