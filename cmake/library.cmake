@@ -1,5 +1,5 @@
 # The proxies as a library for other programs, a component of its own: cmake --install build --component library.
-# Neither a plain installation nor the package contains it.
+# A plain installation does not contain it; the Debian package tarnwick-dev does.
 include(CMakePackageConfigHelpers)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tarnwick)
@@ -13,6 +13,7 @@ if(CMAKE_INTERPROCEDURAL_OPTIMIZATION)
   install(CODE "message(FATAL_ERROR \"The library needs a build without CMAKE_INTERPROCEDURAL_OPTIMIZATION.\")"
     COMPONENT library EXCLUDE_FROM_ALL)
 endif()
+install_folders(COMPONENT library ${package_folder} ${header_folder})
 install(TARGETS tarnwick_proxy EXPORT tarnwick
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library EXCLUDE_FROM_ALL)
 install(DIRECTORY core igmp mld platform DESTINATION ${header_folder}

@@ -3,6 +3,7 @@
 import dataclasses
 import os
 import pathlib
+import secrets
 import signal
 import subprocess
 
@@ -12,13 +13,16 @@ import namespaces
 BOOT = pathlib.Path(__file__).parent / "boot_systemd.sh"
 MIRROR = os.environ.get("TARNWICK_DEBIAN_MIRROR", "http://deb.debian.org/debian")
 RELEASE = "bookworm"
-BOOT_DEADLINE_S = 60
+BOOT_DEADLINE_S = 300  # two seconds on a quiet machine
+COMMAND_DEADLINE_S = 300
+REMOVAL_DEADLINE_S = 60
 
 
 @dataclasses.dataclass
 class Box:
     process: subprocess.Popen  # unshare, the parent of systemd
     systemd: int  # its process number
+    group: str  # its control group
 
 
 def unpacked_root(folder):
@@ -34,14 +38,15 @@ def unpacked_root(folder):
     return root
 
 
-def boot(lab, root, package):
+def boot(lab, root):
     router = namespaces.path_of(lab.nodes["router"])
+    group = f"tarnwick-{secrets.token_hex(4)}"
     process = subprocess.Popen(
-        ["nsenter", f"--net={router}", "unshare", "--mount", "--pid", "--cgroup", "--uts", "--ipc", "--fork",
-         "--kill-child", "--propagation", "private", "sh", BOOT, root, package],
+        ["nsenter", f"--net={router}", "unshare", "--mount", "--pid", "--uts", "--ipc", "--fork", "--kill-child",
+         "--propagation", "private", "sh", BOOT, root, group],
         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
         preexec_fn=lambda: namespaces.die_with_parent(signal.SIGKILL))
-    box = Box(process, 0)
+    box = Box(process, 0, group)
     try:
         box.systemd = laboratory.wait_for(lambda: child_named(process, "systemd"), BOOT_DEADLINE_S, "systemd")
         laboratory.wait_for(lambda: is_up(box), BOOT_DEADLINE_S, "end of the boot")
@@ -66,10 +71,16 @@ def run(box, *command, check=True):
     done = subprocess.run(
         ["nsenter", f"--target={box.systemd}", "--mount", "--pid", "--net", "--cgroup", "--root", "--wdns=/", "env",
          "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive", *command],
-        capture_output=True, text=True, timeout=120, check=False)
+        capture_output=True, text=True, timeout=COMMAND_DEADLINE_S, check=False)
     if check and done.returncode != 0:
         raise AssertionError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}{done.stderr}")
     return done
+
+
+def put(box, source, path):
+    """Copies a file, or a folder's contents, into the system."""
+    inside = f"/proc/{box.systemd}/root{path}"
+    subprocess.run(["cp", "-a", f"{source}/." if source.is_dir() else source, inside], check=True)
 
 
 def files(box):
@@ -85,3 +96,11 @@ def shut_down(box):
     else:
         box.process.kill()
     box.process.wait()
+    # The kernel may still be taking the last processes out of it.
+    laboratory.wait_for(lambda: group_is_removed(box.group), REMOVAL_DEADLINE_S, "end of the control group")
+
+
+def group_is_removed(group):
+    remove = f"mount -t cgroup2 cgroup2 /media; [ ! -d /media/{group} ] || find /media/{group} -depth -type d -delete"
+    return subprocess.run(["unshare", "--mount", "--propagation", "private", "sh", "-euc", remove],
+                          capture_output=True, check=False).returncode == 0

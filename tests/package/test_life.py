@@ -1,118 +1,14 @@
-"""The Debian package: what it holds, and its whole life on a Debian system that systemd runs."""
+"""The Debian package's whole life on a Debian system that systemd runs."""
 
-import os
-import pathlib
 import re
-import subprocess
 import time
-
-import pytest
 
 import debian_box
 import kernel_view
 import laboratory
 import traffic
-from conftest import BUILD
 
-PROJECT = pathlib.Path(__file__).parents[2]
 GROUP = "ff0e::101"
-
-HELD = {
-    "./etc/default/tarnwick",
-    "./etc/tarnwick/nvram",
-    "./usr/lib/systemd/system/tarnwick.service",
-    "./usr/sbin/tarnwick",
-    "./usr/lib/tarnwick/libtarnwick-smooth.so",
-    "./usr/sbin/tarnwick-assist",
-    "./usr/sbin/tarnwick-run",
-    "./usr/sbin/tarnwick-status",
-    "./usr/share/bash-completion/completions/tarnwick",
-    "./usr/share/bash-completion/completions/tarnwick-assist",
-    "./usr/share/bash-completion/completions/tarnwick-run",
-    "./usr/share/bash-completion/completions/tarnwick-status",
-    "./usr/share/zsh/vendor-completions/_tarnwick",
-    "./usr/share/doc/tarnwick/CHANGELOG.md",
-    "./usr/share/doc/tarnwick/copyright",
-    "./usr/share/doc/tarnwick/examples/private-state.conf",
-    "./usr/share/doc/tarnwick/examples/tarnwick-metrics.service",
-    "./usr/share/doc/tarnwick/examples/tarnwick-metrics.timer",
-    "./usr/share/doc/tarnwick/examples/tarnwick.nft",
-    "./usr/share/man/man5/tarnwick-nvram.5",
-    "./usr/share/man/man8/tarnwick-assist.8",
-    "./usr/share/man/man8/tarnwick-run.8",
-    "./usr/share/man/man8/tarnwick-status.8",
-    "./usr/share/man/man8/tarnwick.8"}
-
-
-def made_package(name, *options):
-    folder = BUILD / "package" / name
-    commands = [["cmake", "-S", PROJECT, "-B", folder, "-DCMAKE_BUILD_TYPE=Release", *options],
-                ["cmake", "--build", folder, f"-j{os.cpu_count()}"]]
-    for old in folder.glob("*.deb"):
-        old.unlink()
-    for command in commands:
-        subprocess.run(command, check=True, capture_output=True)
-    subprocess.run(["cpack", "-G", "DEB"], cwd=folder, check=True, capture_output=True)
-    [package] = folder.glob("*.deb")
-    return package
-
-
-@pytest.fixture(scope="module")
-def package():
-    return made_package("native")
-
-
-def field(package, name):
-    return subprocess.run(["dpkg-deb", "--field", package, name], check=True, capture_output=True,
-                          text=True).stdout.strip()
-
-
-def held(package):
-    listing = subprocess.run(["dpkg-deb", "--contents", package], check=True, capture_output=True, text=True).stdout
-    return {line.split()[5]: line.split()[:2] for line in listing.splitlines() if not line.startswith("d")}
-
-
-def test_package_holds_what_it_promises_and_belongs_to_root(package):
-    contents = held(package)
-    assert set(contents) == HELD
-    assert {owner for _mode, owner in contents.values()} == {"root/root"}
-    assert {path for path, (mode, _owner) in contents.items() if "x" in mode} == {
-        path for path in HELD if path.startswith("./usr/sbin/")}
-
-
-def test_package_is_named_after_version_and_architecture(package):
-    version = re.search(r"project\(tarnwick VERSION ([0-9.]+)", (PROJECT / "CMakeLists.txt").read_text()).group(1)
-    machine = subprocess.run(["dpkg", "--print-architecture"], check=True, capture_output=True, text=True).stdout
-    assert package.name == f"tarnwick_{version}_{machine.strip()}.deb"
-    assert field(package, "Depends").startswith("libc6")
-    assert "stdc++" not in field(package, "Depends")
-
-
-def test_cross_build_makes_a_package_for_the_routers_architecture(tmp_path):
-    toolchain = PROJECT / "cmake" / "mipsel-linux-gnu.cmake"
-    package = made_package("mipsel", f"-DCMAKE_TOOLCHAIN_FILE={toolchain}")
-    assert package.name.endswith("_mipsel.deb")
-    assert field(package, "Architecture") == "mipsel"
-    assert set(held(package)) == HELD
-    subprocess.run(["dpkg-deb", "--extract", package, tmp_path], check=True)
-    header = (tmp_path / "usr" / "sbin" / "tarnwick").read_bytes()[:20]
-    elf_32_bit, little_endian, machine_mips = 1, 1, 8
-    assert header[:6] == b"\x7fELF" + bytes([elf_32_bit, little_endian])
-    assert int.from_bytes(header[18:20], "little") == machine_mips
-
-
-@pytest.fixture
-def box(package):
-    lab = laboratory.build()
-    debian = None
-    try:
-        debian = debian_box.boot(lab, debian_box.unpacked_root(BUILD / "package"), package)
-        yield lab, debian
-    finally:
-        if debian:
-            print(debian_box.run(debian, "journalctl", "--no-pager", "-n", "60", check=False).stdout)
-            debian_box.shut_down(debian)
-        laboratory.remove(lab)
 
 
 def is_active(debian, *units):
@@ -133,8 +29,8 @@ def is_gone(debian):
     return "tarnwick" not in debian_box.run(debian, "sh", "-c", "cat /proc/[0-9]*/comm", check=False).stdout
 
 
-def test_package_installs_runs_under_its_units_and_leaves_nothing_behind(box):
-    lab, debian = box
+def test_package_installs_runs_under_its_units_and_leaves_nothing_behind(box_with_package):
+    lab, debian = box_with_package
     before = debian_box.files(debian)
 
     debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
@@ -175,8 +71,8 @@ def test_package_installs_runs_under_its_units_and_leaves_nothing_behind(box):
     assert debian_box.files(debian) - before == set()
 
 
-def test_state_files_can_stand_where_no_user_reaches_them(box):
-    _lab, debian = box
+def test_state_files_can_stand_where_no_user_reaches_them(box_with_package):
+    _lab, debian = box_with_package
     drop_in = "/etc/systemd/system/tarnwick.service.d"
     debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
     debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/", "/etc/default/tarnwick")
@@ -192,8 +88,8 @@ def test_state_files_can_stand_where_no_user_reaches_them(box):
     assert not [path for path in debian_box.files(debian) if path.startswith("/run/tarnwick")]
 
 
-def test_killed_daemon_is_started_again(box):
-    lab, debian = box
+def test_killed_daemon_is_started_again(box_with_package):
+    lab, debian = box_with_package
     debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
     debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/", "/etc/default/tarnwick")
     debian_box.run(debian, "systemctl", "start", "tarnwick.service")
@@ -204,8 +100,8 @@ def test_killed_daemon_is_started_again(box):
                         set(kernel_view.multicast_interfaces(lab).values()) == {"wan0", "br0"}, 20, "MIFs once more")
 
 
-def test_start_with_a_wrong_interface_fails_within_30_seconds_and_says_why(box):
-    lab, debian = box
+def test_start_with_a_wrong_interface_fails_within_30_seconds_and_says_why(box_with_package):
+    lab, debian = box_with_package
     debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
     began = time.monotonic()
     done = debian_box.run(debian, "systemctl", "start", "tarnwick.service", check=False)
@@ -217,8 +113,8 @@ def test_start_with_a_wrong_interface_fails_within_30_seconds_and_says_why(box):
     assert kernel_view.multicast_interfaces(lab) == {}
 
 
-def test_index_above_31_fails_with_its_cure_and_works_in_a_private_network(box):
-    lab, debian = box
+def test_index_above_31_fails_with_its_cure_and_works_in_a_private_network(box_with_package):
+    lab, debian = box_with_package
     debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
     laboratory.configure(lab, "router", "link add br9 index 140 type bridge\nlink add port9 type veth peer name far9\n"
                                         "link set port9 up master br9\nlink set far9 up\nlink set br9 up\n")
@@ -232,3 +128,42 @@ def test_index_above_31_fails_with_its_cure_and_works_in_a_private_network(box):
     assert kernel_view.multicast_interfaces(lab) == {}, "the host's own routing is free"
     debian_box.run(debian, "systemctl", "stop", "tarnwick.service")
     assert is_gone(debian)
+
+
+def links(debian):
+    found = debian_box.run(debian, "find", "/etc/systemd/system", "-name", "tarnwick*", "-type", "l").stdout
+    return set(found.splitlines())
+
+
+def test_enablement_outlives_removal_and_new_installation(box_with_package):
+    lab, debian = box_with_package
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    assert links(debian) == set(), "nobody has enabled it yet"
+    debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/", "/etc/default/tarnwick")
+    debian_box.run(debian, "systemctl", "enable", "--now", "tarnwick.service")
+    debian_box.run(debian, "dpkg", "--remove", "tarnwick")
+    assert is_gone(debian)
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    assert debian_box.run(debian, "systemctl", "is-enabled", "tarnwick.service").stdout == "enabled\n"
+    assert is_active(debian, "tarnwick.service"), "it starts with the settings that were kept"
+    assert streams_can_flow(lab)
+    debian_box.run(debian, "dpkg", "--purge", "tarnwick")
+    assert links(debian) == set()
+
+
+def test_upgrade_restarts_what_runs_and_starts_nothing_else(box_with_package):
+    _lab, debian = box_with_package
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/", "/etc/default/tarnwick")
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    assert is_gone(debian)
+    debian_box.run(debian, "systemctl", "start", "tarnwick.service")
+    before = main_process(debian)
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    assert is_active(debian, "tarnwick.service")
+    assert main_process(debian) not in (before, "0")
+
+
+def main_process(debian):
+    shown = debian_box.run(debian, "systemctl", "show", "--property=MainPID", "--value", "tarnwick.service").stdout
+    return shown.strip()
