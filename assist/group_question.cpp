@@ -188,6 +188,10 @@ void hear_query(const mld_message &message) {
   }
 }
 
+bool is_among(const watched_interface &watched, mif_set outputs) {
+  return !watched.is_upstream && watched.index != 0 && (outputs & output_bit(watched.index)) != 0;
+}
+
 void ask_after_end(std::uint32_t index, const ipv6_address &group) {
   group_question *question = place_question(index, group);
   if (question == nullptr || question->end_due_ms != NO_DEADLINE) {
@@ -267,18 +271,26 @@ void hear_for_questions(mld_message &message) {
   }
 }
 
-void handle_group_entry(const notification &told) {
+void ask_where_group_ended(const ipv6_address &group, mif_set outputs) {
   // With the daemon's end all entries go; nobody would hear the answers.
   if (!is_on(remedy::ask_after_end) || !StaticEntry.is_mif_registered) {
     return;
   }
   for (const watched_interface &watched : watched_interfaces()) {
-    if (watched.is_upstream || watched.index == 0 || (told.outputs & output_bit(watched.index)) == 0) {
-      continue;
+    if (is_among(watched, outputs)) {
+      ask_after_end(watched.index, group);
     }
-    if (told.kind == notification_kind::entry_gone) {
-      ask_after_end(watched.index, told.group);
-    } else if (group_question *question = find_question(watched.index, told.group)) {
+  }
+}
+
+void handle_group_entry(const notification &told) {
+  if (told.kind == notification_kind::entry_gone) {
+    ask_where_group_ended(told.group, told.outputs);
+    return;
+  }
+  for (const watched_interface &watched : watched_interfaces()) {
+    if (group_question *question = find_question(watched.index, told.group);
+        question != nullptr && is_among(watched, told.outputs)) {
       question->end_due_ms = NO_DEADLINE;
     }
   }

@@ -3,6 +3,7 @@
 // nobody while another router is querier, and does not take the answers of MLDv1 hosts for the sources it has noted.
 #pragma once
 
+#include "assist/group_entry.h"
 #include "assist/mld_message.h"
 #include "assist/notification.h"
 
@@ -37,6 +38,9 @@ void forget_questions_of(std::uint32_t index);
 
 // Takes from a message on a downstream interface what has to be asked, and what another querier has asked already.
 void hear_for_questions(mld_message &message);
+
+// The group has ended on the downstream interfaces among the outputs: they are asked who still listens.
+void ask_where_group_ended(const ipv6_address &group, mif_set outputs);
 
 // Acts on a change of a forwarding entry: one that goes means the end of a group, one that comes its return.
 void handle_group_entry(const notification &told);

@@ -1,6 +1,7 @@
 #include "assist/group_watch.h"
 
 #include "assist/group_outputs.h"
+#include "assist/group_question.h"
 #include "assist/interface_watch.h"
 #include "assist/listener_timer.h"
 #include "assist/notification_socket.h"
@@ -174,17 +175,20 @@ void end_any_source(watched_group &group) {
   free_if_empty(group);
 }
 
-// Takes the interfaces' outputs out of every entry of the group.
-void end_on(watched_group &group, mif_set ended) {
+// Takes the interfaces' outputs out of every entry of the group. Returns those that some entry had.
+mif_set end_on(watched_group &group, mif_set ended) {
   const bool is_left = standing_on(group) == 0;
   if (!is_on(is_left ? remedy::clear_left_groups : remedy::remove_outputs)) {
-    return;
+    return 0;
   }
+  mif_set taken_out = 0;
   for (cache_entry &entry : entries_of(group)) {
     if ((entry.outputs & ended) != 0) {
+      taken_out |= entry.outputs & ended;
       write_outputs(group, entry, entry.outputs & ~ended);
     }
   }
+  return taken_out;
 }
 
 tenths earliest_deadline() {
@@ -310,7 +314,7 @@ void handle_group_deadlines() {
       }
     }
     if (ended != 0) {
-      end_on(group, ended);
+      ask_where_group_ended(group.group, end_on(group, ended));
     }
     const bool is_gone = is_due(group.gone_at);
     if (is_gone) {

@@ -1,3 +1,4 @@
+#include "assist/heard_table.h"
 #include "assist/interface_watch.h"
 #include "assist/mld_socket.h"
 #include "assist/notification_loop.h"
@@ -21,6 +22,7 @@ int assist(const assist_options &options) {
   if (mld < 0) {
     return EXIT_FAILURE;
   }
+  open_heard_table();
   start_watch(options, routing, mld);
   const int status = run_until_stopped({stop_signals, notifications, mld});
   stop_watch();

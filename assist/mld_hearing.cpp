@@ -2,6 +2,7 @@
 
 #include "assist/group_question.h"
 #include "assist/group_watch.h"
+#include "assist/heard_table.h"
 #include "assist/interface_watch.h"
 #include "assist/querier.h"
 
@@ -10,6 +11,7 @@ void handle_mld_message(mld_message &message) {
   if (downstream == nullptr) {
     return;
   }
+  note_heard(message);
   hear_for_querier(*downstream, message);
   hear_for_questions(message);
   handle_listener_message(message, place_of(*downstream));

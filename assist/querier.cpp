@@ -1,6 +1,7 @@
 #include "assist/querier.h"
 
 #include "assist/group_question.h"
+#include "assist/heard_table.h"
 #include "assist/interface_watch.h"
 #include "assist/query.h"
 #include "assist/remedy.h"
@@ -42,6 +43,7 @@ void send_general(watched_interface &downstream) {
   if (send(downstream, In6AddrAny, general_response_ms)) {
     querier.general_due_ms = monotonic_ms() + query_interval_ms;
     querier.retry_ms = first_retry_ms;
+    note_own_query(downstream.index);
     return;
   }
   querier.general_due_ms = monotonic_ms() + querier.retry_ms;

@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -132,6 +133,8 @@ int run_main_loop() {
     mld_proxy_stop();
     return -1;
   }
+  // A handler that waited for room would wait for the thread that it has interrupted, the pipe's only reader.
+  fcntl(timer_pipe[1], F_SETFL, O_NONBLOCK);
   watch_list watched{};
   watch(watched, timer_pipe[0]);
   watch(watched, MldRouter.socket);

@@ -18,6 +18,9 @@
 
 namespace {
 
+// Whoever starts the daemon by hand or by sudo may have another PATH, with folders in it that others can write to.
+constexpr char command_path[] = "/usr/sbin:/usr/bin:/sbin:/bin";
+
 void enable_multicast_forwarding() {
   log_debug(MAIN_STEP_OF("main"), "Enable mc_forwarding to forward IPv6 streaming.");
   // Refused where the file is read-only. There MRT6_INIT sets it, so the shell's complaint does no harm.
@@ -50,6 +53,7 @@ int init_mld_proxy() {
 } // namespace
 
 int start_up(int argc, char **argv) {
+  setenv("PATH", command_path, 1);
   if (parse_arguments(argc, argv) == -1) {
     return -1;
   }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace {
 
@@ -35,8 +36,19 @@ void drop_last_line() {
   }
 }
 
+// Opening a FIFO would wait for somebody who writes into it.
+bool is_fifo(const char *path) {
+  struct stat status {};
+  return stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 // A missing file is normal (every key is absent); any other failure is reported.
 void read_file(const char *path) {
+  if (is_fifo(path)) {
+    errno = ESPIPE;
+    complain(path);
+    return;
+  }
   FILE *file = std::fopen(path, "re");
   if (file == nullptr) {
     if (errno != ENOENT) {

@@ -5,6 +5,7 @@
 #include "run/log_line.h"
 #include "run/log_rate.h"
 #include "run/report.h"
+#include "run/service_state.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,6 +22,8 @@ constexpr std::size_t read_bytes = 4096; // one page, so that a burst of lines c
 constexpr int reads_at_once = 32;        // then the supervisor looks at what else has happened
 constexpr int reads_of_an_ended = 512;   // more than the daemon's pipe of 1 MiB holds
 constexpr char cut_mark[] = " ... (cut)";
+// The daemon's pool of host records (mld/mld_host.cpp) is used up.
+constexpr std::string_view no_free_host = "MLD Error:No more free host";
 // The shell's word on a switch that a mainline kernel sets by itself: harmless, and there at every start.
 constexpr std::string_view harmless_complaint = "/mc_forwarding: Permission denied";
 
@@ -73,6 +76,9 @@ void handle_daemon_line(std::string_view line) {
   switch (parts.level) {
   case 'E':
     note_daemon_error(line);
+    if (parts.message.starts_with(no_free_host)) {
+      note_host_pool(true);
+    }
     if (is_chosen(log_choice::error)) {
       pass(log_origin::daemon, log_priority::error, line);
     }

@@ -1,6 +1,7 @@
 #include "run/runtime_folder.h"
 
 #include "run/report.h"
+#include "run/service_state.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -124,7 +125,7 @@ void close_runtime_folder() {
   if (Lock < 0) {
     return;
   }
-  for (const char *name : {NVRAM_NAME, SAVED_FLAGS_NAME, unfinished_name, lock_name}) {
+  for (const char *name : {NVRAM_NAME, SAVED_FLAGS_NAME, SERVICE_STATE_NAME, unfinished_name, lock_name}) {
     remove_runtime_file(name);
   }
   rmdir(Folder.data());

@@ -1,4 +1,5 @@
-// A folder for each first LAN interface, "/run/tarnwick/br0": a lock, the daemon's settings, the flags to put back.
+// A folder for each first LAN interface, "/run/tarnwick/br0": a lock, the daemon's settings, the flags to put back,
+// what the supervisor does.
 #pragma once
 
 #include "run/options.h"

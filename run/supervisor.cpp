@@ -7,6 +7,7 @@
 #include "run/routing_state.h"
 #include "run/runtime_folder.h"
 #include "run/saved_flags.h"
+#include "run/service_state.h"
 
 #include <algorithm>
 #include <array>
@@ -75,7 +76,7 @@ void say_what_is_waited_for() {
   status_text text;
   std::snprintf(text.data(), text.size(), "waiting for %s", missing.data());
   say_once(text.data());
-  tell_status(text.data());
+  tell_state(text.data());
 }
 
 bool make_network() {
@@ -166,6 +167,7 @@ std::int64_t start_programs(std::int64_t now_ms) {
   std::array<interface_name, MOST_DOWNSTREAMS> names;
   program_start start = plan_start(names);
   Supervisor.has_been_started = true;
+  note_host_pool(false);
   enter(supervisor_phase::starting, now_ms);
   if (!start_pair(start, now_ms)) {
     pace_after_end(Supervisor.pace, now_ms, now_ms);
@@ -191,7 +193,7 @@ std::int64_t begin_start(std::int64_t now_ms) {
     return start_programs(now_ms);
   }
   if (!make_network()) {
-    tell_status("The private network cannot be made; the log says why");
+    tell_failed_start("The private network cannot be made; the log says why");
     pause_after_failure(now_ms);
     return Supervisor.pace.not_before_ms;
   }
@@ -274,7 +276,7 @@ void tell_service() {
     std::snprintf(text.data(), text.size(), "running; waiting for %s", missing.data());
     say_once(text.data());
   }
-  tell_status(text.data());
+  tell_state(text.data());
 }
 
 std::int64_t advance_run(std::int64_t now_ms) {
@@ -346,6 +348,7 @@ bool begin_supervision(const run_options &options) {
   Supervisor.can_start_since_ms = NEVER_MS;
   LastSaid = {};
   clear_program_pair();
+  clear_service_state();
   if (!find_programs(options) || !open_runtime_folder(options)) {
     return false;
   }
@@ -373,7 +376,7 @@ void note_end_of_child(pid_t pid, int wait_status, std::int64_t now_ms) {
   say("it is started again in %d s", wait_s);
   status_text text;
   std::snprintf(text.data(), text.size(), "tarnwick ended: %s", reason.data());
-  tell_status(text.data());
+  tell_failed_start(text.data());
   begin_stop(now_ms);
 }
 

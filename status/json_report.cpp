@@ -1,25 +1,10 @@
 #include "status/json_report.h"
 
+#include "status/json_text.h"
+
 #include <cinttypes>
 
 namespace {
-
-// Interface names may contain anything but a slash and blanks.
-void add_quoted(text &json, const char *bytes) {
-  constexpr unsigned char first_printable = 0x20;
-  add_bytes(json, "\"", 1);
-  for (; *bytes != '\0'; ++bytes) {
-    const auto byte = static_cast<unsigned char>(*bytes);
-    if (byte == '"' || byte == '\\') {
-      add_text(json, "\\%c", byte);
-    } else if (byte < first_printable) {
-      add_text(json, "\\u%04x", byte);
-    } else {
-      add_bytes(json, bytes, 1);
-    }
-  }
-  add_bytes(json, "\"", 1);
-}
 
 void add_comma(text &json, bool is_first) { add_text(json, "%s", is_first ? "" : ","); }
 
@@ -34,15 +19,15 @@ void add_mif(text &json, const mif_row *mif) {
            static_cast<int>(mif->number), mif->packets_in, mif->bytes_in, mif->packets_out, mif->bytes_out);
   if (mif->host_name[0] != '\0') {
     add_text(json, ",\"host_name\":");
-    add_quoted(json, mif->host_name.data());
+    add_json_text(json, mif->host_name.data());
   }
 }
 
 void add_interface(text &json, const interface_row &row) {
   add_text(json, "{\"name\":");
-  add_quoted(json, row.counters.name.data());
+  add_json_text(json, row.counters.name.data());
   add_text(json, ",\"protocol\":");
-  add_quoted(json, row.counters.protocol.data());
+  add_json_text(json, row.counters.protocol.data());
   add_text(json, ",\"role\":\"%s\",\"queries\":%u,\"joins\":%u,\"leaves\":%u,\"timeouts\":%u",
            row.is_upstream ? "upstream" : "downstream", static_cast<unsigned>(row.counters.queries),
            static_cast<unsigned>(row.counters.joins), static_cast<unsigned>(row.counters.leaves),
@@ -73,7 +58,7 @@ void add_output_list(text &json, std::uint32_t outputs, const rows_of<mif_row> &
     const mif_row *mif = (outputs & 1) != 0 ? find_mif(mifs, number) : nullptr;
     if (mif != nullptr) {
       add_comma(json, is_first);
-      add_quoted(json, mif->name.data());
+      add_json_text(json, mif->name.data());
       is_first = false;
     }
   }
@@ -82,7 +67,7 @@ void add_output_list(text &json, std::uint32_t outputs, const rows_of<mif_row> &
 void add_stream(text &json, const stream_row &stream, const rows_of<mif_row> &mifs) {
   const cache_row &entry = *stream.entry;
   add_text(json, "{\"source\":");
-  add_quoted(json, entry.origin.data());
+  add_json_text(json, entry.origin.data());
   add_text(json,
            ",\"kind\":\"%s\",\"packets\":%" PRIu64 ",\"bytes\":%" PRIu64 ",\"wrong_interface\":%" PRIu64
            ",\"bits_per_second\":%.0f,\"packets_per_second\":%.1f,\"outputs\":[",
@@ -94,13 +79,13 @@ void add_stream(text &json, const stream_row &stream, const rows_of<mif_row> &mi
 
 void add_group(text &json, const snapshot &snapshot, const group_row &group) {
   add_text(json, "{\"group\":");
-  add_quoted(json, group.group.data());
+  add_json_text(json, group.group.data());
   add_text(json, ",\"listeners\":[");
   for (std::size_t i = 0; i < group.listener_count; ++i) {
     const group_line &listener = snapshot.listeners.first[group.first_listener + i];
     add_comma(json, i == 0);
     add_text(json, "{\"interface\":");
-    add_quoted(json, listener.interface.data());
+    add_json_text(json, listener.interface.data());
     add_text(json, ",\"average_seconds\":%d}", static_cast<int>(listener.average_seconds));
   }
   add_text(json, "],\"streams\":[");

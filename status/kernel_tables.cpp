@@ -67,6 +67,46 @@ void parse_cache_table(rows_of<cache_row> &entries, const char *table) {
   }
 }
 
+// "  br0: bytes packets errs drop fifo frame compressed multicast bytes packets ...": received, then sent.
+void parse_device_table(rows_of<device_row> &devices, const char *table) {
+  line_buffer line;
+  while (next_line(line, table)) {
+    constexpr int items = 2;
+    device_row read{};
+    if (std::sscanf(line.data(), " %15[^: ]: %*u %*u %*u %*u %*u %*u %*u %*u %*u %" SCNu64, read.name.data(),
+                    &read.packets_sent) == items) {
+      add_row(devices, read);
+    }
+  }
+}
+
+// "address index prefix_length scope flags name", numbers in hexadecimal.
+void parse_indexes(rows_of<device_row> &devices, const char *if_inet6) {
+  line_buffer line;
+  while (next_line(line, if_inet6)) {
+    constexpr int items = 2;
+    unsigned index = 0;
+    interface_text name{};
+    if (std::sscanf(line.data(), "%*32[0-9a-f] %8x %*x %*x %*x %15s", &index, name.data()) != items) {
+      continue;
+    }
+    for (device_row &device : all_rows(devices)) {
+      if (std::strcmp(device.name.data(), name.data()) == 0) {
+        device.index = static_cast<std::int32_t>(index);
+      }
+    }
+  }
+}
+
+const device_row *find_device(const rows_of<device_row> &devices, const interface_text &name) {
+  for (const device_row &device : all_rows(devices)) {
+    if (std::strcmp(device.name.data(), name.data()) == 0) {
+      return &device;
+    }
+  }
+  return nullptr;
+}
+
 const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number) {
   for (const mif_row &mif : all_rows(mifs)) {
     if (mif.number == number) {

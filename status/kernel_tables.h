@@ -17,6 +17,13 @@ struct mif_row {
   std::uint64_t packets_out;
 };
 
+// An interface as the kernel itself counts it.
+struct device_row {
+  interface_text name;
+  std::int32_t index; // 0: not known, it has no IPv6 address
+  std::uint64_t packets_sent;
+};
+
 // A forwarding entry. Addresses in the usual short text.
 struct cache_row {
   group_text group;
@@ -32,6 +39,13 @@ struct cache_row {
 // tarnwick-assist puts before entries.
 void parse_mif_table(rows_of<mif_row> &mifs, const char *table);
 void parse_cache_table(rows_of<cache_row> &entries, const char *table);
+
+// /proc/net/dev, and then the indexes from /proc/net/if_inet6.
+void parse_device_table(rows_of<device_row> &devices, const char *table);
+void parse_indexes(rows_of<device_row> &devices, const char *if_inet6);
+
+// The interface of a name; null if there is none.
+const device_row *find_device(const rows_of<device_row> &devices, const interface_text &name);
 
 // The MIF with a number; null if there is none.
 const mif_row *find_mif(const rows_of<mif_row> &mifs, std::int32_t number);

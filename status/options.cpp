@@ -1,31 +1,37 @@
 #include "status/options.h"
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <getopt.h>
 
-const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -j] [-p pid]\n"
+const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -c [group[,source]] | -P] [-j] [-p pid]\n"
                             "Shows what tarnwick is doing: interfaces, groups and their streams.\n"
                             "\n"
                             "-o, --once             Show it once (the default)\n"
                             "-w, --watch [seconds]  Show it again and again, every 2 seconds by default\n"
-                            "-j, --json             Show it once as JSON, for programs\n"
+                            "-c, --check [group[,source]]\n"
+                            "                       Follow a stream's path and say where it stops\n"
+                            "-W, --wait             With --check: again until the verdict changes\n"
+                            "-j, --json             As JSON, for programs; not with --watch\n"
+                            "-P, --prometheus[=file]\n"
+                            "                       As metrics, to a file that is replaced as a whole\n"
                             "-p, --pid pid          Process of the daemon, if several run\n"
                             "-h, --help             Show this text\n"
                             "-V, --version          Show the version\n";
 
 namespace {
 
-constexpr char option_letters[] = "ow::jp:hV";
-constexpr option long_options[] = {{"once", no_argument, nullptr, 'o'},
-                                   {"watch", optional_argument, nullptr, 'w'},
-                                   {"json", no_argument, nullptr, 'j'},
-                                   {"pid", required_argument, nullptr, 'p'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {nullptr, 0, nullptr, 0}};
+constexpr char option_letters[] = "ow::c::WjP::p:hV";
+constexpr option long_options[] = {
+    {"once", no_argument, nullptr, 'o'},        {"watch", optional_argument, nullptr, 'w'},
+    {"check", optional_argument, nullptr, 'c'}, {"wait", no_argument, nullptr, 'W'},
+    {"json", no_argument, nullptr, 'j'},        {"prometheus", optional_argument, nullptr, 'P'},
+    {"pid", required_argument, nullptr, 'p'},   {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},     {nullptr, 0, nullptr, 0}};
 
 // Returns -1 for anything but a whole number from 1 to `largest`.
 int parse_number(const char *written, int largest) {
@@ -62,8 +68,35 @@ bool set_pid(status_options &options, const char *pid) {
   return true;
 }
 
-// "--watch 5" as well as "--watch=5": an argument that is not an option belongs to it.
-const char *watch_argument(int argc, char **argv) {
+// Brings an address into the form in which the other tables hold it. Returns false for what is not one.
+bool set_address(group_text &address, const char *written) {
+  in6_addr parsed;
+  return inet_pton(AF_INET6, written, &parsed) == 1 &&
+         inet_ntop(AF_INET6, &parsed, address.data(), INET6_ADDRSTRLEN) != nullptr;
+}
+
+bool set_group_and_source(status_options &options, const char *written) {
+  group_text group{};
+  const char *comma = std::strchr(written, ',');
+  const std::size_t length = comma != nullptr ? static_cast<std::size_t>(comma - written) : std::strlen(written);
+  if (length >= group.size()) {
+    return false;
+  }
+  std::memcpy(group.data(), written, length);
+  return set_address(options.group, group.data()) && (comma == nullptr || set_address(options.source, comma + 1));
+}
+
+bool set_check(status_options &options, const char *group_and_source) {
+  options.mode = status_mode::check;
+  if (group_and_source == nullptr || set_group_and_source(options, group_and_source)) {
+    return true;
+  }
+  std::fprintf(stderr, "tarnwick-status: --check takes an IPv6 group, or group,source, not '%s'\n", group_and_source);
+  return false;
+}
+
+// "--watch 5" as well as "--watch=5", and the same for --check: an argument that is not an option belongs to it.
+const char *own_or_next_argument(int argc, char **argv) {
   if (optarg == nullptr && optind < argc && argv[optind][0] != '-') {
     return argv[optind++];
   }
@@ -76,9 +109,18 @@ bool apply_option(status_options &options, int letter, int argc, char **argv) {
     options.mode = status_mode::once;
     return true;
   case 'w':
-    return set_watch(options, watch_argument(argc, argv));
+    return set_watch(options, own_or_next_argument(argc, argv));
+  case 'c':
+    return set_check(options, own_or_next_argument(argc, argv));
+  case 'W':
+    options.waits = true;
+    return true;
   case 'j':
-    options.mode = status_mode::json;
+    options.is_json = true;
+    return true;
+  case 'P':
+    options.mode = status_mode::prometheus;
+    options.metrics_file = optarg;
     return true;
   case 'p':
     return set_pid(options, optarg);
@@ -97,7 +139,9 @@ bool apply_option(status_options &options, int letter, int argc, char **argv) {
 } // namespace
 
 bool parse_status_options(status_options &options, int argc, char **argv) {
-  options = status_options{status_mode::once, DEFAULT_WATCH_SECONDS, 0};
+  options = status_options{};
+  options.mode = status_mode::once;
+  options.watch_seconds = DEFAULT_WATCH_SECONDS;
   for (int letter = getopt_long(argc, argv, option_letters, long_options, nullptr); letter != -1;
        letter = getopt_long(argc, argv, option_letters, long_options, nullptr)) {
     if (!apply_option(options, letter, argc, argv)) {
@@ -106,6 +150,14 @@ bool parse_status_options(status_options &options, int argc, char **argv) {
     if (options.mode == status_mode::help || options.mode == status_mode::version) {
       return true;
     }
+  }
+  if (options.waits && options.mode != status_mode::check) {
+    std::fputs("tarnwick-status: --wait needs --check\n", stderr);
+    return false;
+  }
+  if (options.is_json && (options.mode == status_mode::watch || options.mode == status_mode::prometheus)) {
+    std::fputs("tarnwick-status: --json does not go with --watch or --prometheus\n", stderr);
+    return false;
   }
   if (optind < argc) {
     std::fprintf(stderr, "tarnwick-status: '%s' is not an option\nTry 'tarnwick-status --help'.\n", argv[optind]);

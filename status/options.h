@@ -1,14 +1,21 @@
 // Command line of tarnwick-status.
 #pragma once
 
+#include "status/state_files.h"
+
 #include <sys/types.h>
 
-enum class status_mode { once, watch, json, help, version };
+enum class status_mode { once, watch, check, prometheus, help, version };
 
 struct status_options {
   status_mode mode;
   int watch_seconds;
-  pid_t daemon; // 0: look for it
+  pid_t daemon;             // 0: look for it
+  bool is_json;             // with once and check
+  bool waits;               // with check: until the verdict changes
+  group_text group;         // of the check, in the short form; "" for none
+  group_text source;        // "" for any
+  const char *metrics_file; // null: standard output
 };
 
 inline constexpr int DEFAULT_WATCH_SECONDS = 2;

@@ -18,6 +18,10 @@ struct page {
 void clear_page(page &page);
 void free_page(page &page);
 void add_line(page &page, line_style style, const char *line);
+
+// The same, broken at blanks into lines of at most `columns` (0: unlimited).
+void add_paragraph(page &page, line_style style, const char *line, std::size_t columns);
+
 const char *line_text(const page &page, const page_line &line);
 
 enum class alignment { left, right };
@@ -25,6 +29,7 @@ enum class alignment { left, right };
 struct column {
   const char *heading;
   alignment side;
+  int leave_out{}; // where the table is too wide: 1 goes first, 2 next; 0 never goes
 };
 
 // Cells are added row by row, as many as there are columns.
@@ -40,7 +45,7 @@ void add_cell(table &table, const char *cell);
 void add_number_cell(table &table, unsigned long long number);
 
 // Adds the heading and the rows, every column as wide as its widest cell, no blanks at line ends. A table without rows
-// adds nothing.
-void add_table(page &page, const table &table);
+// adds nothing. One that is wider than `columns` (0: unlimited) loses columns that it can do without, until it fits.
+void add_table(page &page, const table &table, std::size_t columns);
 
 void free_table(table &table);

@@ -4,24 +4,27 @@
 
 #include <algorithm>
 #include <array>
+#include <cinttypes>
 
 namespace {
 
 constexpr std::array interface_columns{
-    column{"INTERFACE", alignment::left}, column{"ROLE", alignment::left},      column{"MIF", alignment::right},
-    column{"QUERIES", alignment::right},  column{"JOINS", alignment::right},    column{"LEAVES", alignment::right},
-    column{"TIMEOUTS", alignment::right}, column{"PKTS IN", alignment::right},  column{"BYTES IN", alignment::right},
-    column{"PKTS OUT", alignment::right}, column{"BYTES OUT", alignment::right}};
+    column{"INTERFACE", alignment::left},     column{"ROLE", alignment::left, 7},
+    column{"MIF", alignment::right, 8},       column{"QUERIES", alignment::right, 5},
+    column{"JOINS", alignment::right, 5},     column{"LEAVES", alignment::right, 4},
+    column{"TIMEOUTS", alignment::right, 1},  column{"PKTS IN", alignment::right, 6},
+    column{"BYTES IN", alignment::right, 2},  column{"PKTS OUT", alignment::right, 6},
+    column{"BYTES OUT", alignment::right, 2}, column{"NOTE", alignment::left}};
 
-constexpr std::array group_columns{column{"GROUP", alignment::left},    column{"LISTENERS", alignment::left},
-                                   column{"AVERAGE", alignment::right}, column{"SOURCE", alignment::left},
-                                   column{"PACKETS", alignment::right}, column{"BYTES", alignment::right},
-                                   column{"RATE", alignment::right},    column{"LOAD", alignment::left},
-                                   column{"OUTPUTS", alignment::left},  column{"NOTE", alignment::left}};
+constexpr std::array group_columns{column{"GROUP", alignment::left},          column{"LISTENERS", alignment::left, 7},
+                                   column{"MEMBER FOR", alignment::right, 3}, column{"SOURCE", alignment::left, 6},
+                                   column{"PACKETS", alignment::right, 4},    column{"BYTES", alignment::right, 2},
+                                   column{"RATE", alignment::right, 8},       column{"LOAD", alignment::left, 1},
+                                   column{"OUTPUTS", alignment::left, 5},     column{"NOTE", alignment::left}};
 
 bool has_host_name(const interface_row &row) { return row.mif != nullptr && row.mif->host_name[0] != '\0'; }
 
-void add_title(page &page, const snapshot &snapshot) {
+void add_title(page &page, const snapshot &snapshot, std::size_t columns) {
   std::size_t held = 0;
   std::size_t entries = 0;
   for (const group_row &group : all_rows(snapshot.groups)) {
@@ -42,7 +45,7 @@ void add_title(page &page, const snapshot &snapshot) {
   }
   add_text(title, ": %zu interface%s, %zu group%s, %zu forwarding entr%s", snapshot.interfaces.count,
            snapshot.interfaces.count == 1 ? "" : "s", held, held == 1 ? "" : "s", entries, entries == 1 ? "y" : "ies");
-  add_line(page, line_style::plain, text_of(title));
+  add_paragraph(page, line_style::plain, text_of(title), columns);
   free_rows(title);
 }
 
@@ -57,8 +60,49 @@ void add_interface_name(table &table, const interface_row &row) {
   free_rows(name);
 }
 
-void add_interface(table &table, const interface_row &row) {
-  begin_row(table, line_style::plain);
+// What keeps the daemon from serving the interface; "" if nothing does.
+const char *fault_of(const interface_row &row) {
+  if (std::strcmp(row.counters.name.data(), GONE_INTERFACE) == 0) {
+    return "interface is gone";
+  }
+  if (row.mif == nullptr) {
+    return "not in the kernel's routing";
+  }
+  return row.is_made_anew ? "made anew, other index" : "";
+}
+
+// Upstream nobody asks in the place of the provider's router.
+void add_interface_note(text &note, const snapshot &snapshot, const interface_row &row) {
+  const char *fault = fault_of(row);
+  if (fault[0] != '\0') {
+    add_text(note, "%s: %s", fault, snapshot.daemon.supervisor_network != 0 ? "tarnwick-run sees to it" : "restart");
+  } else if (!row.is_upstream && row.querier == other_querier::silent) {
+    add_text(note, "other querier lost: silent for %s", duration_text(row.silent_seconds).data());
+  } else if (!row.is_upstream && row.querier == other_querier::asks) {
+    add_text(note, "another querier asks");
+  }
+}
+
+bool needs_attention(const interface_row &row) {
+  return fault_of(row)[0] != '\0' || (!row.is_upstream && row.querier == other_querier::silent);
+}
+
+void add_traffic_cells(table &table, const mif_row *mif) {
+  constexpr int cells = 4;
+  if (mif == nullptr) {
+    for (int missing = 0; missing < cells; ++missing) {
+      add_cell(table, "-");
+    }
+    return;
+  }
+  add_number_cell(table, mif->packets_in);
+  add_cell(table, bytes_text(mif->bytes_in).data());
+  add_number_cell(table, mif->packets_out);
+  add_cell(table, bytes_text(mif->bytes_out).data());
+}
+
+void add_interface(table &table, const snapshot &snapshot, const interface_row &row) {
+  begin_row(table, needs_attention(row) ? line_style::warning : line_style::plain);
   add_interface_name(table, row);
   add_cell(table, row.is_upstream ? "upstream" : "downstream");
   if (row.mif != nullptr) {
@@ -70,24 +114,19 @@ void add_interface(table &table, const interface_row &row) {
        {row.counters.queries, row.counters.joins, row.counters.leaves, row.counters.timeouts}) {
     add_number_cell(table, static_cast<std::uint32_t>(counter));
   }
-  if (row.mif == nullptr) {
-    for (int missing = 0; missing < 4; ++missing) {
-      add_cell(table, "-");
-    }
-    return;
-  }
-  add_number_cell(table, row.mif->packets_in);
-  add_cell(table, bytes_text(row.mif->bytes_in).data());
-  add_number_cell(table, row.mif->packets_out);
-  add_cell(table, bytes_text(row.mif->bytes_out).data());
+  add_traffic_cells(table, row.mif);
+  text note;
+  add_interface_note(note, snapshot, row);
+  add_cell(table, text_of(note));
+  free_rows(note);
 }
 
-void add_interfaces(page &page, const snapshot &snapshot) {
+void add_interfaces(page &page, const snapshot &snapshot, std::size_t columns) {
   table table{interface_columns, {}, {}, {}};
   for (const interface_row &row : all_rows(snapshot.interfaces)) {
-    add_interface(table, row);
+    add_interface(table, snapshot, row);
   }
-  add_table(page, table);
+  add_table(page, table, columns);
   free_table(table);
 }
 
@@ -98,10 +137,22 @@ void add_listener_cells(table &table, const group_line *listener) {
     return;
   }
   add_cell(table, listener->interface.data());
-  text average;
-  add_text(average, "%d s", static_cast<int>(listener->average_seconds));
-  add_cell(table, text_of(average));
-  free_rows(average);
+  add_cell(table, duration_text(listener->average_seconds).data());
+}
+
+void add_stream_note(table &table, const snapshot &snapshot, const stream_row &stream) {
+  text note;
+  add_text(note, "%s", stream_note(stream.kind));
+  if (stream.silent_outputs != 0) {
+    text names;
+    add_output_names(names, stream.silent_outputs, *snapshot.mifs, ", ");
+    add_text(note, "%s%s does not transmit", note.count > 0 ? ", " : "", text_of(names));
+    free_rows(names);
+  } else if (stream.kind == stream_kind::wanted && snapshot.has_rates && stream.packets_per_second == 0) {
+    add_text(note, "%s", stream.packets == 0 ? "no packets came yet" : "no packets now");
+  }
+  add_cell(table, text_of(note));
+  free_rows(note);
 }
 
 void add_stream_cells(table &table, const snapshot &snapshot, const stream_row *stream, bool is_utf8) {
@@ -116,18 +167,21 @@ void add_stream_cells(table &table, const snapshot &snapshot, const stream_row *
   const double share =
       snapshot.fastest_bits_per_second > 0 ? stream->bits_per_second / snapshot.fastest_bits_per_second : 0.0;
   add_cell(table, std::strcmp(entry.origin.data(), "::") == 0 ? "any" : entry.origin.data());
-  add_number_cell(table, entry.packets);
-  add_cell(table, bytes_text(entry.bytes).data());
+  add_number_cell(table, stream->packets);
+  add_cell(table, bytes_text(stream->bytes).data());
   add_cell(table, snapshot.has_rates ? rate_text(stream->bits_per_second).data() : "-");
   add_cell(table, bar_of(share, is_utf8).data());
   text outputs;
   add_output_names(outputs, entry.outputs, *snapshot.mifs, ", ");
   add_cell(table, outputs.count > 0 ? text_of(outputs) : "none");
   free_rows(outputs);
-  add_cell(table, stream_note(stream->kind));
+  add_stream_note(table, snapshot, *stream);
 }
 
 line_style style_of(const stream_row *stream) {
+  if (stream != nullptr && stream->silent_outputs != 0) {
+    return line_style::warning;
+  }
   if (stream == nullptr || stream->kind == stream_kind::wanted) {
     return line_style::plain;
   }
@@ -139,23 +193,71 @@ void add_group(table &table, const snapshot &snapshot, const group_row &group, b
   for (std::size_t i = 0; i < std::max(group.listener_count, group.stream_count); ++i) {
     const stream_row *stream = i < group.stream_count ? &snapshot.streams.first[group.first_stream + i] : nullptr;
     begin_row(table, style_of(stream));
-    const bool is_tree = stream != nullptr && stream->kind == stream_kind::static_tree;
-    add_cell(table, i > 0 ? "" : is_tree ? "any" : group.group.data());
+    add_cell(table, i > 0 ? "" : group.group.data());
     add_listener_cells(table, i < group.listener_count ? &snapshot.listeners.first[group.first_listener + i] : nullptr);
     add_stream_cells(table, snapshot, stream, is_utf8);
   }
 }
 
-void add_groups(page &page, const snapshot &snapshot, bool is_utf8) {
+const stream_row *find_static_tree(const snapshot &snapshot) {
+  for (const stream_row &stream : all_rows(snapshot.streams)) {
+    if (stream.kind == stream_kind::static_tree) {
+      return &stream;
+    }
+  }
+  return nullptr;
+}
+
+// Not a group: it takes what no entry of a group takes.
+void add_static_tree(page &page, const snapshot &snapshot, std::size_t columns) {
+  const stream_row *tree = find_static_tree(snapshot);
+  if (tree == nullptr) {
+    return;
+  }
+  text line;
+  add_text(line, "Static tree: %" PRIu64 " packets without a listener", tree->packets);
+  if (snapshot.has_rates) {
+    add_text(line, ", %s now", rate_text(tree->bits_per_second).data());
+  }
+  add_line(page, line_style::plain, "");
+  add_paragraph(page, line_style::faint, text_of(line), columns);
+  free_rows(line);
+}
+
+void add_groups(page &page, const snapshot &snapshot, bool is_utf8, std::size_t columns) {
   table table{group_columns, {}, {}, {}};
   for (const group_row &group : all_rows(snapshot.groups)) {
-    add_group(table, snapshot, group, is_utf8);
+    if (std::strcmp(group.group.data(), "::") != 0) {
+      add_group(table, snapshot, group, is_utf8);
+    }
   }
-  add_table(page, table);
+  add_table(page, table, columns);
   free_table(table);
   if (snapshot.groups.count == 0) {
-    add_line(page, line_style::plain, "No group has a listener, and the kernel forwards nothing.");
+    add_paragraph(page, line_style::plain, "No group has a listener, and the kernel forwards nothing.", columns);
   }
+  add_static_tree(page, snapshot, columns);
+}
+
+void add_hint(page &page, const char *hint, std::size_t columns) {
+  add_line(page, line_style::plain, "");
+  add_paragraph(page, line_style::warning, hint, columns);
+}
+
+// The daemon forwards no further group once its pool is empty.
+void add_pool_note(page &page, const snapshot &snapshot, std::size_t columns) {
+  constexpr std::size_t pool_size = 128; // records of groups, one for each group on each interface
+  constexpr std::size_t nearly_full = 116;
+  const std::size_t used = snapshot.listeners.count;
+  if (used < nearly_full) {
+    return;
+  }
+  text line;
+  add_text(line, "%zu of %zu group records are in use: %s", used, pool_size,
+           used >= pool_size ? "no further group is forwarded until hosts leave some."
+                             : "soon no further group will be forwarded.");
+  add_hint(page, text_of(line), columns);
+  free_rows(line);
 }
 
 bool has_stream(const snapshot &snapshot, stream_kind kind) {
@@ -164,21 +266,25 @@ bool has_stream(const snapshot &snapshot, stream_kind kind) {
 }
 
 // An any-source entry forwards only along the static tree.
-void add_hints(page &page, const snapshot &snapshot) {
+void add_hints(page &page, const snapshot &snapshot, std::size_t columns) {
   const std::span<stream_row> streams = all_rows(snapshot.streams);
   const bool needs_tree = std::any_of(streams.begin(), streams.end(), [](const stream_row &stream) {
     return stream.kind == stream_kind::wanted && std::strcmp(stream.entry->origin.data(), "::") == 0;
   });
   if (needs_tree && !has_stream(snapshot, stream_kind::static_tree)) {
-    add_line(page, line_style::plain, "");
-    add_line(page, line_style::warning,
-             "The static tree is missing, so any-source groups do not flow on a mainline kernel: "
-             "start tarnwick-assist.");
+    text hint;
+    add_text(hint, "The static tree is missing, so any-source groups do not flow on a mainline kernel: ");
+    if (snapshot.companion == 0) {
+      add_text(hint, "start tarnwick-assist.");
+    } else {
+      add_text(hint, "tarnwick-assist runs (process %d): look at its log.", static_cast<int>(snapshot.companion));
+    }
+    add_hint(page, text_of(hint), columns);
+    free_rows(hint);
   }
+  add_pool_note(page, snapshot, columns);
   if (has_stream(snapshot, stream_kind::no_entry)) {
-    add_line(page, line_style::plain, "");
-    add_line(page, line_style::warning,
-             "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.");
+    add_hint(page, "A group has listeners but no forwarding entry: look for \"fail!!!\" in the daemon's log.", columns);
   }
 }
 
@@ -215,11 +321,11 @@ void add_output_names(text &names, std::uint32_t outputs, const rows_of<mif_row>
   }
 }
 
-void add_report(page &page, const snapshot &snapshot, bool is_utf8) {
-  add_title(page, snapshot);
+void add_report(page &page, const snapshot &snapshot, bool is_utf8, std::size_t columns) {
+  add_title(page, snapshot, columns);
   add_line(page, line_style::plain, "");
-  add_interfaces(page, snapshot);
+  add_interfaces(page, snapshot, columns);
   add_line(page, line_style::plain, "");
-  add_groups(page, snapshot, is_utf8);
-  add_hints(page, snapshot);
+  add_groups(page, snapshot, is_utf8, columns);
+  add_hints(page, snapshot, columns);
 }

@@ -7,6 +7,7 @@ struct status_round {
   process_facts daemon; // found by the newest find_daemon
   rows_of<process_facts> daemons;
   daemon_state state;
+  state_answer answer;                   // of the newest take_snapshot
   std::array<traffic_sample, 2> samples; // the older one serves for rates
   std::size_t newest;                    // index into `samples`
   pid_t sampled_daemon;                  // whose traffic the samples hold; 0: none yet

@@ -1,5 +1,7 @@
 #include "status/screen.h"
 
+#include "status/printable.h"
+
 #include <cerrno>
 #include <langinfo.h>
 #include <sys/ioctl.h>
@@ -33,7 +35,10 @@ void add_styled(text &output, const screen &screen, line_style style, const char
   const std::size_t bytes = screen.columns > 0 ? bytes_of_columns(line, screen.columns) : std::strlen(line);
   const bool is_styled = screen.has_colour && style != line_style::plain;
   add_text(output, "%s", is_styled ? style_on(style) : "");
-  add_bytes(output, line, bytes);
+  text shown;
+  add_bytes(shown, line, bytes);
+  add_printable(output, text_of(shown), screen.is_utf8);
+  free_rows(shown);
   add_text(output, "%s", is_styled ? style_off : "");
 }
 
@@ -61,9 +66,10 @@ screen measure_screen(bool is_redrawn) {
   measured.has_colour = measured.is_terminal && std::getenv("NO_COLOR") == nullptr;
   measured.is_utf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
   winsize window{};
-  if (measured.is_terminal && is_redrawn && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
-    measured.rows = window.ws_row;
-    measured.columns = window.ws_col;
+  if (measured.is_terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
+    measured.rows = is_redrawn ? window.ws_row : 0;
+    measured.columns = is_redrawn ? window.ws_col : 0;
+    measured.table_columns = window.ws_col;
   }
   return measured;
 }

@@ -7,8 +7,9 @@ struct screen {
   bool is_terminal;
   bool has_colour; // a terminal, and NO_COLOR is not set
   bool is_utf8;
-  std::size_t rows;    // 0: unlimited
-  std::size_t columns; // 0: unlimited
+  std::size_t rows;            // 0: unlimited
+  std::size_t columns;         // 0: unlimited
+  std::size_t table_columns{}; // in which tables are to fit; 0: unlimited
 };
 
 // Looks at standard output. `is_redrawn` limits the page to the window, since a redrawn page cannot be scrolled back.

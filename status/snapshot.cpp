@@ -84,15 +84,110 @@ const mif_row *mif_of(const traffic_sample &now, const interface_text &name) {
   return nullptr;
 }
 
+bool is_made_anew(const traffic_sample &now, const mif_row *mif) {
+  const device_row *device = mif != nullptr ? find_device(now.devices, mif->name) : nullptr;
+  return device != nullptr && device->index != 0 && device->index != mif->number;
+}
+
+heard_queries &heard_on(snapshot &joined, const interface_counters &counters) {
+  for (heard_queries &heard : all_rows(joined.heard)) {
+    if (is_same(heard.interface, counters.name) && is_same(heard.protocol, counters.protocol)) {
+      return heard;
+    }
+  }
+  return add_row(joined.heard, heard_queries{counters.name, counters.protocol, counters.queries, -1});
+}
+
+void watch_querier(snapshot &joined, interface_row &row, const traffic_sample &now) {
+  constexpr std::int64_t milliseconds_per_second = 1000;
+  constexpr long missed_seconds = 125 + 10; // query interval and response interval, RFC 3810 sections 9.2 and 9.3
+  constexpr long taken_back_seconds = 300;  // MLD_OTHER_QUERIER_INTERVAL_S of mld/mld_timing.h
+  heard_queries &heard = heard_on(joined, row.counters);
+  if (heard.count != row.counters.queries) {
+    heard.count = row.counters.queries;
+    heard.heard_at = now.milliseconds;
+  }
+  if (heard.heard_at < 0) {
+    return;
+  }
+  row.silent_seconds = static_cast<long>((now.milliseconds - heard.heard_at) / milliseconds_per_second);
+  if (row.silent_seconds <= missed_seconds) {
+    row.querier = other_querier::asks;
+  } else if (row.silent_seconds <= taken_back_seconds) {
+    row.querier = other_querier::silent;
+  }
+}
+
 // The daemon lists its upstream interface last.
 void join_interfaces(snapshot &joined, const daemon_state &state, const traffic_sample &now) {
   for (const interface_counters &counters : all_rows(state.interfaces)) {
-    add_row(joined.interfaces, interface_row{counters, false, mif_of(now, counters.name)});
+    const mif_row *mif = mif_of(now, counters.name);
+    watch_querier(joined, add_row(joined.interfaces, interface_row{counters, false, mif, is_made_anew(now, mif)}), now);
   }
   if (joined.interfaces.count > 0) {
     joined.interfaces.first[joined.interfaces.count - 1].is_upstream = true;
   }
   std::reverse(joined.interfaces.first, joined.interfaces.first + joined.interfaces.count);
+}
+
+stream_total &total_of(snapshot &joined, const cache_row &entry) {
+  for (stream_total &total : all_rows(joined.totals)) {
+    if (is_same(total.group, entry.group) && is_same(total.origin, entry.origin)) {
+      return total;
+    }
+  }
+  if (joined.totals.count == MOST_TOTALS) {
+    clear_rows(joined.totals);
+  }
+  return add_row(joined.totals, stream_total{entry.group, entry.origin, 0, 0, 0, 0});
+}
+
+// A watched number that jumps back would look like a stream that has started again.
+void add_up(snapshot &joined, stream_row &stream) {
+  const cache_row &entry = *stream.entry;
+  stream_total &total = total_of(joined, entry);
+  if (entry.packets < total.packets) {
+    total.carried_packets += total.packets;
+    total.carried_bytes += total.bytes;
+  }
+  total.packets = entry.packets;
+  total.bytes = entry.bytes;
+  stream.packets = total.carried_packets + entry.packets;
+  stream.bytes = total.carried_bytes + entry.bytes;
+}
+
+double forwarded_per_second(const snapshot &joined, std::int32_t mif) {
+  double packets = 0;
+  for (const stream_row &stream : all_rows(joined.streams)) {
+    if (stream.entry != nullptr && (stream.entry->outputs >> mif & 1) != 0) {
+      packets += stream.packets_per_second;
+    }
+  }
+  return packets;
+}
+
+// Whether an interface sends less than half of what the kernel forwards to it.
+bool is_silent(const snapshot &joined, const traffic_sample &before, const traffic_sample &now, const mif_row &mif) {
+  constexpr double least_packets_per_second = 5.0; // fewer prove nothing: the tables are read one after the other
+  constexpr double half = 0.5;
+  const device_row *earlier = find_device(before.devices, mif.name);
+  const device_row *later = find_device(now.devices, mif.name);
+  const double forwarded = forwarded_per_second(joined, mif.number);
+  return earlier != nullptr && later != nullptr && forwarded >= least_packets_per_second &&
+         per_second(earlier->packets_sent, later->packets_sent, seconds_between(before, now)) < forwarded * half;
+}
+
+void find_silent_outputs(snapshot &joined, const traffic_sample &before, const traffic_sample &now) {
+  std::uint32_t silent = 0;
+  for (const mif_row &mif : all_rows(now.mifs)) {
+    constexpr std::int32_t mif_numbers = 32; // MAXMIFS of linux/mroute6.h
+    if (mif.number >= 0 && mif.number < mif_numbers && is_silent(joined, before, now, mif)) {
+      silent |= std::uint32_t{1} << mif.number;
+    }
+  }
+  for (stream_row &stream : all_rows(joined.streams)) {
+    stream.silent_outputs = stream.entry != nullptr ? stream.entry->outputs & silent : 0;
+  }
 }
 
 void add_group(snapshot &joined, const group_text &group) {
@@ -131,6 +226,7 @@ void join_streams(snapshot &joined, const daemon_state &state, const traffic_sam
     if (is_same(entry.group, group.group)) {
       stream_row &stream = add_row(joined.streams, stream_row{kind_of(state, entry), &entry, 0, 0});
       set_rates(stream, before, now);
+      add_up(joined, stream);
       joined.fastest_bits_per_second = std::max(joined.fastest_bits_per_second, stream.bits_per_second);
     }
   }
@@ -159,6 +255,15 @@ bool read_traffic(traffic_sample &sample, pid_t daemon) {
   }
   const bool has_entries = has_mifs && read_table(table, daemon, "ip6_mr_cache");
   sample.milliseconds = monotonic_milliseconds();
+  clear_rows(sample.devices);
+  text devices;
+  if (has_entries && read_table(devices, daemon, "dev")) {
+    parse_device_table(sample.devices, text_of(devices));
+  }
+  if (has_entries && read_table(devices, daemon, "if_inet6")) {
+    parse_indexes(sample.devices, text_of(devices));
+  }
+  free_rows(devices);
   if (has_entries) {
     parse_cache_table(sample.entries, text_of(table));
   }
@@ -168,6 +273,10 @@ bool read_traffic(traffic_sample &sample, pid_t daemon) {
 
 void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_state &state,
                    const traffic_sample &before, const traffic_sample &now) {
+  if (joined.daemon.pid != daemon.pid || joined.daemon.start_ticks != daemon.start_ticks) {
+    clear_rows(joined.totals);
+    clear_rows(joined.heard);
+  }
   joined.daemon = daemon;
   clear_rows(joined.interfaces);
   clear_rows(joined.listeners);
@@ -183,4 +292,26 @@ void join_snapshot(snapshot &joined, const process_facts &daemon, const daemon_s
     join_listeners(joined, state, group);
     join_streams(joined, state, before, now, group);
   }
+  find_silent_outputs(joined, before, now);
+}
+
+void free_snapshot(snapshot &joined) {
+  free_rows(joined.interfaces);
+  free_rows(joined.listeners);
+  free_rows(joined.streams);
+  free_rows(joined.groups);
+  free_rows(joined.totals);
+  free_rows(joined.heard);
+}
+
+void find_companion(snapshot &joined) {
+  joined.companion = 0;
+  rows_of<process_facts> companions;
+  list_processes(companions, COMPANION_NAME);
+  for (const process_facts &companion : all_rows(companions)) {
+    if (is_trusted(companion) && companion.network == joined.daemon.network) {
+      joined.companion = companion.pid;
+    }
+  }
+  free_rows(companions);
 }

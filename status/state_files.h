@@ -9,9 +9,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
-inline constexpr char TYPE_MESSAGES_PATH[] = "/tmp/tarnwick_type_messages";
-inline constexpr char JOIN_STATE_PATH[] = "/tmp/tarnwick_join_state";
-
 using interface_text = std::array<char, IF_NAMESIZE>;
 using group_text = std::array<char, INET6_ADDRSTRLEN>;
 
@@ -32,6 +29,11 @@ struct group_line {
   std::int32_t average_seconds;
 };
 
-// Each parses a whole file and adds what it holds.
+inline constexpr char GONE_INTERFACE[] = "(gone)";
+
+// Stands GONE_INTERFACE in place of each name that the kernel's table of interfaces (/proc/net/dev) does not hold.
+void confirm_interfaces(rows_of<interface_counters> &interfaces, rows_of<group_line> &groups, const char *device_table);
+
+// Each parses a whole file and adds what it holds. A group is taken if it is a multicast address, in its short form.
 void parse_type_messages(rows_of<interface_counters> &interfaces, const char *file);
 void parse_join_state(rows_of<group_line> &groups, const char *file);

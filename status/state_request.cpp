@@ -1,6 +1,7 @@
 #include "status/state_request.h"
 
 #include "status/clock.h"
+#include "status/trusted_file.h"
 
 #include <array>
 #include <cerrno>
@@ -13,7 +14,6 @@
 
 namespace {
 
-constexpr char state_folder[] = "/tmp";
 constexpr char first_file[] = "tarnwick_join_state";
 constexpr char last_closed_file[] = "tarnwick_type_messages";
 
@@ -50,15 +50,30 @@ void drain_notifications(int notifications, file_progress &progress) {
   }
 }
 
-state_answer read_state(daemon_state &state) {
+// Whether asking can do the daemon no harm. A planted thing that it cannot replace costs it descriptors at every dump.
+bool may_ask(daemon_state &state, uid_t user) {
+  const state_paths &paths = state.paths;
+  for (const state_path *path : {&paths.host_in_group, &paths.type_messages, &paths.join_state}) {
+    const file_trust trust = look_at_state_file(path->data(), user);
+    const bool is_read = path != &paths.host_in_group;
+    if (trust == file_trust::refused || (trust == file_trust::is_a_link && is_read)) {
+      state.planted_file = path->data();
+      state.is_link = trust == file_trust::is_a_link;
+      return false;
+    }
+  }
+  return true;
+}
+
+state_answer read_state(daemon_state &state, uid_t user, const timespec &asked) {
   clear_rows(state.interfaces);
   clear_rows(state.groups);
   text content;
-  const bool has_interfaces = read_file(content, TYPE_MESSAGES_PATH);
+  const bool has_interfaces = read_state_file(content, state.paths.type_messages.data(), user, asked);
   if (has_interfaces) {
     parse_type_messages(state.interfaces, text_of(content));
   }
-  const bool has_groups = has_interfaces && read_file(content, JOIN_STATE_PATH);
+  const bool has_groups = has_interfaces && read_state_file(content, state.paths.join_state.data(), user, asked);
   if (has_groups) {
     parse_join_state(state.groups, text_of(content));
   }
@@ -68,9 +83,15 @@ state_answer read_state(daemon_state &state) {
   return has_groups ? state_answer::fresh : state_answer::unreadable;
 }
 
-// Reads again when another dump began during the reading.
-state_answer wait_and_read(daemon_state &state, int notifications) {
+// Whether the file may yet come: this one is another's, or of an earlier dump that ended meanwhile.
+bool may_be_replaced(int reason) {
+  return reason == EPERM || reason == ELOOP || reason == ENXIO || reason == ESTALE || reason == ENOENT;
+}
+
+// Reads again when another dump began under the reader's hands.
+state_answer wait_and_read(daemon_state &state, int notifications, const process_facts &daemon, const timespec &asked) {
   file_progress progress{false, false};
+  int last_reason = 0;
   const std::int64_t deadline = monotonic_milliseconds() + ANSWER_DEADLINE_MILLISECONDS;
   for (std::int64_t left = ANSWER_DEADLINE_MILLISECONDS; left > 0; left = deadline - monotonic_milliseconds()) {
     pollfd waiting{notifications, POLLIN, 0};
@@ -81,31 +102,40 @@ state_answer wait_and_read(daemon_state &state, int notifications) {
     if (!progress.is_whole) {
       continue;
     }
-    progress.is_changed = false;
-    const state_answer answer = read_state(state);
+    progress = {false, false}; // what comes from here on belongs to another dump
+    const state_answer answer = read_state(state, daemon.user, asked);
     const int reason = errno;
     drain_notifications(notifications, progress);
-    if (!progress.is_changed) {
+    if (answer == state_answer::unreadable && may_be_replaced(reason)) {
+      last_reason = reason;
+    } else if (!progress.is_changed) {
       errno = reason;
       return answer;
     }
   }
-  return state_answer::no_answer;
+  errno = last_reason;
+  return last_reason != 0 ? state_answer::unreadable : state_answer::no_answer;
 }
 
-state_answer signal_and_read(daemon_state &state, pid_t daemon, int notifications) {
-  if (inotify_add_watch(notifications, state_folder, IN_CLOSE_WRITE | IN_MODIFY) < 0) {
+state_answer signal_and_read(daemon_state &state, const process_facts &daemon, int notifications) {
+  if (inotify_add_watch(notifications, state.paths.folder.data(), IN_CLOSE_WRITE | IN_MODIFY) < 0) {
     return state_answer::cannot_watch;
   }
-  if (kill(daemon, SIGUSR1) != 0) {
+  timespec asked{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &asked);
+  if (kill(daemon.pid, SIGUSR1) != 0) {
     return state_answer::cannot_signal;
   }
-  return wait_and_read(state, notifications);
+  return wait_and_read(state, notifications, daemon, asked);
 }
 
 } // namespace
 
-state_answer ask_for_state(daemon_state &state, pid_t daemon) {
+state_answer ask_for_state(daemon_state &state, const process_facts &daemon) {
+  find_state_paths(state.paths, daemon.pid);
+  if (!may_ask(state, daemon.user)) {
+    return state_answer::planted;
+  }
   const int notifications = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   if (notifications < 0) {
     return state_answer::cannot_watch;
@@ -117,9 +147,9 @@ state_answer ask_for_state(daemon_state &state, pid_t daemon) {
   return answer;
 }
 
-long seconds_since_written(const char *path) {
+long seconds_since_written(const char *path, uid_t user) {
   struct stat found {};
-  if (stat(path, &found) != 0) {
+  if (lstat(path, &found) != 0 || !S_ISREG(found.st_mode) || found.st_uid != user) {
     return -1;
   }
   const time_t now = std::time(nullptr);

@@ -1,7 +1,8 @@
 #include "status/text.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,10 +21,14 @@ void end_without_memory() {
 void add_text(text &built, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
+  add_text_list(built, format, arguments);
+  va_end(arguments);
+}
+
+void add_text_list(text &built, const char *format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  va_end(arguments);
   if (length >= 0) {
     const auto bytes = static_cast<std::size_t>(length);
     make_room(built, built.count + bytes + 1);
@@ -64,22 +69,29 @@ std::size_t bytes_of_columns(const char *utf8, std::size_t columns) {
   return bytes;
 }
 
-bool read_file(text &content, const char *path) {
+bool read_open_file(text &content, int file, std::size_t most_bytes) {
   constexpr std::size_t step_bytes = 4096;
+  clear_rows(content);
+  ssize_t got = 0;
+  do {
+    const std::size_t wanted = std::min(step_bytes, most_bytes - content.count);
+    make_room(content, content.count + wanted + 1);
+    got = read(file, content.first + content.count, wanted);
+    content.count += got > 0 ? static_cast<std::size_t>(got) : 0;
+  } while (got > 0 || (got < 0 && errno == EINTR));
+  content.first[content.count] = '\0';
+  return got == 0;
+}
+
+bool read_file(text &content, const char *path) {
   clear_rows(content);
   const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (file < 0) {
     return false;
   }
-  ssize_t got = 0;
-  do {
-    make_room(content, content.count + step_bytes + 1);
-    got = read(file, content.first + content.count, step_bytes);
-    content.count += got > 0 ? static_cast<std::size_t>(got) : 0;
-  } while (got > 0 || (got < 0 && errno == EINTR));
+  const bool is_read = read_open_file(content, file, SIZE_MAX);
   const int reason = errno;
-  content.first[content.count] = '\0';
   close(file);
   errno = reason;
-  return got == 0;
+  return is_read;
 }

@@ -1,6 +1,7 @@
 // Text and tables that grow, with nothing but the C library, so that the program stays small.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +58,7 @@ using text = rows_of<char>;
 
 // printf's format.
 void add_text(text &built, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void add_text_list(text &built, const char *format, va_list arguments);
 
 void add_bytes(text &built, const char *bytes, std::size_t count);
 
@@ -69,5 +71,9 @@ std::size_t columns_of(const char *utf8);
 // Bytes of the longest beginning of `utf8` that takes at most `columns`.
 std::size_t bytes_of_columns(const char *utf8, std::size_t columns);
 
-// Reads a whole file into `content` (emptied first). Returns whether it could be read; errno says why not.
+// Reads an open file into `content` (emptied first), at most `most_bytes` of it. Returns whether it could be read;
+// errno says why not.
+bool read_open_file(text &content, int file, std::size_t most_bytes);
+
+// Reads a whole file of /proc the same way; its length is the kernel's.
 bool read_file(text &content, const char *path);

@@ -24,6 +24,8 @@ FILE *__real_fdopen(int, const char *);
 int __real_open(const char *, int, ...);
 int __real_fclose(FILE *);
 int __real_close(int);
+int __real_ftruncate(int, off_t);
+int __real_unlink(const char *);
 int __real_fstat(int, struct stat *);
 int __real_system(const char *);
 }
@@ -283,7 +285,17 @@ int __wrap_fstat(int descriptor, struct stat *status) {
   }
   std::memset(status, 0, sizeof(*status));
   status->st_mode = S_IFREG;
+  status->st_nlink = 1;
   return 0;
+}
+
+int __wrap_ftruncate(int descriptor, off_t length) { return IsActive ? 0 : __real_ftruncate(descriptor, length); }
+
+int __wrap_unlink(const char *path) {
+  if (!IsActive) {
+    return __real_unlink(path);
+  }
+  return is_refused() ? -1 : 0;
 }
 
 FILE *__wrap_fdopen(int descriptor, const char *mode) {

@@ -16,7 +16,7 @@ QUOTED = [
     ("README.md", "Maximum Response Code is always N ms", "MLD_MAX_RESPONSE_MS"),
     ("README.md", "after a leave, then N seconds for answers", "MLD_LAST_ANSWER_S"),
     ("README.md", "waits N s for answers", "MLD_LAST_ANSWER_S"),
-    ("README.md", "stops some N seconds after another host left", "MLD_LAST_ANSWER_S"),
+    ("docs/status.md", "stops some N seconds after another host left", "MLD_LAST_ANSWER_S"),
     ("README.md", "Timers: group N s,", "MLD_GROUP_MEMBERSHIP_INTERVAL_S"),
     ("README.md", "leaves by its silence, after N s", "MLD_GROUP_MEMBERSHIP_INTERVAL_S"),
     ("README.md", ", source N s,", "MLD_SOURCE_INTERVAL_S"),

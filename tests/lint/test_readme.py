@@ -8,6 +8,7 @@ import log_texts
 from programs import PROGRAMS, PROJECT, printed_by
 
 README = (PROJECT / "README.md").read_text(encoding="utf-8")
+SYMPTOMS = (PROJECT / "docs/status.md").read_text(encoding="utf-8")
 DEMO_SECONDS = 240
 
 
@@ -49,7 +50,7 @@ def test_nvram_keys_are_those_that_are_read():
 
 def test_log_lines_are_ones_that_the_daemon_can_print():
     quoted = re.findall(r"^[EDI]:.*", README, re.M)
-    quoted += re.findall(r"`((?:setsockopt: |Couldn't |No more |MLD Error:)[^`]+)`", README)
+    quoted += re.findall(r"`((?:setsockopt: |Couldn't |No more |MLD Error:)[^`]+)`", README + SYMPTOMS)
     assert len(quoted) > 4
     assert [line for line in quoted if not log_texts.can_be_printed(line)] == []
 

@@ -66,6 +66,12 @@ def memberships(lab, interface, node="router"):
     return {str(ipaddress.IPv6Address(bytes.fromhex(row[2]))) for row in rows if row[1] == interface}
 
 
+def members(lab, interface, group, node="router"):
+    """How many sockets of the node have joined the group on an interface."""
+    rows = [line.split() for line in read_table(lab, "igmp6", node).splitlines()]
+    return sum(int(row[3]) for row in rows if row[1] == interface and as_text(row[2]) == group)
+
+
 def wanted_sources(lab, group, interface="wan0", node="router"):
     """The sources that the node's membership of a group asks for, if any are seen.
 

@@ -40,14 +40,22 @@ def assert_it_works(lab, group="ff0e::7"):
     assert not has_ended(lab.daemon)
 
 
-def plant(kind, path, victim):
+NOBODY = 65534
+
+
+def plant(kind, path, victim, owner=NOBODY):
+    """Something of another user in place of a file; the router's /tmp is sticky."""
     if kind == "link":
         path.symlink_to("/tmp/victim")
     elif kind == "directory":
         path.mkdir()
-    else:
+    elif kind == "fifo":
         os.mkfifo(path)
-    victim.write_text("precious\n")
+    elif kind == "hard link":
+        path.hardlink_to(victim)
+    else:
+        path.write_text("of another user\n")
+    os.chown(path, owner, owner, follow_symlinks=False)
 
 
 def open_descriptors_after_a_query(daemon):
@@ -56,25 +64,77 @@ def open_descriptors_after_a_query(daemon):
     return open_descriptors(daemon)
 
 
-@pytest.mark.parametrize("kind", ["link", "directory", "fifo"])
-def test_planted_thing_is_refused_and_costs_only_its_file(lab, kind):
+def make_victim(lab):
     victim = lab.router_tmp / "victim"
+    victim.write_text("precious\n")
+    return victim
+
+
+def start_stale_dump(lab, **options):
+    """A running daemon that was asked for a dump and has let a group run out."""
+    daemon = start_proxy(lab, ticks_per_second=FAST, **options)
+    dump(daemon)
+    let_a_group_run_out(lab)
+    return daemon
+
+
+@pytest.mark.parametrize("kind", ["link", "fifo", "file", "hard link"])
+def test_planted_thing_is_replaced_by_a_file_of_the_daemons_own(lab, kind):
+    victim = make_victim(lab)
     for name in (*DUMP_FILES, LEAVE_RECORD):
         plant(kind, lab.router_tmp / name, victim)
-    daemon = start_proxy(lab, ticks_per_second=FAST)
+    daemon = start_stale_dump(lab)
+    record = lab.router_tmp / LEAVE_RECORD
+    wait_for(lambda: record.is_file() and record.read_text() == f"grp={STALE_GROUP}\n", DEADLINE_S, "leave record")
+    for name in (*DUMP_FILES, LEAVE_RECORD):
+        path = lab.router_tmp / name
+        assert path.is_file() and not path.is_symlink()
+        assert (path.stat().st_uid, path.stat().st_nlink) == (0, 1)
+    assert "[MLD]ifname: br0" in (lab.router_tmp / "tarnwick_type_messages").read_text()
+    assert victim.read_text() == "precious\n"
+    assert DUMP_FAILED not in log_of(daemon)
+    assert_it_works(lab)
+    assert stop(daemon) == 0
+
+
+@pytest.mark.parametrize("kind,owner", [("directory", NOBODY), ("fifo", 0)])
+def test_thing_that_is_not_replaced_costs_only_its_file(lab, kind, owner):
+    victim = make_victim(lab)
+    for name in (*DUMP_FILES, LEAVE_RECORD):
+        plant(kind, lab.router_tmp / name, victim, owner)
+    daemon = start_stale_dump(lab)
+    wait_for(lambda: DUMP_FAILED in log_of(daemon), DEADLINE_S, "failed dump")
+    wait_for(lambda: RECORD_FAILED in log_of(daemon), DEADLINE_S, "failed leave record")
+    assert_it_works(lab)
+    assert stop(daemon) == 0
+
+
+def test_link_that_root_made_is_followed(lab):
+    target = lab.router_tmp / "elsewhere"
+    target.write_text("old and longer than what comes now\n" * 100)
+    (lab.router_tmp / "tarnwick_type_messages").symlink_to("/tmp/elsewhere")
+    daemon = start_proxy(lab)
+    dump(daemon)
+    wait_for(lambda: "[MLD]ifname: br0" in target.read_text(), DEADLINE_S, "dump")
+    assert "old and longer" not in target.read_text()
+    assert stop(daemon) == 0
+
+
+def test_planted_link_is_refused_where_its_maker_may_remove_any_file(lab):
+    victim = make_victim(lab)
+    lab.router_tmp.chmod(0o777)
+    plant("link", lab.router_tmp / "tarnwick_type_messages", victim)
+    daemon = start_proxy(lab)
     dump(daemon)
     wait_for(lambda: DUMP_FAILED in log_of(daemon), DEADLINE_S, "failed dump")
-    let_a_group_run_out(lab)
-    wait_for(lambda: RECORD_FAILED in log_of(daemon), DEADLINE_S, "failed leave record")
     assert victim.read_text() == "precious\n"
-    assert_it_works(lab)
     assert stop(daemon) == 0
 
 
 @pytest.mark.parametrize("kind", ["link", "directory", "fifo"])
 @pytest.mark.parametrize("name", ["tarnwick_host_in_group", "tarnwick_join_state"])
 def test_the_other_dump_files_are_written(lab, kind, name):
-    victim = lab.router_tmp / "victim"
+    victim = make_victim(lab)
     plant(kind, lab.router_tmp / name, victim)
     daemon = start_proxy(lab)
     before = open_descriptors_after_a_query(daemon)

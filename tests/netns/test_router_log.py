@@ -1,14 +1,20 @@
 """What may be wrong with the log: closed, full, a reader that died or hangs. Joins work on, and the end is clean."""
 
+import fcntl
 import os
+import pathlib
+import pty
 import socket
+import struct
+import termios
+import threading
 
 import pytest
 
 import kernel_view
 from kernel_view import ANY
 from laboratory import start, stop, wait_for, wait_for_end
-from proxy import DAEMON, ENVIRONMENT, TWO_CAPABILITIES, start_companion, wait_until_listening
+from proxy import DAEMON, ENVIRONMENT, TWO_CAPABILITIES, environment_of, start_companion, wait_until_listening
 from traffic import listen, program, received, send_stream
 
 GROUP = "ff0e::1:2:3"
@@ -68,3 +74,45 @@ def test_full_device(lab):
     with open("/dev/full", "wb") as full:
         daemon = start_writing_to(lab, full.fileno())
     assert_it_works(lab, daemon)
+
+
+def bytes_in_tick_pipe(daemon):
+    """How much waits in the one pipe of which the daemon holds both ends."""
+    folder = pathlib.Path(f"/proc/{daemon.pid}/fd")
+    targets = [(path, os.readlink(path)) for path in folder.iterdir()]
+    pipes = [target for _path, target in targets if target.startswith("pipe:")]
+    ends = [path for path, target in targets if pipes.count(target) == 2]
+    if not ends:
+        return 0  # not made yet
+    reader = os.open(ends[0], os.O_RDONLY | os.O_NONBLOCK)
+    try:
+        return struct.unpack("i", fcntl.ioctl(reader, termios.FIONREAD, b"\0" * 4))[0]
+    finally:
+        os.close(reader)
+
+
+def read_to_the_end(descriptor):
+    try:
+        while os.read(descriptor, 65536):
+            pass
+    except OSError:
+        pass  # the daemon has ended
+
+
+def test_terminal_that_stands_still_until_the_tick_pipe_is_full(lab):
+    """As with Ctrl-S. Afterwards the daemon goes on; ticks that found no room are lost."""
+    master, slave = pty.openpty()
+    lab.daemon = daemon = start(lab, "router", DAEMON, "-u", "wan0", "-d", "br0", environment=environment_of(2000),
+                                standard_output=slave)
+    os.close(slave)
+    wait_until_listening(daemon)
+    flood = start(lab, "host2", program("mld_flood"), "-i", "eth0", "-k", "queriers", "-n", "2000", "-r", "0")
+    assert wait_for_end(flood, DEADLINE_S) == 0
+    pipe_bytes, pages, tick_bytes = 65536, 16, 5  # a tick is never split over two pages
+    wait_for(lambda: bytes_in_tick_pipe(daemon) > pipe_bytes - pages * tick_bytes, DEADLINE_S, "full pipe")
+    threading.Thread(target=read_to_the_end, args=(master,), daemon=True).start()
+    wait_for(lambda: bytes_in_tick_pipe(daemon) < pipe_bytes / 2, DEADLINE_S, "ticks that are read")
+    start_companion(lab)
+    listen(lab, "host1", GROUP)
+    wait_for(lambda: kernel_view.forwarding_of(lab, GROUP) == {ANY: {"br0"}}, DEADLINE_S, "entry")
+    assert stop(daemon, DEADLINE_S) == 0

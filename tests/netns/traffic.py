@@ -25,6 +25,14 @@ ICMPV6 = 58
 IPV6_ETHERTYPE = b"\x86\xdd"
 NEXT_HEADER_OFFSET = 14 + 6
 DESTINATION = slice(14 + 24, 14 + 40)
+MUTE = f"""
+table ip6 mute {{
+  chain out {{
+    type filter hook output priority filter; policy accept;
+    icmpv6 type {{ {MLD_V1_REPORT}, {MLD_V1_DONE}, {MLD_V2_REPORT} }} drop
+  }}
+}}
+"""
 
 
 def program(name):
@@ -183,3 +191,14 @@ def send_frame(lab, node, interface, packet):
     with sender:
         sender.bind((interface, 0))
         sender.send(raw(packet))
+
+
+def mute(lab, host):
+    """From now on nobody hears what the host's own stack has to say about its groups."""
+    rules = lab.directory / "mute"
+    rules.write_text(MUTE)
+    laboratory.run(lab, host, "nft", "-f", str(rules))
+
+
+def unmute(lab, host):
+    laboratory.run(lab, host, "nft", "delete", "table", "ip6", "mute")

@@ -26,8 +26,16 @@ HELD = {
     "./usr/sbin/tarnwick-assist",
     "./usr/sbin/tarnwick-run",
     "./usr/sbin/tarnwick-status",
+    "./usr/share/bash-completion/completions/tarnwick",
+    "./usr/share/bash-completion/completions/tarnwick-assist",
+    "./usr/share/bash-completion/completions/tarnwick-run",
+    "./usr/share/bash-completion/completions/tarnwick-status",
+    "./usr/share/zsh/vendor-completions/_tarnwick",
     "./usr/share/doc/tarnwick/CHANGELOG.md",
     "./usr/share/doc/tarnwick/copyright",
+    "./usr/share/doc/tarnwick/examples/private-state.conf",
+    "./usr/share/doc/tarnwick/examples/tarnwick-metrics.service",
+    "./usr/share/doc/tarnwick/examples/tarnwick-metrics.timer",
     "./usr/share/doc/tarnwick/examples/tarnwick.nft",
     "./usr/share/man/man5/tarnwick-nvram.5",
     "./usr/share/man/man8/tarnwick-assist.8",
@@ -165,6 +173,23 @@ def test_package_installs_runs_under_its_units_and_leaves_nothing_behind(box):
     assert {"/etc/default/tarnwick", "/etc/tarnwick/nvram"} <= left, "settings outlive the removal"
     debian_box.run(debian, "dpkg", "--purge", "tarnwick")
     assert debian_box.files(debian) - before == set()
+
+
+def test_state_files_can_stand_where_no_user_reaches_them(box):
+    _lab, debian = box
+    drop_in = "/etc/systemd/system/tarnwick.service.d"
+    debian_box.run(debian, "dpkg", "--install", "/tarnwick.deb")
+    debian_box.run(debian, "sed", "-i", "s/=br1/=wan0/", "/etc/default/tarnwick")
+    debian_box.run(debian, "sh", "-c", f"mkdir {drop_in} && cp /usr/share/doc/tarnwick/examples/private-state.conf "
+                                       f"{drop_in} && systemctl daemon-reload && systemctl start tarnwick")
+    planted = "/tmp/tarnwick_type_messages /tmp/tarnwick_join_state"
+    debian_box.run(debian, "setpriv", "--reuid=65534", "--clear-groups", "sh", "-c", f"mkdir {planted}")
+    assert re.search(r"^br0 +downstream ", debian_box.run(debian, "tarnwick-status").stdout, re.M)
+    written = debian_box.run(debian, "sh", "-c", "stat -c '%n %U %F' /run/tarnwick/*").stdout
+    assert "/run/tarnwick/tarnwick_type_messages root regular file" in written
+    assert debian_box.run(debian, "sh", "-c", f"stat -c %F {planted}").stdout == "directory\ndirectory\n"
+    debian_box.run(debian, "systemctl", "stop", "tarnwick")
+    assert not [path for path in debian_box.files(debian) if path.startswith("/run/tarnwick")]
 
 
 def test_killed_daemon_is_started_again(box):

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdlib>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace scripted {
@@ -93,6 +94,8 @@ int length(const list &of) {
 proxy_fixture::proxy_fixture() {
   reset();
   reset_daemon();
+  constexpr mode_t private_folder = 0700;
+  chmod(Kernel.directory.c_str(), private_folder);
 }
 
 proxy_fixture::~proxy_fixture() { reset_daemon(); }
@@ -147,6 +150,16 @@ void proxy_fixture::then_anything() { take_transcript(); }
 
 void proxy_fixture::given_failure(const std::string &request, int error, int times) {
   Kernel.failures.push_back({request, error, times});
+}
+
+void proxy_fixture::given_sticky_folder() {
+  constexpr mode_t open_to_all = 0777;
+  ASSERT_EQ(chmod(Kernel.directory.c_str(), open_to_all | S_ISVTX), 0);
+}
+
+void proxy_fixture::given_of_nobody(const std::string &path) {
+  constexpr uid_t nobody = 65534;
+  ASSERT_EQ(lchown(path.c_str(), nobody, nobody), 0);
 }
 
 } // namespace scripted

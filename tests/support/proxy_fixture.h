@@ -50,6 +50,12 @@ struct proxy_fixture : testing::Test {
   void then_anything();
 
   void given_failure(const std::string &request, int error, int times = 1);
+
+  // Makes /tmp sticky, as on most systems; it is not unless a test asks for it.
+  static void given_sticky_folder();
+
+  // Gives a thing to another user: a link itself, not what it points to.
+  static void given_of_nobody(const std::string &path);
 };
 
 int length(const list &of);

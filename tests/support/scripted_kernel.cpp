@@ -25,6 +25,7 @@ ssize_t __real_recvmsg(int, msghdr *, int);
 ssize_t __real_sendto(int, const void *, std::size_t, int, const sockaddr *, socklen_t);
 int __real_close(int);
 int __real_open(const char *, int, ...);
+int __real_unlink(const char *);
 FILE *__real_fopen(const char *, const char *);
 int __real_fclose(FILE *);
 void *__real_malloc(std::size_t);
@@ -57,9 +58,12 @@ std::string watched_text(int limit, const fd_set *readable) {
 }
 
 std::string open_flags_text(int flags) {
-  std::string text = (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY" : "other mode";
+  const bool is_path = (flags & O_PATH) != 0;
+  std::string text = is_path ? "O_PATH" : (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY" : "other mode";
   for (const auto &[bit, name] : {std::pair{O_CREAT, "O_CREAT"},
+                                  {O_EXCL, "O_EXCL"},
                                   {O_TRUNC, "O_TRUNC"},
+                                  {O_DIRECTORY, "O_DIRECTORY"},
                                   {O_NOFOLLOW, "O_NOFOLLOW"},
                                   {O_NONBLOCK, "O_NONBLOCK"},
                                   {O_CLOEXEC, "O_CLOEXEC"}}) {
@@ -171,6 +175,13 @@ int __wrap_open(const char *path, int flags, ...) {
     return -1;
   }
   return __real_open(redirected(path).c_str(), flags, mode);
+}
+
+int __wrap_unlink(const char *path) {
+  if (!IsActive) {
+    return __real_unlink(path);
+  }
+  return request(std::string("unlink(") + path + ")") ? -1 : __real_unlink(redirected(path).c_str());
 }
 
 FILE *__wrap_fopen(const char *path, const char *mode) {

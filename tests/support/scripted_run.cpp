@@ -180,6 +180,9 @@ std::optional<std::string> file_contents(const std::string &path) {
 }
 
 std::string redirected(const std::string &path) {
+  if (path == "/tmp") {
+    return Kernel.directory;
+  }
   return Kernel.directory + "/" + std::filesystem::path(path).filename().string();
 }
 

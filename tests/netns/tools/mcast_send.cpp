@@ -1,8 +1,9 @@
 // A stream's source: sends numbered UDP datagrams to a group, IPv6 or IPv4, at a steady rate, then says how many.
 //
-//   mcast_send -i IFACE -g GROUP -p PORT -n COUNT [-r PER_SECOND] [-s SOURCE] [-l HOP_LIMIT]
+//   mcast_send -i IFACE -g GROUP -p PORT -n COUNT [-r PER_SECOND] [-k] [-s SOURCE] [-l HOP_LIMIT]
 //
-// Ends after COUNT datagrams, or earlier on SIGTERM; prints "sent N".
+// -k: keeps the rate: what the machine was too slow for is sent later, up to 32 datagrams at once. Ends after COUNT
+// datagrams, or earlier on SIGTERM; prints "sent N".
 
 #include "mcast_socket.h"
 
@@ -25,11 +26,13 @@ struct stream {
   long count = 0;
   long per_second = 100;
   int hop_limit = 8; // 1 would end at the router
+  bool keeps_rate = false;
 };
 
 stream parse(int argc, char **argv) {
+  constexpr const char *options = "i:g:p:n:r:s:l:k";
   stream wanted;
-  for (int letter = getopt(argc, argv, "i:g:p:n:r:s:l:"); letter != -1; letter = getopt(argc, argv, "i:g:p:n:r:s:l:")) {
+  for (int letter = getopt(argc, argv, options); letter != -1; letter = getopt(argc, argv, options)) {
     switch (letter) {
     case 'i':
       wanted.interface = optarg;
@@ -52,21 +55,43 @@ stream parse(int argc, char **argv) {
     case 'l':
       wanted.hop_limit = std::atoi(optarg);
       break;
+    case 'k':
+      wanted.keeps_rate = true;
+      break;
     default:
       std::exit(2);
     }
   }
   if (wanted.interface == nullptr || wanted.group == nullptr || wanted.count < 1 || wanted.per_second < 1) {
-    std::fputs("usage: mcast_send -i IFACE -g GROUP -p PORT -n COUNT [-r PER_SECOND] [-s SOURCE] [-l HOPS]\n", stderr);
+    std::fputs("usage: mcast_send -i IFACE -g GROUP -p PORT -n COUNT [-r PER_SECOND] [-k] [-s SOURCE] [-l HOPS]\n",
+               stderr);
     std::exit(2);
   }
   return wanted;
 }
 
+constexpr long nanoseconds_per_second = 1'000'000'000;
+
 void pause_between(long per_second) {
-  constexpr long nanoseconds_per_second = 1'000'000'000;
   const timespec gap{per_second == 1 ? 1 : 0, per_second == 1 ? 0 : nanoseconds_per_second / per_second};
   nanosleep(&gap, nullptr);
+}
+
+long nanoseconds_now() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * nanoseconds_per_second + now.tv_nsec;
+}
+
+// Waits until a datagram is due at the steady rate. Returns how many are.
+long wait_until_due(long begin, long sent, long per_second) {
+  constexpr long most_at_once = 32;
+  long due = (nanoseconds_now() - begin) * per_second / nanoseconds_per_second + 1 - sent;
+  if (due <= 0) {
+    pause_between(per_second);
+    due = 1;
+  }
+  return due < most_at_once ? due : most_at_once;
 }
 
 // An address that was just added is refused until the kernel has looked for duplicates.
@@ -109,11 +134,15 @@ int main(int argc, char **argv) {
   }
   std::signal(SIGTERM, stop);
   long sent = 0;
-  for (long i = 0; i < wanted.count && stop_is_wanted == 0; ++i) {
-    if (sendto(sender, &i, sizeof i, 0, generic(group), group.length) == sizeof i) {
-      ++sent;
+  const long begin = nanoseconds_now();
+  for (long i = 0; i < wanted.count && stop_is_wanted == 0;) {
+    const long due = wanted.keeps_rate ? wait_until_due(begin, i, wanted.per_second) : 1;
+    for (const long end = i + due < wanted.count ? i + due : wanted.count; i < end; ++i) {
+      sent += sendto(sender, &i, sizeof i, 0, generic(group), group.length) == sizeof i ? 1 : 0;
     }
-    pause_between(wanted.per_second);
+    if (!wanted.keeps_rate) {
+      pause_between(wanted.per_second);
+    }
   }
   std::printf("sent %ld\n", sent);
   return 0;

@@ -25,6 +25,16 @@ protected:
     return left_out;
   }
 
+  // Its first general queries are sent, and leaves are not asked about.
+  void given_companion_that_asks_after_ends_alone(const char *left_out = "ask-after-leave") {
+    remedies_off quiet = without("ask-after-leave");
+    switch_off(left_out, quiet);
+    given_companion(quiet);
+    send_due_queries();
+    requests();
+    Kernel.now_ms += 1000;
+  }
+
   // An entry that tarnwick writes, and the shield that is put before it.
   void given_any_source(const std::vector<std::uint32_t> &outputs) {
     tell(any_source(outputs));
@@ -298,6 +308,62 @@ TEST_F(group_watch_of, left_out_removals_are_not_made) {
   given_companion(left_out);
   tell(source({BR0, LAN1}));
   pass(400'000);
+}
+
+TEST_F(group_watch_of, interface_that_is_taken_out_is_asked_who_still_listens) {
+  given_companion_that_asks_after_ends_alone();
+  tell(source({BR0, LAN1}));
+  report(MLD2_CHANGE_TO_INCLUDE, {}, LAN1);
+  pass(12'500);
+  EXPECT_EQ(requests(), lines{put_source(" 4")});
+  wait(99);
+  EXPECT_EQ(requests(), lines{});
+  wait(1);
+  EXPECT_EQ(requests(), lines{query_for(GROUP, LAN1)});
+  wait(1000);
+  EXPECT_EQ(requests(), lines{query_for(GROUP, LAN1)});
+  wait(10'000);
+  EXPECT_EQ(requests(), lines{});
+}
+
+TEST_F(group_watch_of, every_interface_of_a_left_group_that_keeps_its_entry_is_asked) {
+  given_companion_that_asks_after_ends_alone();
+  tell(source({BR0, LAN1}));
+  report(MLD2_CHANGE_TO_INCLUDE, {}, BR0);
+  report(MLD2_CHANGE_TO_INCLUDE, {}, LAN1);
+  pass(12'500);
+  EXPECT_EQ(requests(), lines{put_source("")});
+  wait(100);
+  EXPECT_EQ(requests(), (lines{query_for(GROUP, BR0), query_for(GROUP, LAN1)}));
+}
+
+TEST_F(group_watch_of, interface_that_had_no_output_is_not_asked) {
+  given_companion_that_asks_after_ends_alone();
+  tell(source({BR0}));
+  report(MLD2_ALLOW_NEW_SOURCES, {"2001:db8:2::11"}, LAN1);
+  report(MLD2_CHANGE_TO_INCLUDE, {}, LAN1);
+  pass(12'500);
+  wait(10'000);
+  EXPECT_EQ(requests(), lines{});
+}
+
+TEST_F(group_watch_of, interface_whose_output_stays_is_not_asked) {
+  given_companion_that_asks_after_ends_alone("remove-outputs");
+  tell(source({BR0, LAN1}));
+  report(MLD2_CHANGE_TO_INCLUDE, {}, LAN1);
+  pass(12'500);
+  wait(10'000);
+  EXPECT_EQ(requests(), lines{});
+}
+
+TEST_F(group_watch_of, interface_that_is_taken_out_is_not_asked_where_that_is_left_out) {
+  given_companion_that_asks_after_ends_alone("ask-after-end");
+  tell(source({BR0, LAN1}));
+  report(MLD2_CHANGE_TO_INCLUDE, {}, LAN1);
+  pass(12'500);
+  EXPECT_EQ(requests(), lines{put_source(" 4")});
+  wait(10'000);
+  EXPECT_EQ(requests(), lines{});
 }
 
 TEST_F(group_watch_of, output_that_tarnwick_leaves_out_stays_while_its_interface_listens) {

@@ -78,9 +78,9 @@ const std::string wait = "select(pipe, mld)";
 const std::string tick = "write(pipe, \"Timer\")";
 const std::string read_ticks = "read(pipe, 20)";
 const lines dump_files = {
-    "open(/tmp/tarnwick_host_in_group, O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
-    "open(/tmp/tarnwick_type_messages, O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
-    "open(/tmp/tarnwick_join_state, O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
+    "open(/tmp/tarnwick_host_in_group, O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
+    "open(/tmp/tarnwick_type_messages, O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
+    "open(/tmp/tarnwick_join_state, O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
 };
 
 TEST_F(main_loop, stop_signal_while_waiting_stops_once_without_a_timer_run) {

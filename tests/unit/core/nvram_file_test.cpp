@@ -125,6 +125,12 @@ TEST_F(nvram_file, directory_in_place_of_the_file_is_complained_about) {
   EXPECT_EQ(errors, complaint(std::string(": ") + std::strerror(EISDIR) + "; every NVRAM key counts as absent"));
 }
 
+TEST_F(nvram_file, fifo_in_place_of_the_file_is_complained_about_and_not_waited_for) {
+  ASSERT_EQ(mkfifo(nvram_path().c_str(), 0600), 0);
+  const std::string errors = error_output_of([&] { EXPECT_EQ(value_of("key"), "(absent)"); });
+  EXPECT_EQ(errors, complaint(std::string(": ") + std::strerror(ESPIPE) + "; every NVRAM key counts as absent"));
+}
+
 TEST_F(nvram_file, path_that_cannot_be_followed_is_complained_about) {
   std::filesystem::create_symlink("nvram", nvram_path()); // onto itself
   const std::string errors = error_output_of([&] { EXPECT_EQ(value_of("key"), "(absent)"); });

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 namespace {
 
@@ -134,6 +135,17 @@ TEST_F(start_up_steps, lan_address_is_read_after_forwarding_is_enabled) {
   then_anything();
   EXPECT_EQ(at_echo, unread);
   EXPECT_NE(LanMac, unread);
+}
+
+TEST_F(start_up_steps, shell_commands_run_with_a_path_that_only_root_can_write_to) {
+  const std::string inherited = std::getenv("PATH");
+  setenv("PATH", "/tmp:.", 1);
+  std::string at_echo;
+  Kernel.on_request = [&](const std::string &request) { at_echo = request == echo ? std::getenv("PATH") : at_echo; };
+  EXPECT_EQ(when_started({"-u", "wan0"}), 0);
+  then_anything();
+  EXPECT_EQ(at_echo, "/usr/sbin:/usr/bin:/sbin:/bin");
+  setenv("PATH", inherited.c_str(), 1);
 }
 
 TEST_F(start_up_steps, missing_or_malformed_lan_address_leaves_zeros) {

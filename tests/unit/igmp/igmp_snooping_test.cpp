@@ -13,7 +13,7 @@ constexpr char leave_record[] = "/tmp/igmprt_leave_record";
 constexpr char group_address[] = "239.1.2.3";
 
 const lines record_lines{
-    "open(/tmp/igmprt_leave_record, O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
+    "open(/tmp/igmprt_leave_record, O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
     "system(killall -USR1 igmp_snooping)",
 };
 
@@ -50,9 +50,11 @@ TEST_F(igmp_snooping, refused_command_is_reported_by_its_result) {
 
 TEST_F(igmp_snooping, leave_record_does_not_follow_a_planted_link) {
   std::filesystem::create_symlink(Kernel.directory + "/victim", redirected(leave_record));
+  given_of_nobody(redirected(leave_record));
   int result = 0;
   when([&] { result = igmp_snooping_leave(InAddrAny, word(group_address)); });
-  then({record_lines[0]});
+  then({record_lines[0], "open(/tmp/igmprt_leave_record, O_PATH|O_NOFOLLOW|O_CLOEXEC)",
+        "open(/tmp, O_PATH|O_DIRECTORY|O_CLOEXEC)"});
   EXPECT_EQ(result, -1);
   EXPECT_FALSE(std::filesystem::exists(Kernel.directory + "/victim"));
 }

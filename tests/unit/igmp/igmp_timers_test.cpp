@@ -46,7 +46,7 @@ std::string no_members_line(const char *function) {
 }
 
 const lines record_lines{
-    "open(/tmp/igmprt_leave_record, O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
+    "open(/tmp/igmprt_leave_record, O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)",
     "system(killall -USR1 igmp_snooping)",
 };
 

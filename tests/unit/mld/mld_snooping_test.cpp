@@ -12,7 +12,9 @@ namespace {
 using namespace scripted;
 
 const std::string path = "/tmp/tarnwick_leave_record";
-const std::string opened = "open(" + path + ", O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)";
+const std::string opened = "open(" + path + ", O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)";
+const std::string look = "open(" + path + ", O_PATH|O_NOFOLLOW|O_CLOEXEC)";
+const std::string look_at_folder = "open(/tmp, O_PATH|O_DIRECTORY|O_CLOEXEC)";
 const std::string signalled = "system(killall -USR2 igmp_snooping)";
 const std::string open_failed = logged_error("mld_snooping_leave", "Open file \"/tmp/tarnwick_leave_record\" failed.");
 
@@ -85,15 +87,17 @@ TEST_F(mld_snooping, record_that_cannot_be_opened_is_logged_and_nobody_signalled
 TEST_F(mld_snooping, planted_symbolic_link_is_not_followed) {
   std::ofstream(redirected("/tmp/victim")) << "precious";
   std::filesystem::create_symlink(redirected("/tmp/victim"), redirected(path));
+  given_of_nobody(redirected(path));
   when_left("::", "ff0e::1");
-  then({opened, open_failed});
+  then({opened, look, look_at_folder, open_failed});
   EXPECT_EQ(file_contents("/tmp/victim"), "precious");
 }
 
 TEST_F(mld_snooping, planted_fifo_does_not_stop_the_proxy) {
   ASSERT_EQ(mkfifo(redirected(path).c_str(), 0600), 0);
+  given_of_nobody(redirected(path));
   when_left("::", "ff0e::1");
-  then({opened, open_failed});
+  then({opened, look, look_at_folder, open_failed});
 }
 
 TEST_F(mld_snooping, missing_snooping_program_does_not_matter) {

@@ -210,7 +210,7 @@ TEST_F(mld_timers, pass_without_memory_does_nothing) {
 // Group timers.
 
 const std::string leave_record_opened =
-    "open(/tmp/tarnwick_leave_record, O_WRONLY|O_CREAT|O_TRUNC|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)";
+    "open(/tmp/tarnwick_leave_record, O_WRONLY|O_CREAT|O_NOFOLLOW|O_NONBLOCK|O_CLOEXEC)";
 
 lines expired_on_br0(const std::string &group) {
   constexpr char expired[] = "mld_router_group_timer_expired";

@@ -1,0 +1,20 @@
+// Who has spoken on the LANs, and when: the last report of each host for each group, and queries. Nothing is decided by
+// it; tarnwick-status shows it.
+#pragma once
+
+#include "assist/heard_row.h"
+#include "assist/mld_message.h"
+
+#include <span>
+
+// Makes the table. Without it, where the kernel refuses, the companion works as ever and nothing is noted.
+void open_heard_table();
+
+// All rows, free ones too; none without a table.
+std::span<const heard_row> heard_rows();
+
+// Notes an MLD message of a LAN. A host that leaves is forgotten.
+void note_heard(mld_message &message);
+
+// Notes a general query that the companion has sent.
+void note_own_query(std::uint32_t index);

@@ -1,0 +1,7 @@
+// The kernel entry's part: what the kernel was told about the group.
+#pragma once
+
+#include "status/check_list.h"
+#include "status/path_facts.h"
+
+void check_entry(check_list &list, const check_subject &subject);

@@ -1,0 +1,2 @@
+# Stands in for the build root's cmake.mk.
+PKG_INSTALL:=1
