@@ -36,15 +36,13 @@ lab_up() {
     ip -n "$lab_node" link set lo up
   done
   ip -n "$router" link add br0 address "$lab_mac" type bridge
-  lab_wire wan0 02:00:00:00:02:fe "$source" src0 02:00:00:00:02:01
+  lab_wire_wan
   lab_wire lan-a 02:00:00:00:0a:fe "$host1" eth0 02:00:00:00:01:01
   lab_wire lan-b 02:00:00:00:0b:fe "$host2" eth0 02:00:00:00:01:02
   ip -n "$router" link set lan-a master br0
   ip -n "$router" link set lan-b master br0
   ip -n "$router" link set br0 up
   ip -n "$router" address add 2001:db8:1::1/64 dev br0
-  ip -n "$router" address add 2001:db8:2::1/64 dev wan0
-  ip -n "$source" address add "$lab_source_address/64" dev src0
   ip -n "$host1" address add 2001:db8:1::101/64 dev eth0
   ip -n "$host2" address add 2001:db8:1::102/64 dev eth0
   printf '# the settings of this router\net0macaddr=%s\n' "$lab_mac" >"$lab_tmp/nvram"
@@ -62,11 +60,18 @@ lab_wire() {
   ip -n "$3" link set "$4" up
 }
 
+lab_wire_wan() {
+  lab_wire wan0 02:00:00:00:02:fe "$source" src0 02:00:00:00:02:01
+  ip -n "$router" address add 2001:db8:2::1/64 dev wan0
+  ip -n "$source" address add "$lab_source_address/64" dev src0
+}
+
 lab_has_link_local() {
   ip -n "$1" -6 address show dev "$2" scope link | grep 'fe80::' | grep -qv tentative
 }
 
-# lab_wait SECONDS COMMAND...: asks ten times a second until the command succeeds; 1 when it never does.
+# lab_wait SECONDS COMMAND...: asks ten times a second until the command succeeds; 1 when it never does. The command must
+# not wait in this way itself.
 lab_wait() {
   lab_tries=$(($1 * 10))
   shift
