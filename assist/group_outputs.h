@@ -1,4 +1,4 @@
-// Which interfaces have a group, and the writing of outputs. Shared by what the kernel tells and what hosts say.
+// Which interfaces have a group, and the writing of outputs. Shared by what the kernel reports and what hosts say.
 #pragma once
 
 #include "assist/group_table.h"

@@ -283,14 +283,14 @@ void ask_where_group_ended(const ipv6_address &group, mif_set outputs) {
   }
 }
 
-void handle_group_entry(const notification &told) {
-  if (told.kind == notification_kind::entry_gone) {
-    ask_where_group_ended(told.group, told.outputs);
+void handle_group_entry(const notification &event) {
+  if (event.kind == notification_kind::entry_gone) {
+    ask_where_group_ended(event.group, event.outputs);
     return;
   }
   for (const watched_interface &watched : watched_interfaces()) {
-    if (group_question *question = find_question(watched.index, told.group);
-        question != nullptr && is_among(watched, told.outputs)) {
+    if (group_question *question = find_question(watched.index, event.group);
+        question != nullptr && is_among(watched, event.outputs)) {
       question->end_due_ms = NO_DEADLINE;
     }
   }

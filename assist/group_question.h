@@ -43,7 +43,7 @@ void hear_for_questions(mld_message &message);
 void ask_where_group_ended(const ipv6_address &group, mif_set outputs);
 
 // Acts on a change of a forwarding entry: one that goes means the end of a group, one that comes its return.
-void handle_group_entry(const notification &told);
+void handle_group_entry(const notification &event);
 
 // When the next question for the interface is due; NO_DEADLINE = never.
 std::int64_t next_question_ms(std::uint32_t index);

@@ -20,7 +20,7 @@ inline constexpr tenths NOT_TIMED = 0;
 
 struct cache_entry {
   ipv6_address origin; // :: = any source
-  mif_set outputs;     // as told by the kernel last, or asked of it since
+  mif_set outputs;     // as the kernel reported them last, or asked of it since
 };
 
 struct watched_group {

@@ -82,8 +82,8 @@ void learn_listeners(watched_group &group, mif_set outputs) {
 }
 
 // Read before the notification of our own request: older than that, so it was overwritten.
-void handle_overwritten(watched_group &group, cache_entry &entry, mif_set told) {
-  const mif_set missing = told & standing_on(group) & ~entry.outputs;
+void handle_overwritten(watched_group &group, cache_entry &entry, mif_set reported) {
+  const mif_set missing = reported & standing_on(group) & ~entry.outputs;
   if (missing != 0 && is_on(remedy::add_outputs)) {
     write_outputs(group, entry, entry.outputs | missing);
   }
@@ -98,30 +98,30 @@ void part_from_shield(watched_group &group) {
 }
 
 // Outputs that tarnwick left out although their interfaces have the group stay.
-mif_set wanted_outputs(const watched_group &group, const cache_entry &entry, mif_set told) {
-  return is_on(remedy::add_outputs) ? told | (entry.outputs & standing_on(group)) : told;
+mif_set wanted_outputs(const watched_group &group, const cache_entry &entry, mif_set reported) {
+  return is_on(remedy::add_outputs) ? reported | (entry.outputs & standing_on(group)) : reported;
 }
 
 // This and the next return whether the change was tarnwick's.
-bool handle_entry_written(watched_group &group, cache_entry &entry, mif_set told) {
+bool handle_entry_written(watched_group &group, cache_entry &entry, mif_set reported) {
   if (awaits_own_message(group, &entry)) {
-    const bool is_own = told == entry.outputs;
+    const bool is_own = reported == entry.outputs;
     if (is_own) {
       set_awaits_own_message(group, &entry, false);
     } else {
-      handle_overwritten(group, entry, told);
+      handle_overwritten(group, entry, reported);
     }
     return !is_own;
   }
-  const mif_set wanted = wanted_outputs(group, entry, told);
-  learn_listeners(group, told);
+  const mif_set wanted = wanted_outputs(group, entry, reported);
+  learn_listeners(group, reported);
   const bool is_any_source = entry.origin == In6AddrAny;
   const bool was_rewritten = group.gone_at != NOT_TIMED; // the delete before it took the shield
   if (is_any_source && group.has_shield && !was_rewritten) {
     part_from_shield(group);
   }
-  entry.outputs = told;
-  if (wanted != told || (is_any_source && group.own_deletes > 0)) {
+  entry.outputs = reported;
+  if (wanted != reported || (is_any_source && group.own_deletes > 0)) {
     write_outputs(group, entry, wanted);
   }
   if (is_any_source) {
@@ -151,11 +151,11 @@ bool handle_any_source_deleted(watched_group &group, const cache_entry *entry, b
   return true;
 }
 
-bool handle_entry_deleted(watched_group &group, notification &told) {
-  const bool is_shield = told.input == 0;
-  const cache_entry *entry = find_entry(group, told.origin);
-  if (told.origin == In6AddrAny) {
-    told.outputs = is_shield && entry != nullptr ? entry->outputs : told.outputs;
+bool handle_entry_deleted(watched_group &group, notification &event) {
+  const bool is_shield = event.input == 0;
+  const cache_entry *entry = find_entry(group, event.origin);
+  if (event.origin == In6AddrAny) {
+    event.outputs = is_shield && entry != nullptr ? entry->outputs : event.outputs;
     return handle_any_source_deleted(group, entry, is_shield);
   }
   if (entry != nullptr) {
@@ -268,28 +268,28 @@ void forget_listeners_on(std::size_t place) {
   }
 }
 
-bool watch_group_entry(notification &told) {
-  const bool is_shield = told.input == 0; // it is never registered
-  if (GroupOutputs.upstream == 0 || told.group[0] != IPV6_MULTICAST_FIRST_BYTE) {
+bool watch_group_entry(notification &event) {
+  const bool is_shield = event.input == 0; // it is never registered
+  if (GroupOutputs.upstream == 0 || event.group[0] != IPV6_MULTICAST_FIRST_BYTE) {
     return !is_shield;
   }
-  if (told.kind == notification_kind::entry_gone) {
-    watched_group *group = find_watched_group(told.group);
+  if (event.kind == notification_kind::entry_gone) {
+    watched_group *group = find_watched_group(event.group);
     if (group == nullptr) {
       return !is_shield;
     }
-    const bool is_tarnwicks = handle_entry_deleted(*group, told);
+    const bool is_tarnwicks = handle_entry_deleted(*group, event);
     fit_upstream_membership(*group);
     return is_tarnwicks;
   }
-  if (told.input != GroupOutputs.upstream) {
+  if (event.input != GroupOutputs.upstream) {
     return !is_shield;
   }
-  watched_group &group = find_or_take(told.group);
-  group.is_changed |= told.is_static;
-  cache_entry *known = find_entry(group, told.origin);
-  cache_entry &entry = known != nullptr ? *known : *add_entry(group, told.origin);
-  const bool is_tarnwicks = handle_entry_written(group, entry, told.outputs);
+  watched_group &group = find_or_take(event.group);
+  group.is_changed |= event.is_static;
+  cache_entry *known = find_entry(group, event.origin);
+  cache_entry &entry = known != nullptr ? *known : *add_entry(group, event.origin);
+  const bool is_tarnwicks = handle_entry_written(group, entry, event.outputs);
   fit_upstream_membership(group);
   return is_tarnwicks;
 }

@@ -24,7 +24,7 @@ void stop_group_watch();
 void forget_listeners_on(std::size_t place);
 
 // A notification about the entry of a group, or a row of the kernel's table. Returns whether tarnwick, not this
-// program, made the change. A shield that tarnwick deleted is told with the outputs of the entry behind it.
+// program, made the change. A shield that tarnwick deleted is reported with the outputs of the entry behind it.
 bool watch_group_entry(notification &told);
 
 // An MLD message of a host on the downstream interface that stands at `place` on the command line.

@@ -110,29 +110,29 @@ void handle_lost(watched_interface &lost) {
   lost.index = 0;
 }
 
-void handle_link(watched_interface &watched, const notification &told) {
-  if (watched.name == told.name) {
-    if (watched.index != 0 && watched.index != told.index) {
+void handle_link(watched_interface &watched, const notification &event) {
+  if (watched.name == event.name) {
+    if (watched.index != 0 && watched.index != event.index) {
       handle_lost(watched);
     }
     if (watched.index == 0) {
-      handle_found(watched, told.index);
+      handle_found(watched, event.index);
     } else {
       hurry_querier(watched);
     }
-  } else if (watched.index == told.index) { // renamed
+  } else if (watched.index == event.index) { // renamed
     handle_lost(watched);
     wait_for(watched);
   }
 }
 
-void handle_ipv6(watched_interface &watched, const notification &told) {
+void handle_ipv6(watched_interface &watched, const notification &event) {
   if (!watched.is_upstream) {
     if (!watched.is_joined) {
       join(watched);
     }
   } else {
-    handle_mc_forwarding(told.mc_forwarding);
+    handle_mc_forwarding(event.mc_forwarding);
   }
 }
 
@@ -145,16 +145,16 @@ void handle_ipv6_gone(watched_interface &watched) {
   }
 }
 
-void handle_for(watched_interface &watched, const notification &told) {
-  const bool is_meant = watched.index != 0 && watched.index == told.index;
-  if (told.kind == notification_kind::link_there) {
-    handle_link(watched, told);
-  } else if (is_meant && told.kind == notification_kind::link_gone) {
+void handle_for(watched_interface &watched, const notification &event) {
+  const bool is_meant = watched.index != 0 && watched.index == event.index;
+  if (event.kind == notification_kind::link_there) {
+    handle_link(watched, event);
+  } else if (is_meant && event.kind == notification_kind::link_gone) {
     handle_lost(watched);
     wait_for(watched);
-  } else if (is_meant && told.kind == notification_kind::ipv6_there) {
-    handle_ipv6(watched, told);
-  } else if (is_meant && told.kind == notification_kind::ipv6_gone) {
+  } else if (is_meant && event.kind == notification_kind::ipv6_there) {
+    handle_ipv6(watched, event);
+  } else if (is_meant && event.kind == notification_kind::ipv6_gone) {
     handle_ipv6_gone(watched);
   }
 }
@@ -219,22 +219,22 @@ void look_at_everything() {
   read_table_if_due();
 }
 
-void handle_notification(const notification &told) {
-  switch (told.kind) {
+void handle_notification(const notification &event) {
+  switch (event.kind) {
   case notification_kind::other:
     return;
   case notification_kind::entry_there:
   case notification_kind::entry_gone:
-    if (is_static_entry(told)) {
-      handle_entry_notification(told);
-    } else if (notification change = told; watch_group_entry(change)) {
+    if (is_static_entry(event)) {
+      handle_entry_notification(event);
+    } else if (notification change = event; watch_group_entry(change)) {
       handle_group_entry(change);
     }
     return;
   default:
-    if (told.index != 0) {
+    if (event.index != 0) {
       for (watched_interface &watched : watched_interfaces()) {
-        handle_for(watched, told);
+        handle_for(watched, event);
       }
     }
     read_table_if_due();

@@ -49,7 +49,7 @@ void start_watch(const assist_options &options, int routing_socket, int mld_sock
 void look_at_everything();
 
 // Acts on one notification.
-void handle_notification(const notification &told);
+void handle_notification(const notification &event);
 
 // Takes everything back: static entry, then memberships.
 void stop_watch();

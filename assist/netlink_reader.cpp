@@ -15,7 +15,7 @@ void skip_padded(netlink_bytes &bytes, std::size_t length) {
   bytes = bytes.subspan(std::min(padded, bytes.size()));
 }
 
-// Every netlink item starts with a header that tells the length of header and payload together. `length_of` reads it.
+// Every netlink item starts with a header with the length of header and payload together. `length_of` reads it.
 template <typename header_type, typename length_reader>
 bool cut_item(netlink_bytes &rest, header_type &header, netlink_bytes &payload, length_reader length_of) {
   if (!read_record(rest, header)) {

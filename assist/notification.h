@@ -1,4 +1,4 @@
-// What the kernel tells by rtnetlink, reduced to what the companion acts on.
+// What the kernel reports by rtnetlink, reduced to what the companion acts on.
 #pragma once
 
 #include "assist/netlink_reader.h"
@@ -15,7 +15,7 @@ enum class notification_kind {
   entry_gone   // RTM_DELROUTE of the forwarding entry (`origin`, `group`), with what it had
 };
 
-inline constexpr std::int32_t MC_FORWARDING_NOT_TOLD = -1;
+inline constexpr std::int32_t MC_FORWARDING_UNKNOWN = -1;
 
 struct notification {
   notification_kind kind;
@@ -34,8 +34,10 @@ struct notification {
 inline std::uint32_t output_bit(std::uint32_t index) { return index < 32 ? std::uint32_t{1} << index : 0; }
 
 // Whether an entry notification is about (::, ::).
-inline bool is_static_entry(const notification &told) { return told.origin == In6AddrAny && told.group == In6AddrAny; }
+inline bool is_static_entry(const notification &event) {
+  return event.origin == In6AddrAny && event.group == In6AddrAny;
+}
 
 // Cuts one message off the front of `rest`. False when nothing whole is left. Addresses and numbers as in the kernel's
 // headers: linux/if_link.h, linux/netconf.h, linux/rtnetlink.h.
-bool next_notification(netlink_bytes &rest, notification &told);
+bool next_notification(netlink_bytes &rest, notification &event);

@@ -99,12 +99,12 @@ bool send_question(int socket, std::uint32_t index) {
 // The kernel answers while it takes the question, so the answer is there already. An interface that has gone is
 // answered with an error message, which is no notification.
 std::int32_t read_answer(netlink_bytes answer, std::uint32_t index) {
-  for (notification told; next_notification(answer, told);) {
-    if (told.kind == notification_kind::ipv6_there && told.index == index) {
-      return told.mc_forwarding;
+  for (notification event; next_notification(answer, event);) {
+    if (event.kind == notification_kind::ipv6_there && event.index == index) {
+      return event.mc_forwarding;
     }
   }
-  return MC_FORWARDING_NOT_TOLD;
+  return MC_FORWARDING_UNKNOWN;
 }
 
 bool send_table_question(int socket) {
@@ -124,9 +124,9 @@ bool read_table(int socket) {
     if (!receive_from_kernel(socket, buffer, rest)) {
       return errno == EAGAIN;
     }
-    for (notification told; next_notification(rest, told);) {
-      if (told.kind == notification_kind::entry_there && !is_static_entry(told)) {
-        watch_group_entry(told);
+    for (notification event; next_notification(rest, event);) {
+      if (event.kind == notification_kind::entry_there && !is_static_entry(event)) {
+        watch_group_entry(event);
       }
     }
   }
@@ -167,8 +167,8 @@ notification_state handle_notifications(int socket) {
     if (!receive_from_kernel(socket, notification_buffer, rest)) {
       return state_after_failure(errno);
     }
-    for (notification told; next_notification(rest, told);) {
-      handle_notification(told);
+    for (notification event; next_notification(rest, event);) {
+      handle_notification(event);
     }
   }
   return notification_state::more;
@@ -199,7 +199,7 @@ std::int32_t ask_mc_forwarding(std::uint32_t index) {
   if (!is_answered) {
     say_refused(reason, "cannot ask for the multicast routing state of index %u", index);
     want_retry();
-    return MC_FORWARDING_NOT_TOLD;
+    return MC_FORWARDING_UNKNOWN;
   }
   return read_answer(answer, index);
 }

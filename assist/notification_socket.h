@@ -22,5 +22,5 @@ notification_state handle_notifications(int socket);
 void read_group_entries();
 
 // How many MIFs stand on the interface: 0 = none. -1 if the kernel could not be asked, after it has said why; a retry
-// is due then. -1 also when the interface has gone meanwhile, which a notification tells.
+// is due then. -1 also when the interface has gone meanwhile, as a notification says.
 std::int32_t ask_mc_forwarding(std::uint32_t index);

@@ -1,5 +1,5 @@
 // A second look after a while: for refusals that pass by themselves (memory) and for repairs that came too thick.
-// The kernel tells of everything else, so normally no timer runs.
+// The kernel announces everything else, so normally no timer runs.
 #pragma once
 
 #include <cstdint>

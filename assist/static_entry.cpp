@@ -54,16 +54,16 @@ void add_static_entry(const char *what_was_done) {
   }
 }
 
-bool is_right(const notification &told) {
-  return told.kind == notification_kind::entry_there && told.input == StaticEntry.index && told.output_count == 1 &&
-         told.outputs == output_bit(StaticEntry.index);
+bool is_right(const notification &event) {
+  return event.kind == notification_kind::entry_there && event.input == StaticEntry.index && event.output_count == 1 &&
+         event.outputs == output_bit(StaticEntry.index);
 }
 
-bool is_shield(const notification &told) {
-  return told.kind == notification_kind::entry_there && told.input == 0 && told.output_count == 0;
+bool is_shield(const notification &event) {
+  return event.kind == notification_kind::entry_there && event.input == 0 && event.output_count == 0;
 }
 
-bool is_own_message(const notification &told) { return StaticEntry.has_shield ? is_shield(told) : is_right(told); }
+bool is_own_message(const notification &event) { return StaticEntry.has_shield ? is_shield(event) : is_right(event); }
 
 bool may_repair_now() {
   const std::int64_t now_ms = monotonic_ms();
@@ -109,15 +109,15 @@ void handle_upstream_gone() {
   StaticEntry.index = 0;
 }
 
-void handle_entry_notification(const notification &told) {
+void handle_entry_notification(const notification &event) {
   if (StaticEntry.awaits_own_message) {
     // Whatever is read before the notification of our own request is older than the request, and settled by it. A
     // wrong entry may even be our own doing, if the MIF has gone meanwhile: answering it would never end.
-    StaticEntry.awaits_own_message = !is_own_message(told);
+    StaticEntry.awaits_own_message = !is_own_message(event);
     return;
   }
-  const bool is_shielded = StaticEntry.has_shield && told.kind == notification_kind::entry_there;
-  if (StaticEntry.is_mif_registered && !is_shielded && !is_right(told)) {
+  const bool is_shielded = StaticEntry.has_shield && event.kind == notification_kind::entry_there;
+  if (StaticEntry.is_mif_registered && !is_shielded && !is_right(event)) {
     repair_entry();
   }
 }

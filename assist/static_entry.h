@@ -37,7 +37,7 @@ void handle_upstream_gone();
 // Adds the entry again when somebody has taken or changed it. tarnwick does so itself now and then: dropping a group
 // whose address ends in 64 zero bits deletes (::, ::) and makes it anew with downstream outputs, and records with
 // sources for group :: overwrite it. While the shield stands a change takes that and needs no answer.
-void handle_entry_notification(const notification &told);
+void handle_entry_notification(const notification &event);
 
 // Takes away what was added.
 void remove_static_entry();

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
-// The daemon's error line that tells most: the first one that ends a start, or the last one.
+// The daemon's error line that says most: the first one that ends a start, or the last one.
 struct daemon_error {
   std::array<char, 200> text; // without level, function and line number; empty = none
   bool is_fatal;

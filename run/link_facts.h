@@ -1,4 +1,4 @@
-// What the kernel tells of a network interface (RTM_GETLINK).
+// What the kernel reports about a network interface (RTM_GETLINK).
 #pragma once
 
 #include "assist/netlink_reader.h"

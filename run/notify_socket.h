@@ -7,7 +7,7 @@ void open_notify_socket();
 // READY=1 with the first call, and STATUS=`status` with each.
 void tell_ready(const char *status);
 
-// STATUS=`status`, unless it is what was told last.
+// STATUS=`status`, unless it is what was sent last.
 void tell_status(const char *status);
 
 // STOPPING=1.

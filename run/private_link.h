@@ -30,7 +30,7 @@ struct link_plan {
 // Makes the link and brings it up. On failure nothing is left, and it has said why in plain words.
 bool make_private_link(const link_workshop &workshop, const link_plan &plan, private_link &made);
 
-// Removes both ends; whoever is gone already is passed over.
+// Removes both ends; an end that is gone already is passed over.
 void remove_private_link(const link_workshop &workshop, const private_link &made);
 
 // Whether the link and, of a pair, its other end and that end's bridge still stand.

@@ -46,7 +46,7 @@ void ask_pair_to_end(bool is_daemon_killed);
 // next deadline, if earlier.
 bool is_pair_ended(std::int64_t now_ms, std::int64_t &next_ms);
 
-// A child has ended. Returns whether it was the daemon and had not been asked to; `reason` tells then why in plain
+// A child has ended. Returns whether it was the daemon and had not been asked to; `reason` then says why in plain
 // words.
 bool note_end_of_program(pid_t pid, int wait_status, const end_facts &start_facts, std::int64_t now_ms,
                          end_text &reason);

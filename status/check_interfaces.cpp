@@ -28,7 +28,7 @@ bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
   return false;
 }
 
-// The daemon's own word for an interface that is not there is not shown; its command line tells the name.
+// The daemon's own word for an interface that is not there is not shown; its command line has the name.
 void say_gone(check_list &list, const path_facts &facts) {
   text names;
   for (const interface_text &name : all_rows(facts.served)) {

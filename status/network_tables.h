@@ -1,4 +1,4 @@
-// Links, link-local addresses and what bridges know of groups, as netlink tells them.
+// Links, link-local addresses and what bridges know of groups, as netlink lists them.
 #pragma once
 
 #include "assist/netlink_reader.h"

@@ -1,4 +1,4 @@
-// What /proc tells of a process beyond who it is.
+// What /proc says of a process beyond who it is.
 #pragma once
 
 #include "status/daemon_process.h"

@@ -6,7 +6,7 @@
 // In this order: what two conditions say together is the greater one.
 enum class rule_match { yes, unclear, no };
 
-// A "match" statement. `rule` tells the table in which named sets are looked up.
+// A "match" statement. `rule` names the table in which named sets are looked up.
 rule_match match_statement(const json_document &rules, std::uint32_t match, std::uint32_t rule,
                            const test_packet &packet);
 

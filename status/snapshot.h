@@ -15,7 +15,7 @@ struct traffic_sample {
   rows_of<device_row> devices;
 };
 
-// What the count of queries tells while one watches. Whether the other querier was there before is not known.
+// What the count of queries shows while one watches. Whether the other querier was there before is not known.
 enum class other_querier {
   unknown, // none was heard since the first look, or too long ago
   asks,

@@ -48,14 +48,14 @@ ipv6_address any_origin(script_reader &script) {
 }
 
 void notify(script_reader &script) {
-  notification told{};
-  told.kind = script.below(3) == 0 ? notification_kind::entry_gone : notification_kind::entry_there;
-  told.group = any_group(script);
-  told.origin = any_origin(script);
-  told.input = script.below(4) == 0 ? script.below(8) : WAN;
-  told.outputs = static_cast<std::uint32_t>(script.byte()) << FIRST_LAN;
-  told.is_static = script.below(2) == 0;
-  watch_group_entry(told);
+  notification event{};
+  event.kind = script.below(3) == 0 ? notification_kind::entry_gone : notification_kind::entry_there;
+  event.group = any_group(script);
+  event.origin = any_origin(script);
+  event.input = script.below(4) == 0 ? script.below(8) : WAN;
+  event.outputs = static_cast<std::uint32_t>(script.byte()) << FIRST_LAN;
+  event.is_static = script.below(2) == 0;
+  watch_group_entry(event);
 }
 
 void write_address(mld_message &message, std::size_t at, const ipv6_address &address) {

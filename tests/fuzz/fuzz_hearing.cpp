@@ -57,11 +57,11 @@ void pass_time(world::script_reader &script) {
 }
 
 void change_entry(world::script_reader &script) {
-  notification told{};
-  told.kind = script.below(2) == 0 ? notification_kind::entry_there : notification_kind::entry_gone;
-  told.outputs = script.byte();
-  told.group = pick_group(script);
-  handle_group_entry(told);
+  notification event{};
+  event.kind = script.below(2) == 0 ? notification_kind::entry_there : notification_kind::entry_gone;
+  event.outputs = script.byte();
+  event.group = pick_group(script);
+  handle_group_entry(event);
 }
 
 void hear(world::script_reader &script) {

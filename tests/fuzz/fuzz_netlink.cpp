@@ -6,12 +6,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) { return 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t size) {
   netlink_bytes rest(reinterpret_cast<const std::byte *>(bytes), size);
-  notification told{};
-  for (std::size_t before = rest.size(); next_notification(rest, told); before = rest.size()) {
+  notification event{};
+  for (std::size_t before = rest.size(); next_notification(rest, event); before = rest.size()) {
     if (rest.size() >= before) {
       mute::fail("a message that takes no room");
     }
-    if (told.name.back() != '\0') {
+    if (event.name.back() != '\0') {
       mute::fail("a name without end");
     }
   }

@@ -1,4 +1,5 @@
-// A group with an entry for all sources and one for a listed source: what the kernel tells of them, and the requests.
+// A group with an entry for all sources and one for a listed source: what the kernel reports about them, and the
+// requests.
 #pragma once
 
 #include "mld_bytes.h"

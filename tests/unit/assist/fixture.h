@@ -108,8 +108,8 @@ protected:
 
   static void tell(const byte_vector &bytes) {
     netlink_bytes rest{bytes};
-    for (notification told; next_notification(rest, told);) {
-      handle_notification(told);
+    for (notification event; next_notification(rest, event);) {
+      handle_notification(event);
     }
   }
 };

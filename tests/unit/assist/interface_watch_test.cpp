@@ -59,12 +59,12 @@ TEST_F(interface_watch_of, link_that_goes_up_and_down_changes_nothing) {
   given_working_companion();
   tell(link_message(RTM_NEWLINK, 4, "br0"));
   tell(link_message(RTM_NEWLINK, 3, "wan0"));
-  tell(netconf_message(4, MC_FORWARDING_NOT_TOLD));
+  tell(netconf_message(4, MC_FORWARDING_UNKNOWN));
 }
 
 TEST_F(interface_watch_of, downstream_made_again_with_another_index_is_joined_again) {
   given_working_companion();
-  tell(netconf_message(4, MC_FORWARDING_NOT_TOLD, RTM_DELNETCONF));
+  tell(netconf_message(4, MC_FORWARDING_UNKNOWN, RTM_DELNETCONF));
   EXPECT_EQ(requests(), lines{leave_of(4)});
   EXPECT_EQ(said(), lines{"left ff02::16 on br0, index 4"});
   tell(link_message(RTM_DELLINK, 4, "br0"));
@@ -92,7 +92,7 @@ TEST_F(interface_watch_of, renamed_downstream_is_left) {
 
 TEST_F(interface_watch_of, membership_follows_the_ipv6_side_of_an_interface) {
   given_working_companion();
-  tell(netconf_message(5, MC_FORWARDING_NOT_TOLD, RTM_DELNETCONF));
+  tell(netconf_message(5, MC_FORWARDING_UNKNOWN, RTM_DELNETCONF));
   EXPECT_EQ(requests(), lines{leave_of(5)});
   EXPECT_EQ(said(), lines{"left ff02::16 on lan1, index 5"});
   tell(netconf_message(5, 0));
@@ -131,11 +131,11 @@ TEST_F(interface_watch_of, refused_join_is_reported_once_and_tried_at_the_next_e
             (lines{"wan0, index 3, is not registered for multicast routing; waiting for tarnwick",
                    "cannot join ff02::16 on br0, index 4: Invalid argument", "joined ff02::16 on lan1, index 5"}));
   EXPECT_EQ(ms_until_retry(), -1);
-  tell(netconf_message(4, MC_FORWARDING_NOT_TOLD));
+  tell(netconf_message(4, MC_FORWARDING_UNKNOWN));
   EXPECT_EQ(said(), lines{});
-  tell(netconf_message(4, MC_FORWARDING_NOT_TOLD));
+  tell(netconf_message(4, MC_FORWARDING_UNKNOWN));
   EXPECT_EQ(said(), lines{"cannot join ff02::16 on br0, index 4: No such device"});
-  tell(netconf_message(4, MC_FORWARDING_NOT_TOLD));
+  tell(netconf_message(4, MC_FORWARDING_UNKNOWN));
   EXPECT_EQ(said(), lines{"joined ff02::16 on br0, index 4"});
   requests();
 }

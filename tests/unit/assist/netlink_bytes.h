@@ -23,7 +23,7 @@ inline byte_vector netconf_message(std::uint32_t index, std::int32_t mc_forwardi
   const netconfmsg header{static_cast<std::uint8_t>(family)};
   byte_vector payload =
       bytes_of(header) + attribute(NETCONFA_IFINDEX, bytes_of(index)) + attribute(NETCONFA_FORWARDING, bytes_of(1));
-  if (mc_forwarding != MC_FORWARDING_NOT_TOLD) {
+  if (mc_forwarding != MC_FORWARDING_UNKNOWN) {
     payload = payload + attribute(NETCONFA_MC_FORWARDING, bytes_of(mc_forwarding));
   }
   payload = payload + attribute(0x3fff, byte_vector(200)); // what later kernels may add

@@ -10,10 +10,10 @@ constexpr in6_addr some_group{{{0xff, 0x0e, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 
 
 notification only_notification(const byte_vector &bytes) {
   netlink_bytes rest{bytes};
-  notification told{};
-  EXPECT_TRUE(next_notification(rest, told));
+  notification event{};
+  EXPECT_TRUE(next_notification(rest, event));
   EXPECT_TRUE(rest.empty());
-  return told;
+  return event;
 }
 
 notification_kind kind_of(const byte_vector &bytes) { return only_notification(bytes).kind; }
@@ -21,16 +21,16 @@ notification_kind kind_of(const byte_vector &bytes) { return only_notification(b
 } // namespace
 
 TEST(notification, new_link_brings_index_and_name) {
-  const notification told = only_notification(link_message(RTM_NEWLINK, 4, "br0"));
-  EXPECT_EQ(told.kind, notification_kind::link_there);
-  EXPECT_EQ(told.index, 4U);
-  EXPECT_STREQ(told.name.data(), "br0");
+  const notification event = only_notification(link_message(RTM_NEWLINK, 4, "br0"));
+  EXPECT_EQ(event.kind, notification_kind::link_there);
+  EXPECT_EQ(event.index, 4U);
+  EXPECT_STREQ(event.name.data(), "br0");
 }
 
 TEST(notification, deleted_link_brings_index) {
-  const notification told = only_notification(link_message(RTM_DELLINK, 4, "br0"));
-  EXPECT_EQ(told.kind, notification_kind::link_gone);
-  EXPECT_EQ(told.index, 4U);
+  const notification event = only_notification(link_message(RTM_DELLINK, 4, "br0"));
+  EXPECT_EQ(event.kind, notification_kind::link_gone);
+  EXPECT_EQ(event.index, 4U);
 }
 
 TEST(notification, port_that_leaves_its_bridge_is_not_a_deleted_link) {
@@ -52,19 +52,19 @@ TEST(notification, name_without_its_end_is_not_read) {
 }
 
 TEST(notification, multicast_forwarding_of_an_interface_is_read) {
-  const notification told = only_notification(netconf_message(3, 1));
-  EXPECT_EQ(told.kind, notification_kind::ipv6_there);
-  EXPECT_EQ(told.index, 3U);
-  EXPECT_EQ(told.mc_forwarding, 1);
+  const notification event = only_notification(netconf_message(3, 1));
+  EXPECT_EQ(event.kind, notification_kind::ipv6_there);
+  EXPECT_EQ(event.index, 3U);
+  EXPECT_EQ(event.mc_forwarding, 1);
   EXPECT_EQ(only_notification(netconf_message(3, 0)).mc_forwarding, 0);
 }
 
 TEST(notification, settings_without_multicast_forwarding_leave_it_open) {
-  EXPECT_EQ(only_notification(netconf_message(3, MC_FORWARDING_NOT_TOLD)).mc_forwarding, MC_FORWARDING_NOT_TOLD);
+  EXPECT_EQ(only_notification(netconf_message(3, MC_FORWARDING_UNKNOWN)).mc_forwarding, MC_FORWARDING_UNKNOWN);
 }
 
 TEST(notification, lost_ipv6_side_is_an_event) {
-  EXPECT_EQ(kind_of(netconf_message(3, MC_FORWARDING_NOT_TOLD, RTM_DELNETCONF)), notification_kind::ipv6_gone);
+  EXPECT_EQ(kind_of(netconf_message(3, MC_FORWARDING_UNKNOWN, RTM_DELNETCONF)), notification_kind::ipv6_gone);
 }
 
 TEST(notification, ipv4_settings_are_of_no_concern) {
@@ -72,12 +72,12 @@ TEST(notification, ipv4_settings_are_of_no_concern) {
 }
 
 TEST(notification, static_entry_is_read_with_parent_and_outputs) {
-  const notification told = only_notification(entry_message(RTM_NEWROUTE, 3, {3}));
-  EXPECT_EQ(told.kind, notification_kind::entry_there);
-  EXPECT_EQ(told.input, 3U);
-  EXPECT_EQ(told.output_count, 1U);
-  EXPECT_EQ(told.outputs, 1U << 3);
-  EXPECT_TRUE(is_static_entry(told));
+  const notification event = only_notification(entry_message(RTM_NEWROUTE, 3, {3}));
+  EXPECT_EQ(event.kind, notification_kind::entry_there);
+  EXPECT_EQ(event.input, 3U);
+  EXPECT_EQ(event.output_count, 1U);
+  EXPECT_EQ(event.outputs, 1U << 3);
+  EXPECT_TRUE(is_static_entry(event));
   const notification changed = only_notification(entry_message(RTM_DELROUTE, 0, {4, 5}));
   EXPECT_EQ(changed.kind, notification_kind::entry_gone);
   EXPECT_EQ(changed.input, 0U);
@@ -85,13 +85,13 @@ TEST(notification, static_entry_is_read_with_parent_and_outputs) {
 }
 
 TEST(notification, entries_of_groups_are_read_with_origin_and_group) {
-  const notification told = only_notification(entry_message(RTM_NEWROUTE, 3, {4, 31, 32}, in6addr_any, some_group));
-  EXPECT_EQ(told.kind, notification_kind::entry_there);
-  EXPECT_EQ(told.group, from_in6_addr(some_group));
-  EXPECT_EQ(told.origin, In6AddrAny);
-  EXPECT_EQ(told.output_count, 3U);
-  EXPECT_EQ(told.outputs, 1U << 4 | 1U << 31);
-  EXPECT_FALSE(is_static_entry(told));
+  const notification event = only_notification(entry_message(RTM_NEWROUTE, 3, {4, 31, 32}, in6addr_any, some_group));
+  EXPECT_EQ(event.kind, notification_kind::entry_there);
+  EXPECT_EQ(event.group, from_in6_addr(some_group));
+  EXPECT_EQ(event.origin, In6AddrAny);
+  EXPECT_EQ(event.output_count, 3U);
+  EXPECT_EQ(event.outputs, 1U << 4 | 1U << 31);
+  EXPECT_FALSE(is_static_entry(event));
   const notification gone = only_notification(entry_message(RTM_DELROUTE, 3, {4}, some_group, in6addr_any));
   EXPECT_EQ(gone.kind, notification_kind::entry_gone);
   EXPECT_EQ(gone.origin, from_in6_addr(some_group));
@@ -116,14 +116,14 @@ TEST(notification, unicast_routes_are_of_no_concern) {
 TEST(notification, unknown_message_is_skipped_and_the_next_one_read) {
   const byte_vector bytes = message(999, text_bytes("x")) + error_message(1) + link_message(RTM_DELLINK, 4, "br0");
   netlink_bytes rest{bytes};
-  notification told;
-  ASSERT_TRUE(next_notification(rest, told));
-  EXPECT_EQ(told.kind, notification_kind::other);
-  ASSERT_TRUE(next_notification(rest, told));
-  EXPECT_EQ(told.kind, notification_kind::other);
-  ASSERT_TRUE(next_notification(rest, told));
-  EXPECT_EQ(told.kind, notification_kind::link_gone);
-  EXPECT_FALSE(next_notification(rest, told));
+  notification event;
+  ASSERT_TRUE(next_notification(rest, event));
+  EXPECT_EQ(event.kind, notification_kind::other);
+  ASSERT_TRUE(next_notification(rest, event));
+  EXPECT_EQ(event.kind, notification_kind::other);
+  ASSERT_TRUE(next_notification(rest, event));
+  EXPECT_EQ(event.kind, notification_kind::link_gone);
+  EXPECT_FALSE(next_notification(rest, event));
 }
 
 // Every message cut at every length, with its own length adjusted: the inner lengths then point beyond the end.
@@ -136,10 +136,10 @@ TEST(notification, message_cut_anywhere_is_read_within_its_bytes) {
       std::memcpy(cut.data(), &told_length, sizeof(told_length));
       cut.shrink_to_fit();
       netlink_bytes rest{cut};
-      notification told;
-      EXPECT_TRUE(next_notification(rest, told));
-      EXPECT_LE(told.output_count, 2U);
-      EXPECT_FALSE(next_notification(rest, told));
+      notification event;
+      EXPECT_TRUE(next_notification(rest, event));
+      EXPECT_LE(event.output_count, 2U);
+      EXPECT_FALSE(next_notification(rest, event));
     }
   }
 }
