@@ -141,7 +141,8 @@ ssize_t __wrap_recvmsg(int descriptor, msghdr *header, int flags) {
   }
   const auto *offered = static_cast<const std::uint8_t *>(header->msg_iov->iov_base);
   Kernel.receive_buffer.assign(offered, offered + header->msg_iov->iov_len);
-  const std::string text = "recvmsg(" + descriptor_text(descriptor) + ")" + flags_text(flags);
+  const std::string parts = header->msg_iovlen == 1 ? "" : " parts=" + std::to_string(header->msg_iovlen);
+  const std::string text = "recvmsg(" + descriptor_text(descriptor) + ")" + parts + flags_text(flags);
   return request(text) ? -1 : deliver_message(header);
 }
 

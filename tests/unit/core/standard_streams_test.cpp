@@ -42,12 +42,12 @@ int lowest_free_descriptor() {
   return descriptor;
 }
 
-// Whether a writer to a full standard output is refused at once, and not kept waiting.
-bool is_refused_when_full() {
+// Whether a writer to a full stream is refused at once, and not kept waiting.
+bool is_refused_when_full(int descriptor = STDOUT_FILENO) {
   const std::string block(4096, 'x');
   constexpr int more_blocks_than_fit = 10000;
   for (int i = 0; i < more_blocks_than_fit; ++i) {
-    if (write(STDOUT_FILENO, block.data(), block.size()) == -1) {
+    if (write(descriptor, block.data(), block.size()) == -1) {
       return errno == EAGAIN;
     }
   }
@@ -106,6 +106,17 @@ TEST(standard_streams, reader_that_hangs_does_not_stop_the_writer_nor_change_the
     }
     protect_standard_streams();
     return is_refused_when_full() && (fcntl(ends[1], F_GETFL) & O_NONBLOCK) == 0;
+  }));
+}
+
+TEST(standard_streams, reader_of_the_errors_that_hangs_does_not_stop_the_writer_either) {
+  EXPECT_TRUE(is_true_in_a_child([] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
+      return false;
+    }
+    protect_standard_streams();
+    return is_refused_when_full(STDERR_FILENO);
   }));
 }
 

@@ -259,7 +259,11 @@ TEST_F(igmp_reception, checksum_is_not_looked_at) {
 
 TEST_F(igmp_reception, each_type_reaches_its_handler) {
   when_received({v1_report, "239.1.1.1"});
-  then_in_order({logged_debug(reading, "Received Version 1 Membership Report.")});
+  then_in_order({
+      logged_debug(reading, "Received Version 1 Membership Report."),
+      logged_debug("igmp_router_version1_report_handler",
+                   "Interface: br0 Group: " + octets_text("239.1.1.1") + " State = Version 1 Members present state."),
+  });
   when_received({v2_report, "239.1.1.2"});
   then_in_order({logged_debug(reading, "Received Version 2 Membership Report.")});
   when_received({leave, "239.1.1.2"});

@@ -100,6 +100,7 @@ TEST_F(mld_all_sources_join, live_sources_of_an_idle_group_are_not_left_one_by_o
 TEST_F(mld_all_sources_join, expired_sources_of_an_idle_group_are_left_one_by_one) {
   mld_group *group = given_idle_group({"2001:db8::1", "2001:db8::2", "2001:db8::3"});
   group->sources[0].source_timer = 0;
+  group->sources[1].source_timer = 1; // in its last second, so not expired
   group->sources[2].source_timer = -3;
   when_joined("ff0e::1");
   then(together({group_dropped(),

@@ -50,6 +50,14 @@ TEST_F(mld_source_timers, run_and_count_active_seconds_for_every_slot) {
   then({});
 }
 
+TEST_F(mld_source_timers, source_stays_in_its_last_second) {
+  mld_group *group = given_sources({"2001:db8::1", "::"}, {2, 2});
+  when_ticked();
+  then({});
+  EXPECT_EQ(group->state, MLD_GROUP_MEMBERS_PRESENT);
+  EXPECT_EQ(sources_of(group), (lines{"2001:db8::1", "::"}));
+}
+
 TEST_F(mld_source_timers, wanted_source_that_runs_out_is_asked_for) {
   mld_group *group = given_sources({"2001:db8::1", "2001:db8::2"}, {1, 50});
   when_ticked();
