@@ -165,17 +165,6 @@ def test_state_files_after_sigusr1(lab):
     assert not has_ended(daemon)
 
 
-def test_planted_link_is_not_followed(lab):
-    victim = lab.router_tmp / "victim"
-    victim.write_text("precious\n")
-    (lab.router_tmp / "tarnwick_type_messages").symlink_to("/tmp/victim")
-    daemon = start_daemon(lab)
-    send_signal(daemon, signal.SIGUSR1)
-    wait_for(lambda: "Create /tmp/tarnwick_type_messages failed!" in log_of(daemon))
-    assert victim.read_text() == "precious\n"
-    assert stop(daemon) == 0
-
-
 def test_missing_upstream_ends_the_start(lab):
     log = failed_start(lab, "-u", "absent0", "-d", "br0")
     assert "Couldn't find out link local address for interfaces: absent0" in log
