@@ -1,4 +1,4 @@
-# What an installation makes can be read by everybody, whatever the umask of whoever installs. CMake sees to files; the
+# What an installation makes can be read by everybody, whatever the umask. CMake sees to files; the
 # folders that it makes on the way lose what the umask forbids, so they are made before. Existing ones stay as they are.
 include(GNUInstallDirs)
 
