@@ -80,7 +80,7 @@ void check_address(check_list &list, const path_facts &facts, const interface_ro
     add_check(list, check_result::no, place, "%s has no link-local address that can be used", name);
     add_cure(list, "sysctl -w net.ipv6.conf.%s.disable_ipv6=0", name);
   } else if (!has_address_from_before(facts, link.index)) {
-    add_check(list, check_result::no, place, "%s has got its link-local address %s since tarnwick's start", name,
+    add_check(list, check_result::no, place, "%s got its link-local address %s after tarnwick started", name,
               address->address.data());
     add_cure(list, "%s", restart_command());
   } else {

@@ -76,7 +76,7 @@ void check_querier(check_list &list, const interface_row &row, const link_row &l
   } else if (row.counters.queries == 0) {
     add_check(list, check_result::ok, place, "tarnwick is querier on %s (heard 0 queries of others)", name);
   } else {
-    add_check(list, check_result::ok, place, "%d queries of others were heard on %s, by a bridge's view none is alive",
+    add_check(list, check_result::ok, place, "%d queries of others were heard on %s, and no bridge knows a querier now",
               row.counters.queries, name);
   }
 }

@@ -60,7 +60,7 @@ void check_pool(check_list &list, const check_subject &subject) {
   add_check(list, has_room ? check_result::ok : check_result::no, place, "%zu of %zu groups are in use%s", used,
             pool_groups, has_room ? "" : ": further ones are dropped");
   if (!has_room) {
-    add_cure(list, "tarnwick-status # which hosts' groups are they?");
+    add_cure(list, "tarnwick-status # whose groups are they?");
   }
 }
 
