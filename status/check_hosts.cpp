@@ -62,7 +62,7 @@ reporters find_reporters(const path_facts &facts, std::uint32_t index, const gro
   return found;
 }
 
-// Who: the companion has heard the same reports as the daemon, which keeps no names.
+// Who wants it: the companion has heard the same reports as the daemon, which does not name the hosts.
 void add_reporters(check_list &list, const path_facts &facts, const link_row &lan, const group_text &group) {
   const reporters found = find_reporters(facts, lan.index, group);
   if (found.last == nullptr) {

@@ -17,7 +17,7 @@ const link_local_row *find_usable_address(const path_facts &facts, std::uint32_t
   return nullptr;
 }
 
-// The daemon reads its address at the start alone.
+// The daemon reads its address only at the start.
 bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
   constexpr double tolerance_seconds = 0.5; // two clocks are compared
   for (const link_local_row &row : all_rows(facts.network.addresses)) {
@@ -28,7 +28,7 @@ bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
   return false;
 }
 
-// The daemon's own word for an interface that is not there is not shown; its command line has the name.
+// The daemon's own placeholder for a missing interface is not shown; its command line has the name.
 void say_gone(check_list &list, const path_facts &facts) {
   text names;
   for (const interface_text &name : all_rows(facts.served)) {

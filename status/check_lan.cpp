@@ -81,7 +81,7 @@ void check_querier(check_list &list, const interface_row &row, const link_row &l
   }
 }
 
-// The newest query on the LAN, whoever sent it. The daemon's own ones are not noted.
+// The newest query on the LAN, no matter who sent it. The daemon's own queries are not noted.
 void add_last_query(check_list &list, const path_facts &facts, const link_row &link) {
   const heard_line *last = nullptr;
   for (const heard_line &line : all_rows(facts.heard)) {

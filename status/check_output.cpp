@@ -38,7 +38,7 @@ void say_dropped(check_list &list, const char *upstream, const char *lan, const 
   free_rows(counter);
 }
 
-// Returns false if the firewall surely drops it.
+// Returns false if the firewall certainly drops it.
 bool check_forward_firewall(check_list &list, const check_subject &subject, const path_facts &facts,
                             const char *upstream, const char *lan, bool leaves) {
   const char *group = subject.group[0] != '\0' ? subject.group.data() : some_group;
@@ -87,7 +87,7 @@ bool can_send(const link_row &port) {
   return (port.flags & IFF_UP) != 0 && (port.flags & IFF_LOWER_UP) != 0 && port.port_state == BR_STATE_FORWARDING;
 }
 
-// What keeps a port from sending, in a word and with the cure.
+// What keeps a port from sending, with the cure.
 void say_port(check_list &list, const link_row &port) {
   const char *name = port.name.data();
   if ((port.flags & IFF_UP) == 0) {
