@@ -25,7 +25,7 @@ void forget_listeners_on(std::size_t place);
 
 // A notification about the entry of a group, or a row of the kernel's table. Returns whether tarnwick, not this
 // program, made the change. A shield that tarnwick deleted is reported with the outputs of the entry behind it.
-bool watch_group_entry(notification &told);
+bool watch_group_entry(notification &event);
 
 // An MLD message of a host on the downstream interface that stands at `place` on the command line.
 void handle_listener_message(mld_message &message, std::size_t place);

@@ -256,6 +256,12 @@ TEST_F(check_judgement, bridge_that_knows_a_querier_needs_a_port_with_the_group)
                        "hosts");
 }
 
+TEST_F(check_judgement, bridge_that_floods_needs_a_port_that_sends) {
+  clear_rows(facts.network.groups);
+  facts.captures.first[2].sent = 0;
+  EXPECT_EQ(verdict(), "no port of bridge br0 sends the stream");
+}
+
 TEST_F(check_judgement, stream_that_leaves_is_not_called_dropped_by_the_firewall) {
   rules = R"({"nftables":[{"chain":{"family":"ip6","table":"t","name":"f","hook":"forward","policy":"drop"}}]})";
   EXPECT_EQ(verdict(), "");
