@@ -12,7 +12,7 @@
 
 namespace {
 
-// Every group that the daemon can hold (MLD_GROUP_POOL_SIZE) on every LAN at once is no case to prepare for.
+// Not enough for every group that the daemon can have (MLD_GROUP_POOL_SIZE) on every LAN at once.
 constexpr std::size_t most_questions = 128;
 // Of these, about groups that the kernel has no entry for: what a host makes up must not keep others waiting.
 constexpr std::size_t most_unforwarded = 8;

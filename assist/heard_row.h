@@ -1,5 +1,5 @@
-// A row of the table in which the companion notes who has spoken on the LANs. It lies in memory without a name
-// (memfd_create(2)), where tarnwick-status reads it through /proc/PID/fd.
+// A row of the table in which the companion notes who has spoken on the LANs. The table is in memory without a path
+// (memfd_create(2)); tarnwick-status reads it through /proc/PID/fd.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 #include <cstdint>
 
 inline constexpr char HEARD_TABLE_NAME[] = "tarnwick-heard";
-inline constexpr std::size_t HEARD_ROWS = 85; // as many as a page of memory holds
+inline constexpr std::size_t HEARD_ROWS = 85; // as many as fit into a page of memory
 
 enum class heard_kind : std::uint32_t {
   nothing, // the row is free

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::size_t places_of_a_row = 4; // behind where its words fold to; of those that are taken the oldest goes
+constexpr std::size_t places_of_a_row = 4; // from where its bytes hash to; where all are taken the oldest goes
 
 std::span<heard_row> Rows{};
 
@@ -29,7 +29,7 @@ bool is_row_of(const heard_row &row, std::uint32_t index, const ipv6_address &gr
   return row.kind != heard_kind::nothing && row.index == index && row.group == group && row.host == host;
 }
 
-// The row of these, or the one that gives way to it.
+// The row of this host and group, or the one to overwrite for them.
 heard_row &place_row(std::uint32_t index, const ipv6_address &group, const ipv6_address &host) {
   const std::size_t first = first_place(index, group, host);
   heard_row *oldest = &Rows[first];

@@ -1,4 +1,4 @@
-// Who has spoken on the LANs, and when: the last report of each host for each group, and queries. Nothing is decided by
+// Who has spoken on the LANs, and when: the last report of each host for each group, and queries. Nothing depends on
 // it; tarnwick-status shows it.
 #pragma once
 
@@ -7,7 +7,7 @@
 
 #include <span>
 
-// Makes the table. Without it, where the kernel refuses, the companion works as ever and nothing is noted.
+// Makes the table. Where the kernel refuses, nothing is noted and the companion works as usual.
 void open_heard_table();
 
 // All rows, free ones too; none without a table.

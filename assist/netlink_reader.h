@@ -19,7 +19,7 @@ struct netlink_attribute {
   netlink_bytes payload;
 };
 
-// False at the end, or where the rest is no whole item; `rest` is empty then. All numbers are in host byte order.
+// False at the end, or where the rest is not a whole item; `rest` is empty then. All numbers are in host byte order.
 bool next_message(netlink_bytes &rest, netlink_message &message);
 bool next_attribute(netlink_bytes &rest, netlink_attribute &attribute);
 bool next_hop_index(netlink_bytes &rest, std::uint32_t &interface_index); // entries of RTA_MULTIPATH

@@ -97,7 +97,7 @@ bool send_question(int socket, std::uint32_t index) {
 }
 
 // The kernel answers while it takes the question, so the answer is there already. An interface that has gone is
-// answered with an error message, which is no notification.
+// answered with an error message, which is not a notification.
 std::int32_t read_answer(netlink_bytes answer, std::uint32_t index) {
   for (notification event; next_notification(answer, event);) {
     if (event.kind == notification_kind::ipv6_there && event.index == index) {

@@ -1,5 +1,5 @@
-# What an installation makes can be read by everybody, whatever the umask. CMake sees to files; the
-# folders that it makes on the way lose what the umask forbids, so they are made before. Existing ones stay as they are.
+# Everybody can read what an installation makes, whatever the umask. CMake sees to files; folders that it creates get
+# what the umask allows, so they are created here first. Existing ones stay as they are.
 include(GNUInstallDirs)
 
 # install_folders([COMPONENT NAME] FOLDER...): below the prefix, or absolute. To be called before what is installed

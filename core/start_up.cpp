@@ -18,7 +18,7 @@
 
 namespace {
 
-// Whoever starts the daemon by hand or by sudo may have another PATH, with folders in it that others can write to.
+// A daemon that is started by hand or by sudo may get another PATH, with folders in it that others can write to.
 constexpr char command_path[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 void enable_multicast_forwarding() {

@@ -51,7 +51,7 @@ thing kind_at(const char *path) {
   return kind;
 }
 
-// Whether the file stands in a folder like /tmp, where everybody may make files and nobody may remove another's.
+// Whether the file is in a folder like /tmp, where everybody may make files and nobody may remove another's.
 bool is_in_sticky_folder(const char *path) {
   std::array<char, 64> folder{};
   const char *slash = std::strrchr(path, '/');
@@ -67,18 +67,18 @@ bool is_in_sticky_folder(const char *path) {
   return is_sticky;
 }
 
-// `is_raced`: whether it failed because what stands there has changed meanwhile.
+// `is_raced`: whether it failed because what is there has changed meanwhile.
 int replace(const char *path, bool &is_raced) {
   const int file = unlink(path) == 0 ? open(path, for_writing | O_EXCL | O_NOFOLLOW, readable_by_all) : -1;
   is_raced = file < 0 && (errno == ENOENT || errno == EEXIST);
   return file;
 }
 
-// Whether a failed open may be due to what stands there, and not to the disk or to the process: a link, a FIFO without
+// Whether a failed open may be due to what is there, and not to the disk or to the process: a link, a FIFO without
 // reader, or another user's file (fs.protected_regular).
 bool is_about_the_thing(int reason) { return reason == ELOOP || reason == ENXIO || reason == EACCES; }
 
-// Where the plain way has failed: whatever stands there, it is not a file of the daemon's own.
+// Where the plain way has failed: whatever is there, it is not a file of the daemon's own.
 // `reason` is the plain way's errno, 0 if it led to a file.
 int open_in_place_of(const char *path, int reason, bool &is_raced) {
   switch (kind_at(path)) {

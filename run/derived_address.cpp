@@ -21,7 +21,7 @@ std::uint32_t hash_of(const char *text, unsigned attempt) {
 
 } // namespace
 
-// The first three bytes tell the maker of the host's card, the last three are mixed.
+// The first three bytes name the maker of the host's card, the last three are mixed.
 ether_address derive_inner_address(const ether_address &host_address, const char *purpose, unsigned attempt) {
   constexpr std::size_t first_mixed = 3;
   ether_address derived = host_address;

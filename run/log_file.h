@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-// Opens or goes on with a regular file. False after errno says why not (EINVAL: not a regular file).
+// Opens or continues a regular file. On false errno says why not (EINVAL: not a regular file).
 bool open_log_file(const char *path, std::uint64_t most_bytes);
 
 // Appends whole lines, each with its newline; what the disk does not take is lost. A file that somebody has removed or

@@ -26,7 +26,7 @@ static_assert(longest_line + longest_front < batch_bytes);
 
 enum class sink { standard_error, journal, system_log };
 
-// The counts stand in front: short texts then touch one page of memory and not two.
+// The counts come first: short texts then touch one page of memory and not two.
 struct line_batch {
   std::size_t length;
   std::uint64_t lines;

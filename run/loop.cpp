@@ -85,7 +85,7 @@ void run_until_ended(int signals, int events) {
                                    {ProgramPair.companion_log.descriptor, POLLIN, 0}}};
     const int count = poll(watched.data(), watched.size(), ms_to_wait(next_ms, monotonic_ms()));
     const std::int64_t now_ms = monotonic_ms();
-    // Lines first: they tell why a child has ended.
+    // Lines first: they say why a child has ended.
     if (count > 0 && watched[2].revents != 0) {
       read_log(ProgramPair.daemon_log);
     }

@@ -60,7 +60,7 @@ void find_flush_library(const run_options &options, std::string_view folder) {
   FlushLibrary = {};
   const bool is_wanted = options.flush_library == nullptr || options.flush_library[0] != '\0';
   if (is_wanted && !loads_libraries(DaemonProgram.data())) {
-    say("%s is linked statically: lines of the log come in blocks, and queries hold it", DaemonProgram.data());
+    say("%s is linked statically: its log lines come in blocks, and each query makes it wait", DaemonProgram.data());
     return;
   }
   if (options.flush_library != nullptr) {

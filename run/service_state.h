@@ -6,7 +6,7 @@
 // and "hosts-full" once the daemon has had no place left to note another host.
 inline constexpr char SERVICE_STATE_NAME[] = "state";
 
-// Forgets what an earlier supervision noted.
+// Forgets what an earlier supervisor noted.
 void clear_service_state();
 
 // Both tell the service manager as well, and say why where the file cannot be written. Nothing is written while the

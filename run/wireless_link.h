@@ -8,7 +8,7 @@
 // Whether the interface is a station of somebody's access point. False where the kernel knows no Wi-Fi.
 bool is_wireless_station(std::uint32_t index);
 
-// The request for the number of the family "nl80211", and its answer. `family` is left alone if it does not tell.
+// The request for the number of the family "nl80211", and its answer. `family` stays as it is if the answer has none.
 void request_wireless_family(netlink_request &request);
 void read_wireless_family(netlink_bytes payload, std::uint16_t &family);
 

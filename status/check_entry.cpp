@@ -109,7 +109,7 @@ void check_stream(check_list &list, const check_subject &subject, const stream_r
 void check_entry(check_list &list, const check_subject &subject) {
   const mif_row *upstream = upstream_mif(subject);
   if (upstream == nullptr) {
-    return; // said where interfaces are looked at
+    return; // check_interfaces says so
   }
   check_static_tree(list, subject, *upstream);
   if (subject.group[0] == '\0') {

@@ -1,4 +1,4 @@
-// The kernel entry's part: what the kernel was told about the group.
+// The kernel entry's part: how the kernel forwards the group.
 #pragma once
 
 #include "status/check_list.h"

@@ -62,7 +62,7 @@ reporters find_reporters(const path_facts &facts, std::uint32_t index, const gro
   return found;
 }
 
-// Who: the companion has heard the same reports as the daemon, which keeps no names.
+// Who wants it: the companion has heard the same reports as the daemon, which does not name the hosts.
 void add_reporters(check_list &list, const path_facts &facts, const link_row &lan, const group_text &group) {
   const reporters found = find_reporters(facts, lan.index, group);
   if (found.last == nullptr) {
@@ -72,7 +72,7 @@ void add_reporters(check_list &list, const path_facts &facts, const link_row &la
   add_check(list, check_result::ok, place, "%zu host%s on %s reported %s, %s %s ago (MLDv%d)%s", found.count,
             found.count == 1 ? "" : "s", lan.name.data(), group.data(), found.last->host.data(),
             duration_text(found.last->seconds_ago).data(), version,
-            found.has_mldv2 ? "" : ": only MLDv1 hosts hold it, whose leaves are not heard");
+            found.has_mldv2 ? "" : ": only MLDv1 hosts, whose leaves are not heard");
 }
 
 void say_nobody(check_list &list, const check_subject &subject, const path_facts &facts) {
@@ -83,7 +83,7 @@ void say_nobody(check_list &list, const check_subject &subject, const path_facts
     add_cure(list, "nft list ruleset");
     return;
   }
-  add_check(list, check_result::no, place, "no host wants %s (0 reports stand)", subject.group.data());
+  add_check(list, check_result::no, place, "no host wants %s (0 reports)", subject.group.data());
   add_cure(list, "ip -6 maddress show # on the host: the player has to join the group");
 }
 

@@ -10,5 +10,5 @@ void check_hosts(check_list &list, const check_subject &subject, const path_fact
 bool has_listeners(const check_subject &subject, const interface_text &lan);
 
 // Adds the sources that hosts have named for the group; none where somebody wants all of them. The kernel lists an
-// interface's sources only while its newest membership has some (net/ipv6/mcast.c); the forwarding entries tell then.
+// interface's sources only while its newest membership has some (net/ipv6/mcast.c); otherwise forwarding entries do.
 void list_wanted_sources(rows_of<group_text> &sources, const check_subject &subject, const path_facts &facts);

@@ -17,7 +17,7 @@ const link_local_row *find_usable_address(const path_facts &facts, std::uint32_t
   return nullptr;
 }
 
-// The daemon reads its address at the start alone.
+// The daemon reads its address only at the start.
 bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
   constexpr double tolerance_seconds = 0.5; // two clocks are compared
   for (const link_local_row &row : all_rows(facts.network.addresses)) {
@@ -28,7 +28,7 @@ bool has_address_from_before(const path_facts &facts, std::uint32_t index) {
   return false;
 }
 
-// The daemon's own word for an interface that is not there is not shown; its command line has the name.
+// The daemon's own placeholder for a missing interface is not shown; its command line has the name.
 void say_gone(check_list &list, const path_facts &facts) {
   text names;
   for (const interface_text &name : all_rows(facts.served)) {
@@ -80,7 +80,7 @@ void check_address(check_list &list, const path_facts &facts, const interface_ro
     add_check(list, check_result::no, place, "%s has no link-local address that can be used", name);
     add_cure(list, "sysctl -w net.ipv6.conf.%s.disable_ipv6=0", name);
   } else if (!has_address_from_before(facts, link.index)) {
-    add_check(list, check_result::no, place, "%s has got its link-local address %s since tarnwick's start", name,
+    add_check(list, check_result::no, place, "%s got its link-local address %s after tarnwick started", name,
               address->address.data());
     add_cure(list, "%s", restart_command());
   } else {

@@ -69,7 +69,7 @@ void check_holder(check_list &list, const check_subject &subject, const kernel_f
     add_check(list, check_result::no, place, "another program holds the routing socket: %s%s (process %d)",
               facts.holder_count > 1 ? "one of several, perhaps " : "", facts.name.data(),
               static_cast<int>(facts.holder));
-    add_cure(list, facts.holder_count > 1 ? "ss -6 -w -p # which one routes multicast? Not surely %d" : "kill %d",
+    add_cure(list, facts.holder_count > 1 ? "ss -6 -w -p # which one routes multicast? Perhaps not %d" : "kill %d",
              static_cast<int>(facts.holder));
   } else if (facts.mc_forwarding != 0 && subject.has_daemon) {
     add_check(list, check_result::ok, place,

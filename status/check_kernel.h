@@ -12,7 +12,7 @@ struct kernel_facts {
   int holder_count;          // how many such processes there are: each of them may hold it
 };
 
-// Reads the facts in the network namespace of `daemon`, or of the caller if it is 0. -1 stands for what cannot be read.
+// Reads the facts in the network namespace of `daemon`, or of the caller if it is 0. What cannot be read is -1.
 void read_kernel_facts(kernel_facts &facts, pid_t daemon);
 
 void check_kernel(check_list &list, const check_subject &subject, const kernel_facts &facts);

@@ -76,12 +76,12 @@ void check_querier(check_list &list, const interface_row &row, const link_row &l
   } else if (row.counters.queries == 0) {
     add_check(list, check_result::ok, place, "tarnwick is querier on %s (heard 0 queries of others)", name);
   } else {
-    add_check(list, check_result::ok, place, "%d queries of others were heard on %s, by a bridge's view none is alive",
+    add_check(list, check_result::ok, place, "%d queries of others were heard on %s, and no bridge knows a querier now",
               row.counters.queries, name);
   }
 }
 
-// The newest query on the LAN, whoever sent it. The daemon's own ones are not noted.
+// The newest query on the LAN, no matter who sent it. The daemon's own queries are not noted.
 void add_last_query(check_list &list, const path_facts &facts, const link_row &link) {
   const heard_line *last = nullptr;
   for (const heard_line &line : all_rows(facts.heard)) {

@@ -33,7 +33,7 @@ void free_checks(check_list &list);
 void add_check(check_list &list, check_result result, const char *place, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// The cure of the step that was added last: a command as it can be pasted.
+// The cure of the step that was added last: a command ready to paste.
 void add_cure(check_list &list, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 const char *finding_of(const check_list &list, const check_step &step);

@@ -26,7 +26,7 @@ void say_dropped(check_list &list, const char *upstream, const char *lan, const 
   if (where.packets >= 0) {
     add_text(counter, ", %lld packets counted", where.packets);
   }
-  add_check(list, check_result::no, place, "the firewall drops streams from %s to %s behind routing: %s %s %s%s",
+  add_check(list, check_result::no, place, "the firewall drops streams from %s to %s after routing: %s %s %s%s",
             upstream, lan, where.family.data(), where.table.data(), where.chain.data(), text_of(counter));
   if (std::strcmp(where.family.data(), SAVED_FAMILY) == 0) {
     add_cure(list, "ip6tables -t %s -I %s -i %s -o %s -d ff00::/8 -j ACCEPT", where.table.data(), where.chain.data(),
@@ -38,7 +38,7 @@ void say_dropped(check_list &list, const char *upstream, const char *lan, const 
   free_rows(counter);
 }
 
-// Returns false if the firewall surely drops it.
+// Returns false if the firewall certainly drops it.
 bool check_forward_firewall(check_list &list, const check_subject &subject, const path_facts &facts,
                             const char *upstream, const char *lan, bool leaves) {
   const char *group = subject.group[0] != '\0' ? subject.group.data() : some_group;
@@ -67,7 +67,7 @@ bool check_leaving(check_list &list, const group_capture &in, const group_captur
   const auto sent = static_cast<unsigned long long>(out->sent);
   const auto arrived = static_cast<unsigned long long>(in.arrived);
   if (sent < arrived / share || sent == 0) {
-    add_check(list, check_result::no, place, "dropped behind routing: %s sent %llu of %llu packets", lan.name.data(),
+    add_check(list, check_result::no, place, "dropped after routing: %s sent %llu of %llu packets", lan.name.data(),
               sent, arrived);
     add_cure(list, "nft list ruleset; tc -s qdisc show dev %s", lan.name.data());
     return false;
@@ -87,7 +87,7 @@ bool can_send(const link_row &port) {
   return (port.flags & IFF_UP) != 0 && (port.flags & IFF_LOWER_UP) != 0 && port.port_state == BR_STATE_FORWARDING;
 }
 
-// What keeps a port from sending, in a word and with the cure.
+// What keeps a port from sending, with the cure.
 void say_port(check_list &list, const link_row &port) {
   const char *name = port.name.data();
   if ((port.flags & IFF_UP) == 0) {
@@ -143,7 +143,7 @@ const link_row *find_closed_port(const path_facts &facts, const link_row &bridge
 void say_no_port(check_list &list, const path_facts &facts, const link_row &bridge) {
   const link_row *closed = find_closed_port(facts, bridge);
   if (closed != nullptr) {
-    add_check(list, check_result::no, place, "no port of bridge %s holds the group, and port %s is down",
+    add_check(list, check_result::no, place, "no port of bridge %s has the group, and port %s is down",
               bridge.name.data(), closed->name.data());
     add_cure(list, "ip link set %s up", closed->name.data());
   } else if (is_narrowed(bridge)) {

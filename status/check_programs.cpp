@@ -43,7 +43,7 @@ void check_descriptors(check_list &list, const process_room &room) {
   }
 }
 
-// The daemon says that in its log alone. Streams flow all the same.
+// The daemon says that only in its log. Streams flow all the same.
 void check_host_pool(check_list &list, const program_facts &facts) {
   if (facts.supervisor.pid != 0 && facts.state.doing.count > 0) {
     add_check(list, check_result::ok, place, "%s",
@@ -60,11 +60,11 @@ void check_pool(check_list &list, const check_subject &subject) {
   add_check(list, has_room ? check_result::ok : check_result::no, place, "%zu of %zu groups are in use%s", used,
             pool_groups, has_room ? "" : ": further ones are dropped");
   if (!has_room) {
-    add_cure(list, "tarnwick-status # which hosts' groups are they?");
+    add_cure(list, "tarnwick-status # whose groups are they?");
   }
 }
 
-// The daemon's parent. Without a daemon one that runs in the caller's network namespace.
+// The daemon's parent; without a daemon, a supervisor that runs in the caller's network namespace.
 void find_supervisor(process_facts &supervisor, const process_facts &daemon) {
   supervisor = process_facts{};
   rows_of<process_facts> running;

@@ -1,4 +1,4 @@
-// What a check looks at: the wanted stream, the programs, and what was read of them beforehand.
+// What a check looks at: the wanted stream, the programs, and what was read of them before.
 #pragma once
 
 #include "status/daemon_process.h"

@@ -1,7 +1,7 @@
-// Commands that several cures have in common, as they fit the system.
+// Commands that several cures share, in the form that fits the system.
 #pragma once
 
-// Starts the programs anew: by systemd where it runs, by the init script elsewhere.
+// Restarts the programs: with systemd where it runs, with the init script elsewhere.
 const char *restart_command();
 
 // The command that shows tarnwick's log on this router.

@@ -45,7 +45,7 @@ bool parse_process_stat(process_facts &facts, const char *stat);
 bool parse_catches_dump_signal(const char *status);
 
 // Of /proc/PID/status: the user whose process it is, if its real, effective, saved and file system user are one and the
-// same, or NO_USER: a program that was made setuid runs for whoever started it.
+// same, or NO_USER: a setuid program runs on behalf of the user who started it.
 uid_t parse_user(const char *status);
 
 // Whether the process is root's or the caller's own: anybody may start a program of any name.

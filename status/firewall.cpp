@@ -161,7 +161,7 @@ bool is_base_chain(const json_document &rules, std::uint32_t chain, const char *
          text_in(rules, member_of(rules, chain, "hook")) == hook;
 }
 
-// Whether `others` has the chain too, under the family that stands for ip6.
+// Whether `others` has the chain too, under the family that means ip6.
 bool is_chain_of(const json_document *others, const json_document &rules, std::uint32_t chain) {
   if (others == nullptr || text_in(rules, member_of(rules, chain, "family")) != "ip6") {
     return false;

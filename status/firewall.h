@@ -1,5 +1,5 @@
 // What the firewall does with one kind of packet, by the rules that `nft -j list ruleset` prints
-// (libnftables-json(5)). Rules are followed, nothing is sent.
+// (libnftables-json(5)). The rules are traced; no packet is sent.
 #pragma once
 
 #include "status/json_reader.h"

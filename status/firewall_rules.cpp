@@ -7,7 +7,7 @@
 
 namespace {
 
-// With a path of its own: what the caller's PATH holds is not run.
+// With a fixed PATH: programs in the caller's PATH are not run.
 constexpr char nft_command[] = "PATH=/usr/sbin:/sbin:/usr/bin:/bin exec nft -j list ruleset 2>/dev/null";
 // Both kinds of ip6tables may have rules. Where one program serves both, its rules come twice, which changes nothing.
 constexpr char save_command[] = "PATH=/usr/sbin:/sbin:/usr/bin:/bin; unset read; ip6tables-legacy-save -c 2>/dev/null "

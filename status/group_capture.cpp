@@ -15,7 +15,7 @@ constexpr int receive_buffer_bytes = 1 << 20;
 constexpr std::uint32_t kept_bytes = sizeof(ip6_hdr);
 constexpr std::size_t address_words = sizeof(in6_addr) / sizeof(std::uint32_t);
 
-// Compares one address of the IPv6 header, a word at a time; `skip` instructions lead from behind it to the refusal.
+// Compares one address of the IPv6 header, a word at a time; `skip` instructions lead from its end to the refusal.
 void add_comparison(rows_of<sock_filter> &code, std::size_t offset, const in6_addr &address, std::size_t skip) {
   for (std::size_t word = 0; word < address_words; ++word) {
     const std::size_t behind = 2 * (address_words - 1 - word) + skip;

@@ -15,7 +15,7 @@ struct group_capture {
   group_text source;   // of the last one that arrived
 };
 
-// Begins to count on one more interface, in the calling process's network namespace. `source` "" stands for any.
+// Begins to count on one more interface, in the calling process's network namespace. A `source` of "" means any.
 void begin_capture(rows_of<group_capture> &captures, std::uint32_t index, const group_text &group,
                    const group_text &source);
 

@@ -44,7 +44,7 @@ bool parse_other(json_document &document, const char *&place) {
   return length > 0;
 }
 
-// What stands before each element of an object: a string and a colon.
+// What precedes each element of an object: a string and a colon.
 bool parse_key(json_document &document, const char *&place) {
   if (*place != '"' || !parse_string(document, place)) {
     return false;

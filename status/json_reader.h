@@ -10,9 +10,9 @@ enum class json_kind { object, array, string, other };
 
 struct json_value {
   json_kind kind;
-  std::uint32_t offset; // of a string: behind its quote; escapes stay as they are written
+  std::uint32_t offset; // of a string: after its quote; escapes stay as they are written
   std::uint32_t length;
-  std::uint32_t next; // index behind this value and everything in it
+  std::uint32_t next; // index after this value and everything in it
 };
 
 struct json_document {

@@ -7,7 +7,7 @@ namespace {
 constexpr char replacement_character[] = "\xef\xbf\xbd"; // U+FFFD
 
 struct utf8_form {
-  unsigned char mask; // which bits of the first byte tell the length
+  unsigned char mask; // which bits of the first byte give the length
   unsigned char lead;
   std::size_t length;
   std::uint32_t smallest; // what a shorter form could not hold

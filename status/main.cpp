@@ -171,7 +171,7 @@ bool write_page(text &output, const page &page, const screen &screen) {
   return write_out(output);
 }
 
-// A key that means nothing lets the wait begin anew; a resize draws the newest page again.
+// After a key that means nothing the wait begins again; a resize draws the newest page again.
 bool wait_for_next_look(page &page, text &problem, text &output, status_round &round, const status_options &options) {
   constexpr std::int64_t milliseconds_per_second = 1000;
   const std::int64_t next = monotonic_milliseconds() + options.watch_seconds * milliseconds_per_second;

@@ -70,7 +70,7 @@ void read_port(link_row &link, netlink_bytes data) {
   }
 }
 
-// The kind stands before the data that it explains.
+// The kind comes before the data that it explains.
 void read_link_info(link_row &link, netlink_bytes info, std::uint32_t master) {
   netlink_attribute attribute;
   while (next_attribute(info, attribute)) {

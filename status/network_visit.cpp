@@ -31,7 +31,7 @@ void end_network_visit(int home) {
     return;
   }
   if (setns(home, CLONE_NEWNET) != 0) {
-    std::perror("tarnwick-status: cannot go back to the own network namespace");
+    std::perror("tarnwick-status: cannot go back to its own network namespace");
     std::exit(EXIT_FAILURE);
   }
   close(home);

@@ -15,7 +15,7 @@ const char status_usage[] = "Usage: tarnwick-status [-o | -w [seconds] | -c [gro
                             "-w, --watch [seconds]  Show it again and again, every 2 seconds by default\n"
                             "-c, --check [group[,source]]\n"
                             "                       Follow a stream's path and say where it stops\n"
-                            "-W, --wait             With --check: again until the verdict changes\n"
+                            "-W, --wait             With --check: repeat until the verdict changes\n"
                             "-j, --json             As JSON, for programs; not with --watch\n"
                             "-P, --prometheus[=file]\n"
                             "                       As metrics, to a file that is replaced as a whole\n"

@@ -1,4 +1,4 @@
-// Texts of others on a terminal: an interface may have any bytes but blanks, '/' and ':' in its name.
+// Other programs' texts on a terminal: an interface may have any bytes but blanks, '/' and ':' in its name.
 #pragma once
 
 #include "status/text.h"

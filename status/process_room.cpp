@@ -43,7 +43,7 @@ void read_settings(text &settings, pid_t daemon) {
   free_rows(path);
 }
 
-// Names between commas. What is too long for an interface is none.
+// Names separated by commas. What is too long for an interface's name is skipped.
 void add_names(rows_of<interface_text> &names, const char *list) {
   while (*list != '\0') {
     const std::size_t length = std::strcspn(list, ",");
@@ -113,7 +113,7 @@ void read_setting(text &value, pid_t daemon, const char *key) {
   free_rows(settings);
 }
 
-// "-u wan0" as well as "-uwan0".
+// "-u wan0" or "-uwan0".
 void parse_served_names(rows_of<interface_text> &names, const text &command_line) {
   clear_rows(names);
   bool is_value = false;

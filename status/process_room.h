@@ -27,6 +27,6 @@ void read_setting(text &value, pid_t daemon, const char *key);
 // Of the settings file: "key=value" lines. "" if there is no such key.
 void parse_setting(text &value, const char *settings, const char *key);
 
-// The interfaces that the daemon was started for. Of /proc/PID/cmdline: the names behind "-u" and "-d".
+// The interfaces that the daemon was started for. Of /proc/PID/cmdline: the names after "-u" and "-d".
 void read_served_names(rows_of<interface_text> &names, pid_t daemon);
 void parse_served_names(rows_of<interface_text> &names, const text &command_line);

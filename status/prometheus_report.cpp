@@ -33,7 +33,7 @@ void add_label(text &metrics, const char *name, const char *value) {
   free_rows(shown);
 }
 
-// What is gone has no name that would tell two of them apart.
+// Interfaces that are gone have no names to tell them apart by.
 bool is_shown(const interface_row &row) { return std::strcmp(row.counters.name.data(), GONE_INTERFACE) != 0; }
 
 // `value_of` gives the number of a row.

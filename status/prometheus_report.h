@@ -3,8 +3,8 @@
 
 #include "status/snapshot.h"
 
-// Streams beyond these are counted in tarnwick_stream_series_omitted, so that a LAN that asks for ever new groups does
-// not fill a database.
+// Streams beyond these are counted in tarnwick_stream_series_omitted, so that a LAN that keeps asking for new groups
+// does not fill a database.
 inline constexpr std::size_t MOST_STREAM_SERIES = 256;
 
 void add_metrics(text &metrics, const snapshot &snapshot);

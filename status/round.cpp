@@ -41,7 +41,7 @@ void say_several(text &problem, const rows_of<process_facts> &daemons) {
 }
 
 void say_not_ready(text &problem, const process_facts &daemon) {
-  add_text(problem, "tarnwick (process %d) cannot be asked: it is starting, or it hangs before its start is over",
+  add_text(problem, "tarnwick (process %d) cannot be asked: it is still starting, or hangs while it starts",
            static_cast<int>(daemon.pid));
 }
 
@@ -84,7 +84,7 @@ void say_planted(text &problem, const daemon_state &state) {
   if (state.is_link) {
     add_text(problem, "%s is a link, which is not followed here: remove it", state.planted_file);
   } else {
-    add_text(problem, "tarnwick was not asked, since it cannot write %s: remove what stands there", state.planted_file);
+    add_text(problem, "tarnwick was not asked, since it cannot write %s: remove what is there", state.planted_file);
   }
 }
 

@@ -11,7 +11,7 @@ namespace {
 struct packet_field {
   rule_match is_known; // no: the packet has no such field, so that no comparison holds
   std::string_view value;
-  bool is_name;    // of an interface: "*" at the end of a comparison stands for any rest
+  bool is_name;    // of an interface: "*" at the end of a comparison matches any rest
   bool is_address; // a prefix may be compared
 };
 

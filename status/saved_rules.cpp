@@ -17,11 +17,11 @@ using word_text = std::array<char, 128>;
 struct saved_line {
   const char *rest;
   word_text word; // the newest one, without its quotes
-  bool is_not;    // a "!" stood before it
+  bool is_not;    // a "!" came before it
   text statements;
 };
 
-// Words stand between blanks, or in double quotes with backslashes.
+// Words are separated by blanks, or in double quotes with backslashes.
 bool next_word(saved_line &line) {
   line.rest += std::strspn(line.rest, " ");
   if (*line.rest == '\0') {
@@ -63,7 +63,7 @@ void add_word_match(saved_line &line, const char *left, const char *value) {
   end_match(line);
 }
 
-// "+" at the end stands for any rest, as "*" does for nft.
+// "+" at the end matches any rest, as "*" does for nft.
 void add_interface_match(saved_line &line, const char *left) {
   const std::size_t length = std::strlen(line.word.data());
   if (length > 0 && line.word[length - 1] == '+') {
@@ -151,7 +151,7 @@ void add_target(saved_line &line, const char *kind) {
     add_statement(line, statements[static_cast<std::size_t>(verdict - verdicts.begin())]);
   } else if (std::find(queues.begin(), queues.end(), target) != queues.end()) {
     add_statement(line, R"({"queue":null})");
-  } else { // a chain, or a target that decides nothing, as LOG and MARK: there is no chain of its name
+  } else { // a chain, or a target that decides nothing, such as LOG or MARK: there is no chain of its name
     add_statement(line, "{\"");
     add_text(line.statements, R"(%s":{"target":)", kind);
     add_json_text(line.statements, line.word.data());
@@ -185,7 +185,7 @@ bool takes_known_value(std::string_view option) {
   return std::find(known.begin(), known.end(), option) != known.end();
 }
 
-// `line.rest` stands behind the chain's name.
+// `line.rest` begins after the chain's name.
 void translate_rule(saved_line &line) {
   line.is_not = false;
   while (next_word(line)) {

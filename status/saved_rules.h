@@ -3,7 +3,7 @@
 
 #include "status/text.h"
 
-inline constexpr char SAVED_FAMILY[] = "ip6tables"; // stands where nft names a rule's family
+inline constexpr char SAVED_FAMILY[] = "ip6tables"; // in the place where nft names a rule's family
 
-// Adds one JSON document. A condition or target that is not known becomes one that nobody can judge.
+// Adds one JSON document. A condition or target that is not known becomes one that is never decided.
 void add_saved_rules(text &json, const char *saved);

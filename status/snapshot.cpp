@@ -142,7 +142,7 @@ stream_total &total_of(snapshot &joined, const cache_row &entry) {
   return add_row(joined.totals, stream_total{entry.group, entry.origin, 0, 0, 0, 0});
 }
 
-// A watched number that jumps back would look like a stream that has started again.
+// A number that jumps back while one watches would look like a stream that has started again.
 void add_up(snapshot &joined, stream_row &stream) {
   const cache_row &entry = *stream.entry;
   stream_total &total = total_of(joined, entry);

@@ -31,7 +31,7 @@ struct group_line {
 
 inline constexpr char GONE_INTERFACE[] = "(gone)";
 
-// Stands GONE_INTERFACE in place of each name that the kernel's table of interfaces (/proc/net/dev) does not hold.
+// Puts GONE_INTERFACE in place of each name that is not in the kernel's table of interfaces (/proc/net/dev).
 void confirm_interfaces(rows_of<interface_counters> &interfaces, rows_of<group_line> &groups, const char *device_table);
 
 // Each parses a whole file and adds what it holds. A group is taken if it is a multicast address, in its short form.

@@ -1,4 +1,4 @@
-// Where the daemon's state files stand: in its own /tmp, which may be another folder than the caller's.
+// Where the daemon's state files are: in its own /tmp, which may be another folder than the caller's.
 #pragma once
 
 #include <array>

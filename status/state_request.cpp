@@ -88,7 +88,7 @@ bool may_be_replaced(int reason) {
   return reason == EPERM || reason == ELOOP || reason == ENXIO || reason == ESTALE || reason == ENOENT;
 }
 
-// Reads again when another dump began under the reader's hands.
+// Reads again when another dump began during the reading.
 state_answer wait_and_read(daemon_state &state, int notifications, const process_facts &daemon, const timespec &asked) {
   file_progress progress{false, false};
   int last_reason = 0;

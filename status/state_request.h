@@ -14,7 +14,7 @@ enum class state_answer {
   cannot_signal, // errno says why: EPERM needs root, ESRCH means that the daemon ended meanwhile
   no_answer,     // the deadline passed
   unreadable,    // a file could not be read; errno says why
-  planted        // something stands in place of a file; the daemon was not asked. `planted_file` names it
+  planted        // something is in place of a file; the daemon was not asked. `planted_file` names it
 };
 
 struct daemon_state {
@@ -25,9 +25,9 @@ struct daemon_state {
   bool is_link{};             // of root's or the daemon's own
 };
 
-// Looks where the files stand and what stands there, sends SIGUSR1, waits until the daemon has closed the file that it
+// Looks where the files are and what is there, sends SIGUSR1, waits until the daemon has closed the file that it
 // closes last, and reads both files into `state` (emptied first). Files that are not the daemon's own or older than the
-// request are not read. A dump for somebody else that comes in between is as good as the own one.
+// request are not read. A dump that somebody else asked for meanwhile is as good.
 state_answer ask_for_state(daemon_state &state, const process_facts &daemon);
 
 // Seconds since a state file of the daemon's user was written; -1 if there is none.

@@ -15,7 +15,7 @@ enum class file_trust {
   is_a_link, // root's or the daemon's own: the daemon follows it, this program does not
 };
 
-// Looks at what stands there without opening it. `user` is the daemon's.
+// Looks at what is there without opening it. `user` is the daemon's.
 file_trust look_at_state_file(const char *path, uid_t user);
 
 // Reads a regular file with one name, of the daemon's user, that was written since `since` (CLOCK_REALTIME_COARSE, the

@@ -268,7 +268,7 @@ PROGRAM_FAULTS = {
 INTERFACE_FAULTS = {
     "upstream down": Fault(upstream_down, "wan0 is down"),
     "LAN without carrier": Fault(no_carrier, "br0 has no carrier"),
-    "link-local address changed": Fault(address_changed, "br0 has got its link-local address fe80::77 since"),
+    "link-local address changed": Fault(address_changed, "br0 got its link-local address fe80::77 after"),
     "no link-local address": Fault(no_address, "br0 has no link-local address"),
     "interface gone": Fault(lan_gone, "br0 is gone"),
     "interface made anew": Fault(lan_made_anew, r"br0 was made anew: it has index \d+ now"),

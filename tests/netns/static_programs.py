@@ -13,7 +13,7 @@ GROUP = "ff0e::1:2:3"
 DEADLINE_S = 30
 
 
-WITHOUT_LIBRARY = "/mnt/tarnwick is linked statically: lines of the log come in blocks, and queries hold it"
+WITHOUT_LIBRARY = "/mnt/tarnwick is linked statically: its log lines come in blocks, and each query makes it wait"
 
 
 def test_supervisor_says_what_a_static_daemon_goes_without_and_serves(lab):

@@ -184,7 +184,7 @@ OUTPUT_FAULTS = {
     "forwarding dropped by policy": Fault(forward_policy, "drops streams from wan0 to br0"),
     "forwarding dropped by ip6tables": Fault(saved_forward_drop,
                                              r"drops streams from wan0 to br0 .*filter FORWARD, \d+ packets counted"),
-    "packets too long": Fault(too_long, "dropped behind routing: br0 sent 0 of", LONG),
+    "packets too long": Fault(too_long, "dropped after routing: br0 sent 0 of", LONG),
     "port blocked": Fault(port_blocked, "port lan-a has the group and does not forward"),
     "port down": Fault(port_down, "port lan-a is down"),
     "group unknown to the bridge": Fault(group_unknown_to_bridge, f"br0 knows querier {BR0_LINK_LOCAL} and no port"),

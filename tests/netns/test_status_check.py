@@ -207,7 +207,7 @@ def test_what_is_planted_in_place_of_the_answer_is_not_called_a_fault_of_the_dae
     (lab.router_tmp / "tarnwick_type_messages").mkdir()
     status, answer = check_lab.check(lab)
     assert (status, answer["verdict"]) == (3, None)
-    assert any("remove what stands there" in finding for finding in check_lab.findings(answer, "programs"))
+    assert any("remove what is there" in finding for finding in check_lab.findings(answer, "programs"))
 
 
 def test_wait_ends_when_the_verdict_changes(lab):

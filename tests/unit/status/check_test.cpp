@@ -170,8 +170,8 @@ TEST_F(check_judgement, hosts_are_told_by_version) {
   add_row(facts.heard, heard_line{heard_kind::mldv1_report, lan_index, subject.group, address("fe80::5"), 7});
   add_row(facts.heard, heard_line{heard_kind::mldv2_report, port_index, subject.group, address("fe80::6"), 6});
   EXPECT_EQ(verdict(), "");
-  EXPECT_TRUE(has_finding("1 host on br0 reported ff0e::1, fe80::5 7 s ago (MLDv1): only MLDv1 hosts hold it, whose "
-                          "leaves are not heard"));
+  EXPECT_TRUE(has_finding("1 host on br0 reported ff0e::1, fe80::5 7 s ago (MLDv1): only MLDv1 hosts, whose leaves "
+                          "are not heard"));
   add_row(facts.heard, heard_line{heard_kind::mldv2_report, lan_index, subject.group, address("fe80::7"), 6});
   EXPECT_EQ(verdict(), "");
   EXPECT_TRUE(has_finding("2 hosts on br0 reported ff0e::1, fe80::7 6 s ago (MLDv2)"));
@@ -179,7 +179,7 @@ TEST_F(check_judgement, hosts_are_told_by_version) {
 
 TEST_F(check_judgement, address_that_is_younger_than_the_daemon_is_told) {
   facts.network.addresses.first[1].created_at_seconds = 101;
-  EXPECT_EQ(verdict(), "br0 has got its link-local address fe80::1 since tarnwick's start");
+  EXPECT_EQ(verdict(), "br0 got its link-local address fe80::1 after tarnwick started");
   facts.network.addresses.first[1].is_usable = false;
   EXPECT_EQ(verdict(), "br0 has no link-local address that can be used");
 }
@@ -238,7 +238,7 @@ TEST_F(check_judgement, half_of_the_packets_may_be_on_their_way) {
   facts.captures.first[1].sent = 50;
   EXPECT_EQ(verdict(), "");
   facts.captures.first[1].sent = 49;
-  EXPECT_EQ(verdict(), "dropped behind routing: br0 sent 49 of 100 packets");
+  EXPECT_EQ(verdict(), "dropped after routing: br0 sent 49 of 100 packets");
 }
 
 TEST_F(check_judgement, port_with_the_group_has_to_send) {
@@ -266,7 +266,7 @@ TEST_F(check_judgement, stream_that_leaves_is_not_called_dropped_by_the_firewall
   rules = R"({"nftables":[{"chain":{"family":"ip6","table":"t","name":"f","hook":"forward","policy":"drop"}}]})";
   EXPECT_EQ(verdict(), "");
   facts.captures.first[1].sent = 0;
-  EXPECT_EQ(verdict(), "the firewall drops streams from wan0 to br0 behind routing: ip6 t f");
+  EXPECT_EQ(verdict(), "the firewall drops streams from wan0 to br0 after routing: ip6 t f");
 }
 
 TEST(check_kernel, missing_table_is_a_kernel_without_multicast_routing) {

@@ -5,7 +5,7 @@
 'require ui';
 'require dom';
 
-// Each look has the daemon write its state, and it reads no reports until its next tick: look seldom.
+// Each poll makes the daemon write its state, after which it reads no reports until its next tick: poll seldom.
 const POLL_SECONDS = 10;
 const STATUS_PROGRAM = '/usr/sbin/tarnwick-status';
 const INIT_SCRIPT = '/etc/init.d/tarnwick';
@@ -99,7 +99,7 @@ function isSessionOver(error) {
 }
 
 return view.extend({
-	// Everything that a look needs; `error` in place of what could not be read.
+	// Everything that the page shows; `error` in place of what could not be read.
 	load: function() {
 		return Promise.all([
 			fs.exec_direct(STATUS_PROGRAM, [ '--json' ], 'json').catch(error => ({ error })),
