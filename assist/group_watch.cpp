@@ -251,9 +251,11 @@ void handle_groups_released() {
 
 void stop_group_watch() {
   for (watched_group &group : watched_groups()) {
-    end_upstream_membership(group);
+    if (group.is_used && group.gone_at != NOT_TIMED) {
+      end_any_source(group);
+    }
     if (group.is_used) {
-      delete_shield(group);
+      drop_record(group);
     }
   }
   GroupTable.used = 0;

@@ -17,7 +17,7 @@ void handle_groups_upstream(std::uint32_t upstream_index);
 // tarnwick has ended: takes away what is left of every group that was in the table.
 void handle_groups_released();
 
-// Takes away the shields; tarnwick's entries stay.
+// Takes away the shields and what is left of groups that nobody listens to; tarnwick's other entries stay.
 void stop_group_watch();
 
 // A downstream interface has gone, by its place on the command line.

@@ -10,7 +10,7 @@ import kernel_view
 import supervisor
 from laboratory import run, send_signal, stop, wait_for, wait_for_end
 from supervisor import NOTHING, leftovers
-from traffic import listen, received, start_stream
+from traffic import listen, received, start_stream, wait_until_all_is_said
 
 GROUP = "ff0e::1:2:3"
 DEADLINE_S = 30
@@ -29,6 +29,15 @@ def test_stream_flows_and_nothing_is_left_after_the_end(lab):
     wait_for_stream(lab, listener)
     assert stop(supervised) == 0
     assert leftovers(lab) == NOTHING
+
+
+def test_end_while_a_viewer_watches_leaves_no_entry(lab):
+    program = supervisor.start(lab)
+    viewer = listen(lab, "host1", GROUP)
+    wait_for(lambda: kernel_view.forwarding_of(lab, GROUP), what="forwarding")
+    wait_until_all_is_said(viewer)  # refreshes have gone through the companion's hands
+    assert stop(program) == 0
+    assert kernel_view.cache_rows(lab) == []
 
 
 def test_hundred_starts_and_stops_leave_nothing(lab):

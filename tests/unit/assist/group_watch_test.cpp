@@ -406,12 +406,30 @@ TEST_F(group_watch_of, daemons_end_takes_what_was_changed) {
   said();
 }
 
-TEST_F(group_watch_of, stop_takes_shields_and_memberships_alone) {
+TEST_F(group_watch_of, stop_takes_shields_and_memberships_alone_of_what_is_watched) {
   given_companion();
   given_any_source({BR0});
   tell(source({BR0}));
   stop_group_watch();
-  EXPECT_EQ(requests(), (lines{JOIN_UPSTREAM, LEAVE_UPSTREAM, DELETE_SHIELD}));
+  EXPECT_EQ(requests(), (lines{JOIN_UPSTREAM, DELETE_SHIELD, LEAVE_UPSTREAM}));
+}
+
+TEST_F(group_watch_of, stop_right_after_the_end_of_a_group_takes_what_stands_behind_the_shield) {
+  given_companion();
+  given_any_source({BR0});
+  tell(deleted_shield());
+  Kernel.refusals["MRT6_DEL_MFC_PROXY"] = {0, ENOENT};
+  stop_group_watch();
+  EXPECT_EQ(requests(), (lines{DELETE_BEHIND, DELETE_BEHIND}));
+}
+
+TEST_F(group_watch_of, stop_takes_the_entry_that_was_cleared_of_outputs) {
+  given_companion();
+  tell(source({BR0}));
+  pass(351'500);
+  requests();
+  stop_group_watch();
+  EXPECT_EQ(requests(), lines{"MRT6_DEL_MFC " + SOURCE + " ff0e::1 parent 3 to"});
 }
 
 TEST_F(group_watch_of, kernels_table_is_read_when_the_upstream_is_a_mif) {
