@@ -156,7 +156,7 @@ def test_name_alone_does_not_expose_a_process_to_the_signal(lab):
     laboratory.wait_for(lambda: "tarnwick" in laboratory.run(lab, "router", "ps", "-e", "-o", "comm="), what="its name")
     done = status(lab)
     assert done.returncode == 1
-    assert "it is starting" in done.stderr
+    assert "it is still starting" in done.stderr
     assert not laboratory.has_ended(starting)
 
 
