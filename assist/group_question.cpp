@@ -51,7 +51,7 @@ group_question *place_question(std::uint32_t index, const ipv6_address &group) {
   if (group_question *found = find_question(index, group)) {
     return found;
   }
-  const auto free = std::find_if(questions.begin(), questions.end(), is_free);
+  const auto free = std::ranges::find_if(questions, is_free);
   if (free == questions.end()) {
     return nullptr;
   }
@@ -65,7 +65,7 @@ group_question *place_question(std::uint32_t index, const ipv6_address &group) {
 
 bool may_ask_about_unforwarded() {
   const auto waits = [](const group_question &question) { return is_pending(question) && !question.is_forwarded; };
-  return static_cast<std::size_t>(std::count_if(questions.begin(), questions.end(), waits)) < most_unforwarded;
+  return static_cast<std::size_t>(std::ranges::count_if(questions, waits)) < most_unforwarded;
 }
 
 bool has_entry(const ipv6_address &origin, const ipv6_address &group) {
@@ -93,7 +93,7 @@ void add_removed(group_question &question, const ipv6_address &source) {
   const std::span<const ipv6_address> known = std::span{question.removed}.first(question.removed_count);
   if (source == In6AddrAny) {
     question.is_about_all = true;
-  } else if (std::find(known.begin(), known.end(), source) != known.end()) {
+  } else if (std::ranges::find(known, source) != known.end()) {
     return;
   } else if (question.removed_count == question.removed.size()) {
     question.is_about_all = true;
@@ -135,25 +135,6 @@ void ask_after_leave(std::uint32_t index, const ipv6_address &group, const mld_r
   note_removed(*question, record);
 }
 
-void hear_record(std::uint32_t index, const mld_record &record) {
-  const std::size_t sources = mld_record_claimed_sources(record);
-  switch (mld_record_kind(record)) {
-  case MLD2_MODE_IS_INCLUDE:
-  case MLD2_CHANGE_TO_INCLUDE:
-    if (sources == 0) {
-      ask_after_leave(index, mld_record_group(record), nullptr);
-    }
-    break;
-  case MLD2_BLOCK_OLD_SOURCES:
-    if (sources != 0) {
-      ask_after_leave(index, mld_record_group(record), &record);
-    }
-    break;
-  default:
-    break;
-  }
-}
-
 bool is_listed(const ipv6_address &source, std::span<const std::uint8_t> sources) {
   for (; sources.size() >= source.size(); sources = sources.subspan(source.size())) {
     if (std::equal(source.begin(), source.end(), sources.begin())) {
@@ -171,21 +152,8 @@ bool covers(const mld_query_fields &query, const group_question &question) {
     return false;
   }
   const std::span<const ipv6_address> removed = std::span{question.removed}.first(question.removed_count);
-  return std::all_of(removed.begin(), removed.end(),
+  return std::ranges::all_of(removed,
                      [&](const ipv6_address &source) { return is_listed(source, query.sources); });
-}
-
-// Another querier has asked: hosts answer that, too.
-void hear_query(const mld_message &message) {
-  mld_query_fields query;
-  if (!read_query(message, query) || query.group == In6AddrAny || query.max_response_ms > longest_response_ms ||
-      !is_proper_query(message, query)) {
-    return;
-  }
-  group_question *question = find_question(message.index, query.group);
-  if (question != nullptr && covers(query, *question)) {
-    question->leave_due_ms = NO_DEADLINE;
-  }
 }
 
 bool is_among(const watched_interface &watched, mif_set outputs) {
@@ -247,27 +215,24 @@ void forget_questions_of(std::uint32_t index) {
   }
 }
 
-void hear_for_questions(mld_message &message) {
+void ask_about_report(const host_report &report) {
   if (!is_on(remedy::ask_after_leave)) {
     return;
   }
-  switch (type_of(message)) {
-  case ICMPV6_MGM_QUERY:
-    hear_query(message);
-    break;
-  case ICMPV6_MGM_REDUCTION:
-    // The daemon takes no notice of it, but the snooping of a bridge waits for a query before it closes the port.
-    ask_after_leave(message.index, group_of(message), nullptr);
-    break;
-  case ICMPV6_MLD2_REPORT: {
-    mld_records records = records_of(message);
-    for (mld_record record; next_record(records, record);) {
-      hear_record(message.index, record);
-    }
-    break;
+  // The daemon takes no notice of an MLDv1 done, but the snooping of a bridge waits for a query before it closes the
+  // port.
+  if (report.wish == host_wish::none || report.wish == host_wish::not_listed) {
+    ask_after_leave(report.index, report.group, report.listed);
   }
-  default:
-    break;
+}
+
+void hear_group_query(std::uint32_t index, const mld_query_fields &query) {
+  if (!is_on(remedy::ask_after_leave) || query.max_response_ms > longest_response_ms) {
+    return;
+  }
+  group_question *question = find_question(index, query.group);
+  if (question != nullptr && covers(query, *question)) {
+    question->leave_due_ms = NO_DEADLINE;
   }
 }
 

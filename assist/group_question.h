@@ -4,6 +4,7 @@
 #pragma once
 
 #include "assist/group_entry.h"
+#include "assist/host_report.h"
 #include "assist/mld_message.h"
 #include "assist/notification.h"
 
@@ -36,8 +37,11 @@ void forget_ends();
 // Forgets the questions for one interface.
 void forget_questions_of(std::uint32_t index);
 
-// Takes from a message on a downstream interface what has to be asked, and what another querier has asked already.
-void hear_for_questions(mld_message &message);
+// A host that leaves: whoever still listens is to be asked.
+void ask_about_report(const host_report &report);
+
+// Another querier's query about a group, which hosts answer: what it asks need not be asked again.
+void hear_group_query(std::uint32_t index, const mld_query_fields &query);
 
 // The group has ended on the downstream interfaces among the outputs: they are asked who still listens.
 void ask_where_group_ended(const ipv6_address &group, mif_set outputs);

@@ -41,7 +41,7 @@ cache_entry *find_entry(watched_group &group, const ipv6_address &origin) {
 watched_group *take_watched_group(const ipv6_address &address) {
   const auto is_free = [](const watched_group &group) { return !group.is_used; };
   const std::span<watched_group> known = watched_groups();
-  const auto freed = std::find_if(known.begin(), known.end(), is_free);
+  const auto freed = std::ranges::find_if(known, is_free);
   if (freed == known.end() && GroupTable.used == GroupTable.groups.size()) {
     return nullptr;
   }

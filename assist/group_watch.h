@@ -3,7 +3,7 @@
 // when notifications were lost.
 #pragma once
 
-#include "assist/mld_message.h"
+#include "assist/host_report.h"
 #include "assist/notification.h"
 
 #include <cstdint>
@@ -27,8 +27,8 @@ void forget_listeners_on(std::size_t place);
 // program, made the change. A shield that tarnwick deleted is reported with the outputs of the entry behind it.
 bool watch_group_entry(notification &event);
 
-// An MLD message of a host on the downstream interface that stands at `place` on the command line.
-void handle_listener_message(mld_message &message, std::size_t place);
+// What a host says about a group. Sets the timers as tarnwick does, and adds outputs where tarnwick's join adds none.
+void handle_report(const host_report &report);
 
 // When the earliest deadline is, in milliseconds of the monotonic clock; NO_DEADLINE = never.
 std::int64_t next_group_deadline_ms();

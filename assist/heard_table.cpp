@@ -2,7 +2,6 @@
 
 #include "assist/retry.h"
 
-#include <netinet/icmp6.h>
 #include <span>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -44,24 +43,17 @@ heard_row &place_row(std::uint32_t index, const ipv6_address &group, const ipv6_
 }
 
 void note(heard_kind kind, std::uint32_t index, const ipv6_address &group, const ipv6_address &host) {
-  place_row(index, group, host) = {monotonic_ms(), kind, index, group, host};
-}
-
-void forget(std::uint32_t index, const ipv6_address &group, const ipv6_address &host) {
-  if (heard_row &row = place_row(index, group, host); is_row_of(row, index, group, host)) {
-    row = {};
+  if (!Rows.empty()) {
+    place_row(index, group, host) = {monotonic_ms(), kind, index, group, host};
   }
 }
 
-void note_record(const mld_record &record, std::uint32_t index, const ipv6_address &host) {
-  const std::uint8_t kind = mld_record_kind(record);
-  const bool has_sources = mld_record_claimed_sources(record) > 0;
-  const bool is_exclude = kind == MLD2_MODE_IS_EXCLUDE || kind == MLD2_CHANGE_TO_EXCLUDE;
-  const bool is_include = kind == MLD2_MODE_IS_INCLUDE || kind == MLD2_CHANGE_TO_INCLUDE;
-  if (is_exclude || (has_sources && (is_include || kind == MLD2_ALLOW_NEW_SOURCES))) {
-    note(heard_kind::mldv2_report, index, mld_record_group(record), host);
-  } else if (is_include) {
-    forget(index, mld_record_group(record), host);
+void forget(std::uint32_t index, const ipv6_address &group, const ipv6_address &host) {
+  if (Rows.empty()) {
+    return;
+  }
+  if (heard_row &row = place_row(index, group, host); is_row_of(row, index, group, host)) {
+    row = {};
   }
 }
 
@@ -86,37 +78,25 @@ void open_heard_table() {
   Rows = {static_cast<heard_row *>(rows), HEARD_ROWS}; // the descriptor stays open: it is how the table is found
 }
 
-void note_heard(mld_message &message) {
-  if (Rows.empty()) {
-    return;
-  }
-  mld_query_fields query;
-  switch (type_of(message)) {
-  case ICMPV6_MGM_QUERY:
-    if (read_query(message, query) && query.group == In6AddrAny) {
-      note(heard_kind::other_query, message.index, In6AddrAny, message.sender);
-    }
+void note_report(const host_report &report) {
+  switch (report.wish) {
+  case host_wish::any_source:
+  case host_wish::all_but_listed:
+  case host_wish::listed:
+    note(report.is_version_1 ? heard_kind::mldv1_report : heard_kind::mldv2_report, report.index, report.group,
+         report.host);
     break;
-  case ICMPV6_MGM_REPORT:
-    note(heard_kind::mldv1_report, message.index, group_of(message), message.sender);
+  case host_wish::none:
+    forget(report.index, report.group, report.host);
     break;
-  case ICMPV6_MGM_REDUCTION:
-    forget(message.index, group_of(message), message.sender);
-    break;
-  case ICMPV6_MLD2_REPORT: {
-    mld_records records = records_of(message);
-    for (mld_record record; next_record(records, record);) {
-      note_record(record, message.index, message.sender);
-    }
-    break;
-  }
-  default:
+  case host_wish::not_listed: // it may have others
+  case host_wish::nothing_new:
     break;
   }
 }
 
-void note_own_query(std::uint32_t index) {
-  if (!Rows.empty()) {
-    note(heard_kind::own_query, index, In6AddrAny, In6AddrAny);
-  }
+void note_general_query(std::uint32_t index, const ipv6_address &querier) {
+  note(heard_kind::other_query, index, In6AddrAny, querier);
 }
+
+void note_own_query(std::uint32_t index) { note(heard_kind::own_query, index, In6AddrAny, In6AddrAny); }

@@ -11,7 +11,7 @@ namespace {
 
 // A name that does not fit or lacks its end stays empty; no watched interface has that.
 void read_link_name(netlink_bytes payload, interface_name &name) {
-  const auto end = std::find(payload.begin(), payload.end(), std::byte{0});
+  const auto end = std::ranges::find(payload, std::byte{0});
   const std::size_t length = static_cast<std::size_t>(end - payload.begin());
   if (end != payload.end() && length < name.size()) {
     std::memcpy(name.data(), payload.data(), length);

@@ -92,11 +92,9 @@ void hurry_querier(watched_interface &downstream) {
   }
 }
 
-void hear_for_querier(watched_interface &downstream, const mld_message &message) {
-  mld_query_fields query;
+void hear_general_query(watched_interface &downstream, const mld_query_fields &query) {
   // Hosts that may take longer than the interval to answer would not keep their groups.
-  if (is_served(downstream) && read_query(message, query) && query.group == In6AddrAny && query.sources.empty() &&
-      query.max_response_ms <= query_interval_ms && is_proper_query(message, query)) {
+  if (is_served(downstream) && query.sources.empty() && query.max_response_ms <= query_interval_ms) {
     downstream.querier.general_due_ms = std::max(downstream.querier.general_due_ms, monotonic_ms() + other_querier_ms);
   }
 }

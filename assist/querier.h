@@ -25,8 +25,8 @@ void stop_querier(watched_interface &downstream);
 // Something has changed on the interface: a query that was refused is tried again soon.
 void hurry_querier(watched_interface &downstream);
 
-// Another querier's general query puts off the next one of our own.
-void hear_for_querier(watched_interface &downstream, const mld_message &message);
+// Another querier's general query, which hosts answer, puts off the next one of our own.
+void hear_general_query(watched_interface &downstream, const mld_query_fields &query);
 
 // When the next query on any interface is due; NO_DEADLINE = never.
 std::int64_t next_query_ms();

@@ -9,7 +9,7 @@ remedies_off chosen_off{};
 } // namespace
 
 bool switch_off(std::string_view name, remedies_off &chosen) {
-  const auto found = std::find(REMEDY_NAMES.begin(), REMEDY_NAMES.end(), name);
+  const auto found = std::ranges::find(REMEDY_NAMES, name);
   if (found == REMEDY_NAMES.end()) {
     return false;
   }

@@ -3,6 +3,7 @@
 #include "assist/group_outputs.h"
 #include "assist/group_watch.h"
 #include "assist/interface_watch.h"
+#include "assist/mld_hearing.h"
 #include "assist/retry.h"
 #include "mld/mld_wire.h"
 #include "mute_kernel.h"
@@ -80,7 +81,7 @@ void say_something(script_reader &script) {
     }
   }
   message.length = message.bytes.size();
-  handle_listener_message(message, message.index - FIRST_LAN);
+  handle_mld_message(message);
 }
 
 void check_group(watched_group &group) {

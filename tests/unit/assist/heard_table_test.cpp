@@ -9,6 +9,7 @@ class heard_table_of : public watch_fixture {
 protected:
   void SetUp() override {
     watch_fixture::SetUp();
+    given_quiet_companion();
     if (heard_rows().empty()) {
       open_heard_table();
     }
@@ -16,13 +17,13 @@ protected:
     note(v1_bytes(ICMPV6_MGM_REDUCTION, "ff0e::1"), "fe80::102");
   }
 
-  static void note(const mld_bytes &bytes, const std::string &sender, unsigned index = 4) {
-    mld_message message{};
+  void note(const mld_bytes &bytes, const std::string &sender, unsigned index = 4) {
+    scripted_mld message;
+    message.bytes = bytes;
+    message.sender = sender;
     message.index = index;
-    message.sender = address(sender);
-    message.length = bytes.size();
-    std::copy(bytes.begin(), bytes.end(), message.bytes.begin());
-    note_heard(message);
+    hear(message);
+    requests(); // questions about groups that are left
   }
 
   // Kind of what is noted; `nothing` if there is none.
