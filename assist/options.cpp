@@ -4,11 +4,10 @@
 #include "core/text_part.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <getopt.h>
+#include <span>
 #include <string_view>
 
 namespace {
@@ -50,54 +49,22 @@ constexpr char help_text[] =
     "\n"
     "Interfaces that are not there yet are waited for. Needs CAP_NET_ADMIN and CAP_NET_RAW.\n";
 
-// The kernel's own rule for interface names (dev_valid_name in net/core/dev.c).
-bool can_be_interface_name(std::string_view text) {
-  if (text.empty() || text.size() >= IFNAMSIZ || text == "." || text == "..") {
-    return false;
+// Says what is wrong, if something is.
+bool accept(bool is_right, const fault_text &wrong) {
+  if (!is_right) {
+    say("%s", wrong.data());
   }
-  for (const char letter : text) {
-    if (letter == '/' || letter == ':' || std::isspace(static_cast<unsigned char>(letter)) != 0) {
-      return false;
-    }
-  }
-  return true;
+  return is_right;
 }
 
-bool read_name(std::string_view text, interface_name &name) {
-  if (!can_be_interface_name(text)) {
-    say("\"%.*s\" cannot be the name of an interface (1 to %d characters)", static_cast<int>(text.size()), text.data(),
-        IFNAMSIZ - 1);
-    return false;
-  }
-  name = {};
-  std::memcpy(name.data(), text.data(), text.size());
-  return true;
+bool read_upstream(const char *name, assist_options &options) {
+  fault_text wrong;
+  return accept(choose_upstream(name, options.upstream, wrong), wrong);
 }
 
-bool read_upstream(std::string_view text, assist_options &options) {
-  if (options.upstream[0] != '\0') {
-    say("only one upstream interface can be served");
-    return false;
-  }
-  return read_name(text, options.upstream);
-}
-
-bool read_downstreams(std::string_view list, assist_options &options) {
-  for (;;) {
-    const std::size_t comma = list.find(',');
-    if (options.downstream_count == options.downstreams.size()) {
-      say("at most %zu downstream interfaces can be served", options.downstreams.size());
-      return false;
-    }
-    if (!read_name(first_part(list, comma), options.downstreams[options.downstream_count])) {
-      return false;
-    }
-    ++options.downstream_count;
-    if (comma == std::string_view::npos) {
-      return true;
-    }
-    list.remove_prefix(comma + 1);
-  }
+bool read_downstreams(const char *list, assist_options &options) {
+  fault_text wrong;
+  return accept(choose_downstreams(list, options.downstreams, options.downstream_count, wrong), wrong);
 }
 
 bool read_without(std::string_view list, assist_options &options) {
@@ -115,30 +82,10 @@ bool read_without(std::string_view list, assist_options &options) {
   }
 }
 
-bool is_every_name_unique(const assist_options &options) {
-  for (std::size_t i = 0; i < options.downstream_count; ++i) {
-    bool is_taken = options.downstreams[i] == options.upstream;
-    for (std::size_t j = 0; j < i; ++j) {
-      is_taken = is_taken || options.downstreams[i] == options.downstreams[j];
-    }
-    if (is_taken) {
-      say("interface %s is given twice", options.downstreams[i].data());
-      return false;
-    }
-  }
-  return true;
-}
-
 bool is_complete(const assist_options &options) {
-  if (options.upstream[0] == '\0') {
-    say("option -u <upstream> is missing; --help shows the usage");
-    return false;
-  }
-  if (options.downstream_count == 0) {
-    say("option -d <downstream>[,<downstream>...] is missing; --help shows the usage");
-    return false;
-  }
-  return is_every_name_unique(options);
+  fault_text wrong;
+  const auto downstreams = std::span{options.downstreams}.first(options.downstream_count);
+  return accept(is_choice_complete(options.upstream, downstreams, wrong), wrong);
 }
 
 // The text, or status 1 when standard output did not take it (a full disk, a closed pipe).

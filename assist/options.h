@@ -2,16 +2,14 @@
 // "--version".
 #pragma once
 
+#include "assist/interface_choice.h"
 #include "assist/remedy.h"
 
 #include <array>
 #include <cstddef>
-#include <net/if.h>
 
 // The kernel routes between 32 interfaces (MAXMIFS in linux/mroute6.h), and one is the upstream.
 inline constexpr std::size_t MOST_DOWNSTREAMS = 31;
-
-using interface_name = std::array<char, IFNAMSIZ>;
 
 struct assist_options {
   interface_name upstream; // empty = not given

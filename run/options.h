@@ -1,15 +1,14 @@
 // Command line: "-u <upstream> -d <downstream>[,<downstream>...] [options] [-- options of the daemon]".
 #pragma once
 
+#include "assist/interface_choice.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <net/if.h>
 
 // The daemon's list of downstream names has 8 places (core/settings.h).
 inline constexpr std::size_t MOST_DOWNSTREAMS = 8;
-
-using interface_name = std::array<char, IFNAMSIZ>;
 
 enum class network_mode { host, own };             // --network=host|private
 enum class upstream_link_kind { macvlan, ipvlan }; // --upstream-link=
