@@ -31,9 +31,10 @@ void hear_report(const host_report &report) {
   handle_report(report);
 }
 
-void hear_records(mld_message &message, host_report &report) {
+void hear_records(mld_message &message, const host_report &sender) {
   mld_records records = records_of(message);
   for (mld_record record; next_record(records, record);) {
+    host_report report = sender;
     report.group = mld_record_group(record);
     report.wish = wish_of(record);
     report.listed = mld_record_claimed_sources(record) > 0 ? &record : nullptr;

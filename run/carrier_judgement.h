@@ -16,7 +16,7 @@ struct carrier_facts {
 int ask_carrier(int host_socket, const char *name, carrier_facts &facts);
 
 // True if a link of that kind can lie on the interface as far as its properties show; `reason` says why not.
-bool can_carry_link(const carrier_facts &host, upstream_link_kind kind, reason_text &reason);
+bool can_carry_link(const carrier_facts &carrier, upstream_link_kind kind, reason_text &reason);
 
 bool is_bridge(const link_facts &host);
 

@@ -67,7 +67,7 @@ void serve_signals(int signals, std::int64_t now_ms) {
 
 // For poll: milliseconds until the earlier of both; -1 = none is due.
 int ms_to_wait(std::int64_t next_ms, std::int64_t now_ms) {
-  const std::int64_t longest_ms = 60 * 60 * 1000L; // poll takes an int
+  const std::int64_t longest_ms = 60L * 60 * 1000; // poll takes an int
   const int summary_ms = ms_until_log_summary(now_ms);
   if (next_ms == NEVER_MS) {
     return summary_ms;
