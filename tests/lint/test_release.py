@@ -134,6 +134,16 @@ def test_openwrt_package_takes_this_archive_and_no_other(sources):
         assert (package / "files" / file.name).read_bytes() == file.read_bytes()
 
 
+def test_view_for_luci_finds_the_luci_feed_wherever_its_folder_is(sources):
+    assert release(sources) == (0, "")
+    package = sources / "build" / f"release-{VERSION}" / "openwrt" / "luci-app-tarnwick"
+    own = sources / "packaging" / "openwrt" / "luci-app-tarnwick"
+    for file in own.rglob("*.js*"):
+        assert (package / file.relative_to(own)).read_bytes() == file.read_bytes()
+    assert (own / "Makefile").read_text().replace("../../luci.mk", "$(TOPDIR)/feeds/luci/luci.mk") == (
+        package / "Makefile").read_text()
+
+
 def test_openwrt_package_names_the_server_that_has_the_archive(sources):
     assert release(sources, "--url", "https://example.org/a|b/releases") == (0, "")
     assert package_line(sources, "PKG_SOURCE_URL") == "https://example.org/a|b/releases"
