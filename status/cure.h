@@ -1,7 +1,7 @@
 // Commands that several cures share, in the form that fits the system.
 #pragma once
 
-// Restarts the programs: with systemd where it runs, with the init script elsewhere.
+// Restarts the programs: systemd or the init script where tarnwick is a service, otherwise who started it by hand.
 const char *restart_command();
 
 // The command that shows tarnwick's log on this router.
