@@ -4,10 +4,13 @@
 #include "run/netlink_exchange.h"
 #include "run/network_namespace.h"
 #include "run/report.h"
+#include "run/runtime_folder.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <linux/if_link.h>
 #include <unistd.h>
@@ -176,6 +179,19 @@ void judge_private_network(const considered_host &host, reason_list &against) {
   }
 }
 
+namespace {
+
+// Whoever asks need not be the one who will run it, so that rights are not judged.
+void judge_runtime_folder(const run_options &options, reason_list &against) {
+  file_path refusing;
+  if (!can_make_runtime_folder(options, refusing) && errno != EACCES) {
+    add_reason(against, "the folder %s cannot be written to (%s): --runtime-folder names another", refusing.data(),
+               std::strerror(errno));
+  }
+}
+
+} // namespace
+
 int explain_networks(const run_options &options) {
   considered_host host;
   const int host_socket = open_netlink(NETLINK_ROUTE);
@@ -191,6 +207,8 @@ int explain_networks(const run_options &options) {
   judge_host_network(host, against_host);
   judge_private_network(host, against_private);
   judge_kernel(against_private);
+  judge_runtime_folder(options, against_host);
+  judge_runtime_folder(options, against_private);
 
   print_interfaces(host);
   print_judgement("host", against_host);

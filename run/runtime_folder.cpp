@@ -3,7 +3,9 @@
 #include "run/report.h"
 #include "run/service_state.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -80,7 +82,7 @@ bool open_runtime_folder(const run_options &options) {
   const char *base = chosen_base(options);
   std::snprintf(Folder.data(), Folder.size(), "%s/%s", base, options.downstreams[0].data());
   if (!make_folder(base) || !make_folder(Folder.data())) {
-    say_refused(errno, "cannot make the folder %s", Folder.data());
+    say_refused(errno, "cannot make the folder %s (--runtime-folder names another)", Folder.data());
     return false;
   }
   if (!take_lock(options)) {
@@ -88,6 +90,20 @@ bool open_runtime_folder(const run_options &options) {
     return false;
   }
   return true;
+}
+
+bool can_make_runtime_folder(const run_options &options, file_path &refusing) {
+  const char *base = chosen_base(options);
+  const char *slash = std::strrchr(base, '/');
+  if (access(base, F_OK) == 0) {
+    std::snprintf(refusing.data(), refusing.size(), "%s", base);
+  } else if (slash == nullptr) {
+    refusing = {'.'};
+  } else {
+    std::snprintf(refusing.data(), refusing.size(), "%.*s", static_cast<int>(std::max<std::ptrdiff_t>(slash - base, 1)),
+                  base);
+  }
+  return access(refusing.data(), W_OK | X_OK) == 0;
 }
 
 file_path path_in_runtime_folder(const char *name) {

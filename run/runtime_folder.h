@@ -16,6 +16,9 @@ inline constexpr char SAVED_FLAGS_NAME[] = "flags";
 // Makes the folder and takes its lock. False after it has said why not: another supervisor serves the same interface.
 bool open_runtime_folder(const run_options &options);
 
+// Whether the folder could be made. False with errno and the folder that refuses it.
+bool can_make_runtime_folder(const run_options &options, file_path &refusing);
+
 // "/run/tarnwick/br0/NAME".
 file_path path_in_runtime_folder(const char *name);
 

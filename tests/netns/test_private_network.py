@@ -306,6 +306,13 @@ def test_explanation_sees_a_multicast_router_of_the_host(lab):
     assert stop(other) == 0
 
 
+def test_explanation_sees_that_the_runtime_folder_cannot_be_made(lab):
+    status, text = explain(lab, "wan0", "br0", "--runtime-folder=/nowhere/tarnwick")
+    assert status == 1
+    assert text.count("the folder /nowhere cannot be written to (No such file or directory): --runtime-folder names "
+                      "another") == 2, "for both networks"
+
+
 # Kernels may be built without it; then the words must say so.
 def test_ipvlan_upstream_keeps_the_parents_address_or_is_refused_in_words(lab):
     has_ipvlan = run(lab, "router", "sh", "-c", "ip link add x link wan0 type ipvlan 2>&1 || true").strip() == ""
