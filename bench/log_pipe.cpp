@@ -5,8 +5,10 @@
 #include "core/standard_streams.h"
 #include "run/log_reader.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -37,18 +39,34 @@ void read_and_drop(int descriptor) {
   }
 }
 
-void read_as_deployed(int descriptor) {
+namespace {
+
+int earlier(int one_ms, int other_ms) {
+  return one_ms < 0 ? other_ms : other_ms < 0 ? one_ms : std::min(one_ms, other_ms);
+}
+
+void read_in_supervisor(int descriptor, bool is_each_alone) {
   dup2(memfd_create("passed on", 0), STDERR_FILENO);
   open_log_sink(run_options{});
   log_reader reader{};
   reader.descriptor = descriptor;
   reader.origin = log_origin::daemon;
   while (reader.descriptor >= 0) {
-    pollfd waited{reader.descriptor, POLLIN, 0};
-    poll(&waited, 1, ms_until_log_summary(now_ns() / 1'000'000));
-    read_log(reader);
+    const std::int64_t now_ms = now_ns() / 1'000'000;
+    pollfd waited{awaited_log(reader, now_ms), POLLIN, 0};
+    poll(&waited, 1, earlier(ms_until_log_summary(now_ms), ms_until_log_rest_ends(reader, now_ms)));
+    if (waited.revents != 0) {
+      read_log(reader);
+      reader.read_at_ms = is_each_alone ? 0 : reader.read_at_ms;
+    }
   }
 }
+
+} // namespace
+
+void read_as_deployed(int descriptor) { read_in_supervisor(descriptor, false); }
+
+void read_each_alone(int descriptor) { read_in_supervisor(descriptor, true); }
 
 FILE *open_pipe_with_reader(std::size_t processor, void (*read_all)(int descriptor), pid_t *reader) {
   std::array<int, 2> ends;

@@ -8,9 +8,11 @@
 // Has no effect if there is no processor of that number.
 void stay_on_processor(std::size_t number);
 
-// Readers: one that takes what comes, and one that does with it what the supervisor does (its sink: a file in memory).
+// Readers: one that takes what comes; one that does with it what the supervisor does (its sink: a file in memory); and
+// one that takes everything for the first in a long time, as the supervisor takes a report that comes alone.
 void read_and_drop(int descriptor);
 void read_as_deployed(int descriptor);
+void read_each_alone(int descriptor);
 
 // A pipe as the daemon makes it of its standard output, and a reader on that processor. `reader`, if not null, becomes
 // its process.

@@ -159,13 +159,15 @@ bool read_once(log_reader &reader) {
   return static_cast<std::size_t>(length) == bytes.size();
 }
 
-void read_some(log_reader &reader, int most_reads) {
+// False: more may be there.
+bool read_some(log_reader &reader, int most_reads) {
   Now_ms = monotonic_ms();
   write_due_log_summary(Now_ms);
   while (reader.descriptor >= 0 && most_reads > 0 && read_once(reader)) {
     --most_reads;
   }
   flush_log_lines();
+  return most_reads > 0;
 }
 
 } // namespace
@@ -199,7 +201,23 @@ void take_log_bytes(log_reader &reader, std::string_view bytes) {
   keep(reader, bytes);
 }
 
-void read_log(log_reader &reader) { read_some(reader, reads_at_once); }
+void read_log(log_reader &reader) {
+  const bool is_all_read = read_some(reader, reads_at_once);
+  const bool is_burst = Now_ms - reader.read_at_ms <= LOG_REST_MS;
+  reader.read_at_ms = Now_ms;
+  if (is_all_read && is_burst) {
+    reader.rests_until_ms = Now_ms + LOG_REST_MS;
+  }
+}
+
+int awaited_log(const log_reader &reader, std::int64_t now_ms) {
+  return now_ms < reader.rests_until_ms ? -1 : reader.descriptor;
+}
+
+int ms_until_log_rest_ends(const log_reader &reader, std::int64_t now_ms) {
+  const bool rests = reader.descriptor >= 0 && now_ms < reader.rests_until_ms;
+  return rests ? static_cast<int>(reader.rests_until_ms - now_ms) : -1;
+}
 
 void close_log_reader(log_reader &reader) {
   read_some(reader, reads_of_an_ended);

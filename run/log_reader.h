@@ -8,6 +8,7 @@
 #include <cstdint>
 
 inline constexpr std::size_t LONGEST_LOG_LINE = 1024;
+inline constexpr std::int64_t LOG_REST_MS = 10;
 
 struct log_reader {
   int descriptor; // -1 = closed
@@ -15,6 +16,8 @@ struct log_reader {
   std::array<char, LONGEST_LOG_LINE> line; // the beginning of a line whose end has not come yet
   std::size_t length;
   bool is_skipping; // the rest of a line that was too long
+  std::int64_t read_at_ms; // the last time
+  std::int64_t rests_until_ms;
 };
 
 // Makes the pipe. `write_end` is for the child and not passed on by exec (the child dup2()s it). False after it has
@@ -24,8 +27,16 @@ bool open_log_reader(log_reader &reader, log_origin origin, int &write_end);
 // Which lines of the daemon are passed on from now on. Those of the companion always are, unless it is none.
 void choose_log_lines(log_choice choice);
 
-// Reads what is there without waiting, at most a bounded amount, and passes it on. Closes at the end of input.
+// Reads what is there without waiting, at most a bounded amount, and passes it on. Closes at the end of input. Once it
+// has read everything it rests for LOG_REST_MS, if it was woken no longer than that ago, too: in a burst of reports the
+// lines gather and do not wake the supervisor one report at a time.
 void read_log(log_reader &reader);
+
+// For poll: the descriptor, -1 while the reader rests.
+int awaited_log(const log_reader &reader, std::int64_t now_ms);
+
+// For poll: milliseconds until the rest ends; -1 = it does not rest.
+int ms_until_log_rest_ends(const log_reader &reader, std::int64_t now_ms);
 
 // What read_log does with what it has read.
 void take_log_bytes(log_reader &reader, std::string_view bytes);

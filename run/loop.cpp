@@ -65,25 +65,34 @@ void serve_signals(int signals, std::int64_t now_ms) {
   }
 }
 
-// For poll: milliseconds until the earlier of both; -1 = none is due.
+// For poll, where -1 = never.
+int earlier(int one_ms, int other_ms) {
+  return one_ms < 0 ? other_ms : other_ms < 0 ? one_ms : std::min(one_ms, other_ms);
+}
+
+int ms_until_log_is_due(std::int64_t now_ms) {
+  return earlier(ms_until_log_summary(now_ms), earlier(ms_until_log_rest_ends(ProgramPair.daemon_log, now_ms),
+                                                       ms_until_log_rest_ends(ProgramPair.companion_log, now_ms)));
+}
+
 int ms_to_wait(std::int64_t next_ms, std::int64_t now_ms) {
-  const std::int64_t longest_ms = 60L * 60 * 1000; // poll takes an int
-  const int summary_ms = ms_until_log_summary(now_ms);
+  constexpr std::int64_t longest_ms = 60L * 60 * 1000; // poll takes an int
+  const int log_ms = ms_until_log_is_due(now_ms);
   if (next_ms == NEVER_MS) {
-    return summary_ms;
+    return log_ms;
   }
-  const auto wait_ms = static_cast<int>(std::clamp<std::int64_t>(next_ms - now_ms, 0, longest_ms));
-  return summary_ms < 0 ? wait_ms : std::min(wait_ms, summary_ms);
+  return earlier(static_cast<int>(std::clamp<std::int64_t>(next_ms - now_ms, 0, longest_ms)), log_ms);
 }
 
 void run_until_ended(int signals, int events) {
   std::int64_t next_ms = advance_supervision(monotonic_ms());
   while (Supervisor.phase != supervisor_phase::ended) {
+    const std::int64_t waits_from_ms = monotonic_ms();
     std::array<pollfd, 4> watched{{{signals, POLLIN, 0},
                                    {events, POLLIN, 0},
-                                   {ProgramPair.daemon_log.descriptor, POLLIN, 0},
-                                   {ProgramPair.companion_log.descriptor, POLLIN, 0}}};
-    const int count = poll(watched.data(), watched.size(), ms_to_wait(next_ms, monotonic_ms()));
+                                   {awaited_log(ProgramPair.daemon_log, waits_from_ms), POLLIN, 0},
+                                   {awaited_log(ProgramPair.companion_log, waits_from_ms), POLLIN, 0}}};
+    const int count = poll(watched.data(), watched.size(), ms_to_wait(next_ms, waits_from_ms));
     const std::int64_t now_ms = monotonic_ms();
     // Lines first: they say why a child has ended.
     if (count > 0 && watched[2].revents != 0) {

@@ -15,6 +15,7 @@ from kernel_view import ANY
 from laboratory import BR0_MAC, PROGRAMS, configure, log_of, run, start, stop, wait_for, wait_for_end
 from proxy import TWO_CAPABILITIES, is_sanitized, private_kilobytes, start_daemon
 from supervisor import NOTHING, leftovers
+from traffic import program
 
 DEADLINE_S = 30
 CAP_NET_ADMIN_AND_RAW = 1 << 12 | 1 << 13  # linux/capability.h
@@ -167,6 +168,18 @@ def test_idle_supervisor_sleeps_and_all_three_need_little_memory(lab, record_pro
         kilobytes = {name: private_kilobytes(type("Process", (), {"pid": pid})) for name, pid in pids.items()}
         record_property("private_kilobytes", kilobytes)
         assert sum(kilobytes.values()) <= MOST_PRIVATE_KILOBYTES
+    assert stop(supervised) == 0
+
+
+def test_burst_of_reports_wakes_the_supervisor_hundred_times_a_second_at_most(lab, record_property):
+    supervised = supervisor.start(lab, "--log=all")
+    before, start_s = wake_ups(supervised.pid), time.monotonic()
+    reports = start(lab, "host2", program("mld_flood"), "-i", "eth0", "-k", "churn", "-n", "2000", "-r", "1000")
+    assert wait_for_end(reports, DEADLINE_S) == 0
+    seconds = time.monotonic() - start_s
+    count = wake_ups(supervised.pid) - before
+    record_property("wake_ups_a_second", count / seconds)
+    assert count <= 130 * seconds + 30  # besides its rests: the daemon's queries, the companion's lines
     assert stop(supervised) == 0
 
 

@@ -52,6 +52,44 @@ TEST_F(log_reading, what_is_not_printable_becomes_a_question_mark) {
   EXPECT_EQ(passed_on(), daemon_line('D', "a?[2Jb?c?d???") + "\n");
 }
 
+TEST_F(log_reading, two_reports_in_a_moment_make_it_rest_and_one_does_not) {
+  daemon_prints(daemon_line('D', "one") + "\n");
+  read_log(reader);
+  EXPECT_EQ(ms_until_log_rest_ends(reader, reader.read_at_ms), -1);
+  EXPECT_EQ(awaited_log(reader, reader.read_at_ms), reader.descriptor);
+  reader.read_at_ms -= LOG_REST_MS + 1000;
+  daemon_prints(daemon_line('D', "a second later") + "\n");
+  read_log(reader);
+  EXPECT_EQ(ms_until_log_rest_ends(reader, reader.read_at_ms), -1);
+  daemon_prints(daemon_line('D', "at once") + "\n");
+  for (int tries = 0; tries < 1000 && reader.rests_until_ms == 0; ++tries) {
+    read_log(reader); // again, where the machine stood still for longer than the rest
+  }
+  EXPECT_EQ(ms_until_log_rest_ends(reader, reader.read_at_ms), LOG_REST_MS);
+  EXPECT_EQ(awaited_log(reader, reader.read_at_ms), -1);
+  EXPECT_EQ(awaited_log(reader, reader.read_at_ms + LOG_REST_MS - 1), -1);
+  EXPECT_EQ(ms_until_log_rest_ends(reader, reader.read_at_ms + LOG_REST_MS - 1), 1);
+  EXPECT_EQ(awaited_log(reader, reader.read_at_ms + LOG_REST_MS), reader.descriptor);
+  EXPECT_EQ(ms_until_log_rest_ends(reader, reader.read_at_ms + LOG_REST_MS), -1);
+}
+
+TEST_F(log_reading, it_does_not_rest_while_more_is_there) {
+  const std::string line = daemon_line('D', std::string(500, 'x')) + "\n";
+  const std::size_t more_than_it_reads_at_once = 200 * 1024;
+  ASSERT_GE(fcntl(write_end, F_SETPIPE_SZ, 1024 * 1024), 1024 * 1024);
+  for (std::size_t written = 0; written < more_than_it_reads_at_once; written += line.size()) {
+    daemon_prints(line);
+  }
+  read_log(reader);
+  passed_on();
+  reader.read_at_ms += 1000; // as if it had been just now, however slow the machine
+  reader.rests_until_ms = 0;
+  daemon_prints(std::string(more_than_it_reads_at_once, 'y'));
+  read_log(reader);
+  EXPECT_EQ(ms_until_log_rest_ends(reader, reader.read_at_ms), -1);
+  EXPECT_EQ(awaited_log(reader, reader.read_at_ms), reader.descriptor);
+}
+
 TEST_F(log_reading, end_of_the_daemon_passes_its_last_line_and_closes) {
   daemon_prints(daemon_line('E', "no newline behind it"));
   close(write_end);
