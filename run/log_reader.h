@@ -27,9 +27,9 @@ bool open_log_reader(log_reader &reader, log_origin origin, int &write_end);
 // Which lines of the daemon are passed on from now on. Those of the companion always are, unless it is none.
 void choose_log_lines(log_choice choice);
 
-// Reads what is there without waiting, at most a bounded amount, and passes it on. Closes at the end of input. Once it
-// has read everything it rests for LOG_REST_MS, if it was woken no longer than that ago, too: in a burst of reports the
-// lines gather and do not wake the supervisor one report at a time.
+// Reads what is there without waiting, at most a bounded amount, and passes it on. Closes at the end of input. When it
+// has read everything, and the read before was at most LOG_REST_MS ago, it rests for as long: the lines of a burst of
+// reports gather and do not wake the supervisor for each.
 void read_log(log_reader &reader);
 
 // For poll: the descriptor, -1 while the reader rests.

@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from programs import PROJECT
+from programs import PROGRAMS, PROJECT
 
 NAMES = ["tarnwick", "tarnwick-assist", "tarnwick-run", "tarnwick-status"]
 PRELOADED = "libtarnwick-smooth.so"
@@ -13,30 +13,21 @@ PRELOADED = "libtarnwick-smooth.so"
 LIBC = {"native": ["libc.so.6"], "mipsel": ["libc.so.6", "ld.so.1"], "musl": ["libc.so"], "static": []}
 
 
-# As the preset for routers builds them, but without optimisation across files, which takes long.
-def build_for_size(folder):
-    make = ["cmake", "-S", PROJECT, "-B", folder, "-DCMAKE_BUILD_TYPE=MinSizeRel"]
-    subprocess.run(make, check=True, capture_output=True)
-    subprocess.run(["cmake", "--build", folder, "-j2", "--target", *NAMES, "tarnwick-smooth"], check=True,
-                   capture_output=True)
-    return folder
-
-
 @pytest.fixture(scope="module", name="kind", params=LIBC)
 def kind_of_build(request):
     return request.param
 
 
-# Those for musl are the ones that run in the namespace tests, those for mipsel the board's.
+# Those that other tests run: in the namespace tests, and on the board.
 @pytest.fixture(scope="module", name="folder")
-def release_build(kind, tmp_path_factory):
+def release_build(kind):
     if kind in ("musl", "static"):
         subprocess.run([PROJECT / "scripts" / "musl", "build"], check=True, capture_output=True)
         return PROJECT / "build" / kind
     if kind == "mipsel":
         subprocess.run([PROJECT / "scripts" / "test-boards", "--build", kind], check=True, capture_output=True)
         return PROJECT / "build" / "boards" / kind / "programs"
-    return build_for_size(tmp_path_factory.mktemp("built"))
+    return PROGRAMS
 
 
 def read(program, *what):
