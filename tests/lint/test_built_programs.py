@@ -92,7 +92,7 @@ def test_overrun_of_the_stack_ends_the_program(kind, folder, name):
 @pytest.mark.parametrize("name", NAMES)
 def test_calls_with_a_known_size_are_checked_where_the_library_can(kind, folder, name):
     checked = {symbol for symbol in imported(folder / name) if re.fullmatch(r"__\w+_chk", symbol)}
-    assert bool(checked) == (kind in ("native", "mipsel"))
+    assert bool(checked) == (kind == "mipsel")  # musl has no such functions, and native is a build for tests
 
 
 @pytest.mark.parametrize("name", NAMES)

@@ -70,6 +70,14 @@ def test_programs_need_libc_alone(package, tmp_path):
         assert re.findall(r"\(NEEDED\).*\[(.*)\]", shown) == ["libc.so.6"], path
 
 
+def test_calls_with_a_known_size_are_checked(package, tmp_path):
+    root = unpacked(package, tmp_path)
+    for path in PROGRAMS:
+        shown = subprocess.run(["readelf", "--wide", "--dyn-syms", root / path], check=True, capture_output=True,
+                               text=True).stdout
+        assert re.search(r" UND __\w+_chk@", shown), path
+
+
 def test_debug_symbols_are_in_a_package_of_their_own(packages):
     symbols = package_of(packages, "tarnwick-dbgsym")
     assert field(symbols, "Depends") == f"tarnwick (= {field(package_of(packages, 'tarnwick'), 'Version')})"
