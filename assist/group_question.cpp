@@ -152,8 +152,7 @@ bool covers(const mld_query_fields &query, const group_question &question) {
     return false;
   }
   const std::span<const ipv6_address> removed = std::span{question.removed}.first(question.removed_count);
-  return std::ranges::all_of(removed,
-                     [&](const ipv6_address &source) { return is_listed(source, query.sources); });
+  return std::ranges::all_of(removed, [&](const ipv6_address &source) { return is_listed(source, query.sources); });
 }
 
 bool is_among(const watched_interface &watched, mif_set outputs) {

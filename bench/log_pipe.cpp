@@ -4,8 +4,8 @@
 #include "bench/network.h"
 #include "core/standard_streams.h"
 #include "run/log_reader.h"
+#include "run/poll_wait.h"
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdint>
@@ -41,10 +41,6 @@ void read_and_drop(int descriptor) {
 
 namespace {
 
-int earlier(int one_ms, int other_ms) {
-  return one_ms < 0 ? other_ms : other_ms < 0 ? one_ms : std::min(one_ms, other_ms);
-}
-
 void read_in_supervisor(int descriptor, bool is_each_alone) {
   dup2(memfd_create("passed on", 0), STDERR_FILENO);
   open_log_sink(run_options{});
@@ -54,7 +50,7 @@ void read_in_supervisor(int descriptor, bool is_each_alone) {
   while (reader.descriptor >= 0) {
     const std::int64_t now_ms = now_ns() / 1'000'000;
     pollfd waited{awaited_log(reader, now_ms), POLLIN, 0};
-    poll(&waited, 1, earlier(ms_until_log_summary(now_ms), ms_until_log_rest_ends(reader, now_ms)));
+    poll(&waited, 1, shorter_wait(ms_until_log_summary(now_ms), ms_until_log_rest_ends(reader, now_ms)));
     if (waited.revents != 0) {
       read_log(reader);
       reader.read_at_ms = is_each_alone ? 0 : reader.read_at_ms;

@@ -2,6 +2,7 @@
 
 #include "run/link_events.h"
 #include "run/log_reader.h"
+#include "run/poll_wait.h"
 #include "run/report.h"
 #include "run/supervisor.h"
 
@@ -65,14 +66,10 @@ void serve_signals(int signals, std::int64_t now_ms) {
   }
 }
 
-// For poll, where -1 = never.
-int earlier(int one_ms, int other_ms) {
-  return one_ms < 0 ? other_ms : other_ms < 0 ? one_ms : std::min(one_ms, other_ms);
-}
-
 int ms_until_log_is_due(std::int64_t now_ms) {
-  return earlier(ms_until_log_summary(now_ms), earlier(ms_until_log_rest_ends(ProgramPair.daemon_log, now_ms),
-                                                       ms_until_log_rest_ends(ProgramPair.companion_log, now_ms)));
+  const int rest_ms = shorter_wait(ms_until_log_rest_ends(ProgramPair.daemon_log, now_ms),
+                                   ms_until_log_rest_ends(ProgramPair.companion_log, now_ms));
+  return shorter_wait(ms_until_log_summary(now_ms), rest_ms);
 }
 
 int ms_to_wait(std::int64_t next_ms, std::int64_t now_ms) {
@@ -81,7 +78,7 @@ int ms_to_wait(std::int64_t next_ms, std::int64_t now_ms) {
   if (next_ms == NEVER_MS) {
     return log_ms;
   }
-  return earlier(static_cast<int>(std::clamp<std::int64_t>(next_ms - now_ms, 0, longest_ms)), log_ms);
+  return shorter_wait(static_cast<int>(std::clamp<std::int64_t>(next_ms - now_ms, 0, longest_ms)), log_ms);
 }
 
 void run_until_ended(int signals, int events) {

@@ -130,6 +130,15 @@ void print_links(const considered_host &host) {
   }
 }
 
+// Whoever asks need not be the one who will run it, so that rights are not judged.
+void judge_runtime_folder(const run_options &options, reason_list &against) {
+  file_path refusing;
+  if (!can_make_runtime_folder(options, refusing) && errno != EACCES) {
+    add_reason(against, "the folder %s cannot be written to (%s): --runtime-folder names another", refusing.data(),
+               std::strerror(errno));
+  }
+}
+
 void print_judgement(const char *mode, const reason_list &against) {
   std::printf("\n--network=%s would %s\n", mode, against.count == 0 ? "work:" : "not work:");
   for (std::size_t i = 0; i < against.count; ++i) {
@@ -178,19 +187,6 @@ void judge_private_network(const considered_host &host, reason_list &against) {
     }
   }
 }
-
-namespace {
-
-// Whoever asks need not be the one who will run it, so that rights are not judged.
-void judge_runtime_folder(const run_options &options, reason_list &against) {
-  file_path refusing;
-  if (!can_make_runtime_folder(options, refusing) && errno != EACCES) {
-    add_reason(against, "the folder %s cannot be written to (%s): --runtime-folder names another", refusing.data(),
-               std::strerror(errno));
-  }
-}
-
-} // namespace
 
 int explain_networks(const run_options &options) {
   considered_host host;
