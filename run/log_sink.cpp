@@ -35,7 +35,7 @@ struct line_batch {
 
 sink Sink = sink::standard_error;
 bool HasFile = false;
-line_batch ForReader; // standard error or the journal
+line_batch ForReader; // standard error, the journal or syslog(3)
 line_batch ForFile;
 std::uint64_t LostLines = 0;
 
@@ -75,19 +75,22 @@ void put_line(line_batch &batch, std::string_view line) {
   ++batch.lines;
 }
 
+void make_empty(line_batch &batch) {
+  batch.length = 0;
+  batch.lines = 0;
+}
+
 void write_to_reader() {
   if (ForReader.length > 0 &&
       write(STDERR_FILENO, ForReader.text.data(), ForReader.length) != static_cast<ssize_t>(ForReader.length)) {
     LostLines += ForReader.lines;
   }
-  ForReader.length = 0;
-  ForReader.lines = 0;
+  make_empty(ForReader);
 }
 
 void write_to_file() {
   append_to_log_file({ForFile.text.data(), ForFile.length});
-  ForFile.length = 0;
-  ForFile.lines = 0;
+  make_empty(ForFile);
 }
 
 // "2026-11-22 00:59:24 ", local time.
@@ -126,9 +129,9 @@ void append_for_reader(log_origin origin, log_priority priority, std::string_vie
 }
 
 void send_to_system_log(log_priority priority, std::string_view line) {
-  line_batch printable{};
-  put_line(printable, line);
-  syslog(static_cast<int>(priority), "%.*s", static_cast<int>(line.size()), printable.text.data());
+  put_line(ForReader, line);
+  syslog(static_cast<int>(priority), "%.*s", static_cast<int>(line.size()), ForReader.text.data());
+  make_empty(ForReader);
 }
 
 } // namespace
