@@ -23,14 +23,16 @@ constexpr std::array<int, 3> wanted_groups{RTNLGRP_LINK, RTNLGRP_IPV6_NETCONF, R
 constexpr std::size_t buffer_size = 32768;
 constexpr int most_at_once = 64;
 
-alignas(NLMSG_ALIGNTO) std::array<std::byte, buffer_size> notification_buffer;
-
 // An answer holds a handful of numbers. It has a buffer of its own: questions come up while a notification is handled.
 constexpr std::size_t answer_size = 1024;
 
 // The kernel fills a part of a table up to a page of its own, at most 8 KiB.
 constexpr std::size_t table_part_size = 8192;
 constexpr int most_table_parts = 4096;
+
+// A notification, and behind it the part of the table that may be read while it is handled: both seldom fill a page.
+alignas(NLMSG_ALIGNTO) std::array<std::byte, buffer_size + table_part_size> from_kernel;
+std::size_t notification_length = 0;
 
 struct table_question {
   nlmsghdr header;
@@ -118,7 +120,7 @@ bool send_table_question(int socket) {
 
 // The kernel makes the next part while it hands over the one before, so each is there already.
 bool read_table(int socket) {
-  alignas(NLMSG_ALIGNTO) std::array<std::byte, table_part_size> buffer;
+  const auto buffer = std::span{from_kernel}.subspan(NLMSG_ALIGN(notification_length), table_part_size);
   for (int i = 0; i < most_table_parts; ++i) {
     netlink_bytes rest;
     if (!receive_from_kernel(socket, buffer, rest)) {
@@ -164,9 +166,10 @@ int open_notification_socket() {
 notification_state handle_notifications(int socket) {
   for (int i = 0; i < most_at_once; ++i) {
     netlink_bytes rest;
-    if (!receive_from_kernel(socket, notification_buffer, rest)) {
+    if (!receive_from_kernel(socket, std::span{from_kernel}.first(buffer_size), rest)) {
       return state_after_failure(errno);
     }
+    notification_length = rest.size();
     for (notification event; next_notification(rest, event);) {
       handle_notification(event);
     }
