@@ -4,6 +4,7 @@
 #include "assist/remedy.h"
 #include "assist/retry.h"
 #include "assist/static_entry.h"
+#include "core/bulk_memory.h"
 
 #include <algorithm>
 #include <linux/mroute6.h>
@@ -27,7 +28,7 @@ constexpr std::int64_t end_quiet_ms = 5000;
 // The daemon ends a group at the earliest 12 s after the leave; answers to another querier must come before.
 constexpr std::uint32_t longest_response_ms = 10000;
 
-std::array<group_question, most_questions> questions;
+IN_BULK_MEMORY std::array<group_question, most_questions> questions;
 
 bool is_pending(const group_question &question) {
   return question.index != 0 && (question.leave_due_ms != NO_DEADLINE || question.end_due_ms != NO_DEADLINE);

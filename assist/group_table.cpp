@@ -1,8 +1,9 @@
 #include "assist/group_table.h"
 
+#include "core/bulk_memory.h"
 #include <algorithm>
 
-group_table GroupTable{};
+IN_BULK_MEMORY group_table GroupTable{};
 
 static_assert(sizeof(watched_group) <= 288);
 

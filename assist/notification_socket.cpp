@@ -5,6 +5,7 @@
 #include "assist/notification.h"
 #include "assist/report.h"
 #include "assist/retry.h"
+#include "core/bulk_memory.h"
 
 #include <array>
 #include <cerrno>
@@ -31,7 +32,7 @@ constexpr std::size_t table_part_size = 8192;
 constexpr int most_table_parts = 4096;
 
 // A notification, and behind it the part of the table that may be read while it is handled: both seldom fill a page.
-alignas(NLMSG_ALIGNTO) std::array<std::byte, buffer_size + table_part_size> from_kernel;
+alignas(NLMSG_ALIGNTO) IN_BULK_MEMORY std::array<std::byte, buffer_size + table_part_size> from_kernel;
 std::size_t notification_length = 0;
 
 struct table_question {

@@ -1,5 +1,6 @@
 #include "platform/nvram_file.h"
 
+#include "core/bulk_memory.h"
 #include "platform/nvram.h"
 
 #include <array>
@@ -13,12 +14,12 @@ namespace {
 
 // The file as read, cut into NUL-terminated lines; values are handed out as pointers into it.
 struct nvram_store {
-  std::array<char, NVRAM_FILE_LIMIT_BYTES + 1> text;
   std::size_t length;
   bool is_loaded;
+  std::array<char, NVRAM_FILE_LIMIT_BYTES + 1> text;
 };
 
-nvram_store Store;
+IN_BULK_MEMORY nvram_store Store;
 
 const char *nvram_path() {
   const char *chosen = std::getenv(NVRAM_PATH_VARIABLE);

@@ -1,5 +1,6 @@
 #include "run/log_reader.h"
 
+#include "core/bulk_memory.h"
 #include "core/text_part.h"
 #include "run/log_filter.h"
 #include "run/log_line.h"
@@ -144,7 +145,7 @@ void handle_end_of_line(log_reader &reader, std::string_view rest) {
 
 // False: nothing more is there now, or ever.
 bool read_once(log_reader &reader) {
-  static std::array<char, read_bytes> bytes;
+  IN_BULK_MEMORY static std::array<char, read_bytes> bytes;
   const ssize_t length = read(reader.descriptor, bytes.data(), bytes.size());
   if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
     return false;

@@ -1,5 +1,6 @@
 #include "run/log_sink.h"
 
+#include "core/bulk_memory.h"
 #include "core/text_part.h"
 #include "run/log_file.h"
 #include "run/report.h"
@@ -35,8 +36,8 @@ struct line_batch {
 
 sink Sink = sink::standard_error;
 bool HasFile = false;
-line_batch ForReader; // standard error, the journal or syslog(3)
-line_batch ForFile;
+IN_BULK_MEMORY line_batch ForReader; // standard error, the journal or syslog(3)
+IN_BULK_MEMORY line_batch ForFile;
 std::uint64_t LostLines = 0;
 
 // Whether standard error is the stream that the service manager has opened to its journal (systemd.exec(5)).

@@ -1,5 +1,6 @@
 #include "run/netlink_exchange.h"
 
+#include "core/bulk_memory.h"
 #include "run/namespace_visit.h"
 
 #include <array>
@@ -11,7 +12,7 @@ namespace {
 // The kernel's own measure for a netlink buffer is 8 KiB; a link with many properties may take more.
 constexpr std::size_t buffer_size = 32768;
 
-alignas(NLMSG_ALIGNTO) std::array<std::byte, buffer_size> AnswerBuffer;
+alignas(NLMSG_ALIGNTO) IN_BULK_MEMORY std::array<std::byte, buffer_size> AnswerBuffer;
 
 } // namespace
 

@@ -9,6 +9,7 @@ from programs import PROGRAMS, PROJECT
 
 NAMES = ["tarnwick", "tarnwick-assist", "tarnwick-run", "tarnwick-status"]
 PRELOADED = "libtarnwick-smooth.so"
+PAGE_BYTES = 4096
 # On MIPS libc's own loader holds the value that the stack protector compares.
 LIBC = {"native": ["libc.so.6"], "mipsel": ["libc.so.6", "ld.so.1"], "musl": ["libc.so"], "static": []}
 
@@ -48,6 +49,13 @@ def code_of(program):
 
 def needed(program):
     return re.findall(r"\(NEEDED\).*\[(.*)\]", read(program, "--dynamic"))
+
+
+def sizes_of_cleared_variables(program):
+    """By address: those in .bss."""
+    section = re.search(r"\[ *(\d+)\] \.bss ", read(program, "--sections")).group(1)
+    found = re.findall(rf": ([0-9a-f]+) +(\d+) OBJECT .* {section} ", read(program, "--symbols"))
+    return [size for _, size in sorted((int(address, 16), int(size)) for address, size in found)]
 
 
 @pytest.mark.parametrize("name", NAMES)
@@ -99,3 +107,10 @@ def test_calls_with_a_known_size_are_checked_where_the_library_can(kind, folder,
 def test_functions_begin_with_a_landing_pad_where_the_processor_checks_it(folder, name):
     if is_built_for(folder / name, "X86-64"):
         assert "endbr64" in re.search(r"^[0-9a-f]+ <main>:\n.*\n", code_of(folder / name), re.MULTILINE).group()
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_large_arrays_stand_behind_all_other_variables(folder, name):
+    are_large = [size >= PAGE_BYTES for size in sizes_of_cleared_variables(folder / name)]
+    assert True in are_large and False in are_large
+    assert are_large == sorted(are_large)
