@@ -31,7 +31,10 @@ LINE_RATE = 20_000
 
 def start_lan(make_lab, *without):
     """Two LANs, the daemon and a companion that leaves some remedies out."""
-    lab = make_lab(second_lan=True)
+    return start_on_both_lans(make_lab(second_lan=True), *without)
+
+
+def start_on_both_lans(lab, *without):
     start_daemon(lab, "-u", "wan0", "-d", LANS)
     lab.companion = start_companion(lab, LANS, without=without)
     return lab

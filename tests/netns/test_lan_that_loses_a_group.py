@@ -10,7 +10,7 @@ import frames
 import kernel_view
 from kernel_view import ANY
 from laboratory import DeadlineMissed, log_of, run, stop, wait_for, wait_for_end
-from test_assist_entries import END_DEADLINE_S, GROUP, start_lan, wait_for_outputs
+from test_assist_entries import END_DEADLINE_S, GROUP, start_lan, start_on_both_lans, wait_for_outputs
 from traffic import (MLD_V1_REPORT, capture, listen, mld_messages, mute, queries, received, send_frame, start_stream,
                      unmute, wait_until_all_is_said)
 
@@ -53,8 +53,10 @@ def lost(lab):
 
 def start_version_1_viewing(make_lab, *without):
     """The viewer speaks version 1; another host of its LAN speaks version 2."""
-    lab = start_lan(make_lab, *without)
+    lab = make_lab(second_lan=True)
+    # Set later, it would not change the answer to a query that has come already.
     run(lab, "host1", "sysctl", "-q", "net.ipv6.conf.eth0.force_mld_version=1")
+    start_on_both_lans(lab, *without)
     viewers, (lab.leaver,) = view_on_both(lab, "host2")
     wait_for(lambda: any(mld.group == GROUP for mld in mld_messages(lab.at_viewer, MLD_V1_REPORT)), what="version 1")
     wait_until_all_is_said(viewers[0], lab.leaver)

@@ -164,8 +164,8 @@ def test_reason_of_the_last_failed_start_is_told(lab):
 
 
 def test_hosts_that_report_are_told_with_their_version(lab):
-    check_lab.start_programs(lab)
     laboratory.run(lab, "host2", "sysctl", "-q", "net.ipv6.conf.eth0.force_mld_version=1")
+    check_lab.start_programs(lab)
     traffic.listen(lab, "host2", check_lab.STREAM)
     only_v1 = rf"1 host on br0 reported {check_lab.STREAM}, {laboratory.HOST_LINK_LOCAL['host2']} .* \(MLDv1\): only MLDv1"
     check_lab.wait_for_finding(lab, only_v1, check_lab.STREAM)
